@@ -1,0 +1,100 @@
+#include "KQZipCentralDirectoryFileHeader.h"
+
+#include "../KQZipError.h"
+#include "../KQZipStreamPrimitives.h"
+#include "../KQZipTextBlock.h"
+
+static constexpr std::uint32_t saturated = 0xFFFFFFFF;
+
+KQZipCentralDirectoryFileHeader::KQZipCentralDirectoryFileHeader() : fileComment_("") {}
+
+std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader::initWithStream(
+    KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  auto header = std::make_shared<KQZipCentralDirectoryFileHeader>();
+  return header->_parseLogged(stream, error) ? header : nullptr;
+}
+
+void KQZipCentralDirectoryFileHeader::copyPropertiesFromHeader(const KQZipFileEntry& header) {
+  KQZipFileEntry::copyPropertiesFromHeader(header);
+  // The reverse of what the name suggests, and meant: the write below sets the right value.
+  const std::uint64_t offset = header.offset();
+  offsetOfLocalHeader_ = offset >> 32 == 0 ? saturated : static_cast<std::uint32_t>(offset);
+}
+
+bool KQZipCentralDirectoryFileHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  if (!KQZipFileEntry::writeToStream(stream, error)) return false;
+  _takeOffsetOfLocalHeader();
+  const std::string comment = fileComment().value_or("");
+  fileCommentLength_ = KQZipTextLength(comment);
+  return KQZipWriteBlock32(stream, &signature, error) &&                       // 0
+         KQZipWriteBlock16(stream, &versionMadeBy_, error) &&                  // 4
+         KQZipWriteBlock16(stream, &versionNeeded_, error) &&                  // 6
+         KQZipWriteBlock16(stream, &flags_, error) &&                          // 8
+         KQZipWriteBlock16(stream, &compression_, error) &&                    // 10
+         KQZipWriteBlock16(stream, &modTime_, error) &&                        // 12
+         KQZipWriteBlock16(stream, &modDate_, error) &&                        // 14
+         KQZipWriteBlock32(stream, &crc32_, error) &&                          // 16
+         KQZipWriteBlock32(stream, &compressedSize_, error) &&                 // 20
+         KQZipWriteBlock32(stream, &uncompressedSize_, error) &&               // 24
+         KQZipWriteBlock16(stream, &fileNameLength_, error) &&                 // 28
+         KQZipWriteBlock16(stream, &extraFieldLength_, error) &&               // 30
+         KQZipWriteBlock16(stream, &fileCommentLength_, error) &&              // 32
+         KQZipWriteBlock16(stream, &diskNumberStart_, error) &&                // 34
+         KQZipWriteBlock16(stream, &internalFileAttributes_, error) &&         // 36
+         KQZipWriteBlock32(stream, &externalFileAttributes_, error) &&         // 38
+         KQZipWriteBlock32(stream, &offsetOfLocalHeader_, error) &&            // 42
+         _writeNameAndExtraFields(stream, error) &&                            // 46
+         KQZipWriteBlockBytes(stream, comment.data(), comment.size(), error);  //
+}
+
+void KQZipCentralDirectoryFileHeader::_takeOffsetOfLocalHeader() {
+  const auto header = localHeader();
+  const std::uint64_t offset = header ? header->offset() : 0;
+  offsetOfLocalHeader_ = offset < saturated ? static_cast<std::uint32_t>(offset) : saturated;
+  // The last field with the id, where the preparation filled the first.
+  for (auto field = extraFields().rbegin(); field != extraFields().rend(); ++field) {
+    if ((*field)->fieldSignature() != KQZipExtraFieldZip64ExtendedInfo::identifier) continue;
+    if (const auto zip64Field = std::dynamic_pointer_cast<KQZipExtraFieldZip64ExtendedInfo>(*field)) {
+      zip64Field->setOffsetOfLocalHeaderRecord(offset);
+      return;
+    }
+  }
+}
+
+bool KQZipCentralDirectoryFileHeader::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  offset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
+  const bool methodRead =
+      KQZipReadBlock16(stream, &versionMadeBy_, error) && KQZipReadBlock16(stream, &versionNeeded_, error) &&
+      KQZipReadBlock16(stream, &flags_, error) && KQZipReadBlock16(stream, &compression_, error);
+  if (!methodRead) return false;
+  if (compression_ != 0)
+    return KQZipFail(error, KQZipErrorUnsupportedCompression, "File uses unsupported compression method.");
+  return KQZipReadBlock16(stream, &modTime_, error) &&                 // 4
+         KQZipReadBlock16(stream, &modDate_, error) &&                 // 6
+         KQZipReadBlock32(stream, &crc32_, error) &&                   // 8
+         KQZipReadBlock32(stream, &compressedSize_, error) &&          // 12
+         KQZipReadBlock32(stream, &uncompressedSize_, error) &&        // 16
+         KQZipReadBlock16(stream, &fileNameLength_, error) &&          // 20
+         KQZipReadBlock16(stream, &extraFieldLength_, error) &&        // 22
+         KQZipReadBlock16(stream, &fileCommentLength_, error) &&       // 24
+         KQZipReadBlock16(stream, &diskNumberStart_, error) &&         // 26
+         KQZipReadBlock16(stream, &internalFileAttributes_, error) &&  // 28
+         KQZipReadBlock32(stream, &externalFileAttributes_, error) &&  // 30
+         KQZipReadBlock32(stream, &offsetOfLocalHeader_, error) &&     // 34
+         _parseFileName(stream, error) &&                              // 38
+         _parseExtraFields(stream, error) &&                           //
+         _parseFileComment(stream, error);                             //
+}
+
+bool KQZipCentralDirectoryFileHeader::_parseFileComment(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  std::optional<std::string> comment;
+  if (!KQZipReadTextBlock(stream, fileCommentLength_, &comment, error)) return false;
+  setFileComment(std::move(comment));
+  return true;
+}
+
+std::uint64_t KQZipCentralDirectoryFileHeader::outputSize() const {
+  return 46 + _sizeOfNameAndExtraFields() + fileComment().value_or("").size();
+}
+
+const char* KQZipCentralDirectoryFileHeader::_className() const { return "KQZipCentralDirectoryFileHeader"; }

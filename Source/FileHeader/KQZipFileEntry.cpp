@@ -1,0 +1,252 @@
+#include "KQZipFileEntry.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include "../KQZipError.h"
+#include "../KQZipStreamPrimitives.h"
+#include "../KQZipTextBlock.h"
+#include "../Platform/NSLog.h"
+#include "../Platform/NSString.h"
+
+static constexpr std::uint64_t blockSize = 1048576;
+
+KQZipFileEntry::~KQZipFileEntry() = default;
+
+std::shared_ptr<KQZipFileEntry> KQZipFileEntry::initWithSourceFile(const std::string& path) {
+  auto entry = std::make_shared<KQZipFileEntry>();
+  entry->_setSourceFile(path);
+  return entry;
+}
+
+std::shared_ptr<KQZipFileEntry> KQZipFileEntry::initWithStream(KQ::NSInputStream& stream,
+                                                               KQ::NSErrorSlot error) {
+  auto entry = std::make_shared<KQZipFileEntry>();
+  return entry->_parseLogged(stream, error) ? entry : nullptr;
+}
+
+void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
+  versionNeeded_ = header.versionNeeded_;
+  flags_ = header.flags_;
+  compression_ = header.compression_;
+  setCrc32(header.crc32_);
+  compressedSize_ = header.compressedSize_;
+  uncompressedSize_ = header.uncompressedSize_;
+  fileNameLength_ = header.fileNameLength_;
+  extraFieldLength_ = header.extraFieldLength_;
+  setFileName(header.fileName());
+  fileNameLength_ = header.fileNameLength_;
+  setSourceFilePath(header.sourceFilePath());
+
+  std::vector<std::shared_ptr<KQZipExtraField>> copies;
+  copies.reserve(header.extraFields_.size());
+  for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
+  setExtraFields(std::move(copies));
+
+  // By way of the date, so that impossible fields are normalised in the copy.
+  setModificationDate(header.modificationDate());
+}
+
+bool KQZipFileEntry::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  offset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
+  return _prepareForWritingError(error);
+}
+
+bool KQZipFileEntry::parseFromStream(KQ::NSInputStream& /*stream*/, KQ::NSErrorSlot /*error*/) {
+  return true;
+}
+
+void KQZipFileEntry::addExtraField(std::shared_ptr<KQZipExtraField> field) {
+  extraFields_.push_back(std::move(field));
+}
+
+void KQZipFileEntry::setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields) {
+  extraFields_ = std::move(fields);
+}
+
+std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipFileEntry::findZip64InfoField() const {
+  for (const auto& field : extraFields_) {
+    if (field->fieldSignature() != KQZipExtraFieldZip64ExtendedInfo::identifier) continue;
+    if (auto zip64Field = std::dynamic_pointer_cast<KQZipExtraFieldZip64ExtendedInfo>(field))
+      return zip64Field;
+  }
+  return nullptr;
+}
+
+void KQZipFileEntry::setRelativePath(std::optional<std::string> path) {
+  fileNameLength_ = KQZipTextLength(path);
+  setFileName(std::move(path));
+}
+
+std::uint64_t KQZipFileEntry::dataLengthFromHeader() const {
+  const auto zip64Field = findZip64InfoField();
+  return zip64Field ? zip64Field->compressedSize() : compressedSize_;
+}
+
+std::uint64_t KQZipFileEntry::outputSize() const {
+  return 30 + _sizeOfNameAndExtraFields() + sourceFileSize_;
+}
+
+std::string KQZipFileEntry::description() const {
+  std::array<char, 32> identity{};
+  std::snprintf(identity.data(), identity.size(), "%p", static_cast<const void*>(this));
+  return KQ::stringWithFormat("<%@: %p path:%@ source:%@>",
+                              {_className(), identity.data(), fileName(), sourceFilePath()});
+}
+
+KQ::NSDate KQZipFileEntry::modificationDate() const {
+  KQ::NSDateComponents components;
+  components.second = (modTime_ * 2) & 62;
+  components.minute = (modTime_ >> 5) & 63;
+  components.hour = modTime_ >> 11;
+  components.day = modDate_ & 31;
+  components.month = (modDate_ >> 5) & 15;
+  components.year = (modDate_ >> 9) + 1980;
+  return KQ::NSCalendar::dateFromComponents(components);
+}
+
+void KQZipFileEntry::setModificationDate(KQ::NSDate date) {
+  const KQ::NSDateComponents components = KQ::NSCalendar::componentsFromDate(date);
+  modTime_ =
+      static_cast<std::uint16_t>(components.second >> 1 | components.minute << 5 | components.hour << 11);
+  // The bits of a year outside 1980 to 2107 that do not fit are dropped, nothing is clamped.
+  modDate_ =
+      static_cast<std::uint16_t>(components.day | components.month << 5 | ((components.year << 9) - 0x7800));
+}
+
+bool KQZipFileEntry::calculateCRCOfSourceFile() {
+  const std::optional<std::string> path = sourceFilePath();
+  const auto stream = path ? KQ::NSInputStream::inputStreamWithFileAtPath(*path) : nullptr;
+  if (!stream) {
+    KQ::NSLog(KQ::stringWithFormat("failed to calculate crc: failed to open stream at %@", {path}));
+    return false;
+  }
+  stream->open();
+
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
+  std::int64_t count = stream->read(buffer.get(), blockSize);
+  uLong crc = 0;
+  while (count > 0) {
+    if (progress_ && progress_->isCancelled()) return false;
+    crc = ::crc32(crc, buffer.get(), static_cast<uInt>(count));
+    count = stream->read(buffer.get(), blockSize);
+    // The first block is never counted and the last result always is, -1 after an error too. It is meant: the
+    // counts of a write are part of what callers see.
+    if (progress_) progress_->setCompletedUnitCount(progress_->completedUnitCount() + count);
+  }
+  stream->close();
+  setCrc32(static_cast<std::uint32_t>(crc));
+  return true;
+}
+
+void KQZipFileEntry::updateAttributesFromSourceFile() {
+  if (const auto attributes = _attributesOfSourceFile()) {
+    _updateModificationDateFromAttributes(*attributes);
+    _updateSourceFileSizeFromAttributes(*attributes);
+  }
+}
+
+void KQZipFileEntry::updateFileSize() {
+  if (const auto attributes = _attributesOfSourceFile()) _updateSourceFileSizeFromAttributes(*attributes);
+}
+
+void KQZipFileEntry::updateModificationDate() {
+  if (const auto attributes = _attributesOfSourceFile()) _updateModificationDateFromAttributes(*attributes);
+}
+
+void KQZipFileEntry::setCrc32(std::uint32_t value) {
+  crc32_ = value;
+  needsToCalculateCRC_ = false;
+}
+
+const char* KQZipFileEntry::_className() const { return "KQZipFileEntry"; }
+
+void KQZipFileEntry::_setSourceFile(const std::string& path) {
+  setSourceFilePath(path);
+  setFileName(path);
+}
+
+bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  if (parseFromStream(stream, error)) return true;
+  const std::shared_ptr<const KQ::NSError> none;
+  KQ::NSLog(
+      KQ::stringWithFormat("Failed to parse %@ from stream: %@", {_className(), error ? *error : none}));
+  return false;
+}
+
+bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
+  const std::optional<std::string> path = sourceFilePath();
+  if (!path) {
+    // Filled with no path, which is meant: there is none to name.
+    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat("Source file doesn't exist: %@", {path}));
+  }
+  if (needsToCalculateCRC() && !calculateCRCOfSourceFile())
+    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat("Can't calculate CRC of %@", {path}));
+  if (needsToUpdateAttributesFromSourceFile()) updateAttributesFromSourceFile();
+
+  fileNameLength_ = KQZipTextLength(fileName());
+  auto zip64Field = findZip64InfoField();
+  if (!zip64Field) {
+    zip64Field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
+    addExtraField(zip64Field);
+  }
+  zip64Field->setCompressedSize(sourceFileSize_);
+  zip64Field->setUncompressedSize(sourceFileSize_);
+  zip64Field->setOffsetOfLocalHeaderRecord(offset_);
+
+  extraFieldLength_ = 0;
+  for (const auto& field : extraFields_)
+    extraFieldLength_ = static_cast<std::uint16_t>(extraFieldLength_ + field->outputSize());
+  return true;
+}
+
+void KQZipFileEntry::_updateSourceFileSizeFromAttributes(const KQ::NSFileAttributes& attributes) {
+  sourceFileSize_ = attributes.NSFileSize.value_or(0);
+  needsToSetFileSize_ = false;
+}
+
+void KQZipFileEntry::_updateModificationDateFromAttributes(const KQ::NSFileAttributes& attributes) {
+  setModificationDate(attributes.NSFileModificationDate.value_or(KQ::NSDate()));
+  needsToSetModificationDate_ = false;
+}
+
+bool KQZipFileEntry::_parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  std::optional<std::string> name;
+  if (!KQZipReadTextBlock(stream, fileNameLength_, &name, error)) return false;
+  setFileName(std::move(name));
+  return true;
+}
+
+bool KQZipFileEntry::_parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  const auto position = [&stream] { return stream.NSStreamFileCurrentOffsetKey().value_or(0); };
+  // A field that runs past the end of the area is taken whole; what follows is read from where it ends.
+  for (const std::uint64_t start = position(); position() - start < extraFieldLength_;) {
+    auto field = KQZipExtraField::extraFieldWithStream(stream, error);
+    if (!field) return false;
+    addExtraField(std::move(field));
+  }
+  return true;
+}
+
+bool KQZipFileEntry::_writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const {
+  const std::string name = fileName().value_or("");
+  return KQZipWriteBlockBytes(stream, name.data(), name.size(), error) &&
+         std::all_of(extraFields_.begin(), extraFields_.end(),
+                     [&](const auto& field) { return field->writeToStream(stream, error); });
+}
+
+std::uint64_t KQZipFileEntry::_sizeOfNameAndExtraFields() const {
+  std::uint64_t size = fileName().value_or("").size();
+  for (const auto& field : extraFields_) size += field->outputSize();
+  return size;
+}
+
+std::optional<KQ::NSFileAttributes> KQZipFileEntry::_attributesOfSourceFile() const {
+  const std::optional<std::string> path = sourceFilePath();
+  auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
+  if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {path}));
+  return attributes;
+}

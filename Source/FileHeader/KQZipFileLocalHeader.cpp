@@ -1,0 +1,191 @@
+#include "KQZipFileLocalHeader.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "../KQZipError.h"
+#include "../KQZipStreamPrimitives.h"
+#include "../Platform/NSLog.h"
+#include "../Platform/NSString.h"
+#include "KQZipCentralDirectoryFileHeader.h"
+
+static constexpr std::uint64_t blockSize = 1048576;
+
+std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithSourceFile(const std::string& path) {
+  auto header = std::make_shared<KQZipFileLocalHeader>();
+  header->_setSourceFile(path);
+  header->addExtraField(std::make_shared<KQZipExtraFieldZip64ExtendedInfo>());
+  return header;
+}
+
+std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithStream(KQ::NSInputStream& stream,
+                                                                           KQ::NSErrorSlot error) {
+  auto header = std::make_shared<KQZipFileLocalHeader>();
+  return header->_parseLogged(stream, error) ? header : nullptr;
+}
+
+bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  const std::string path = sourceFilePath().value_or("");
+  const auto attributes = KQ::NSFileManager::attributesOfItemAtPath(path);
+  const std::uint64_t size = attributes ? attributes->NSFileSize.value_or(0) : 0;
+  // One pass for the CRC, one for the copy.
+  progress_ = KQ::NSProgress::progressWithTotalUnitCount(2 * std::min(KQ::NSUnitCount(size), INT64_MAX / 2));
+  progress_->setCancellable(true);
+  progress_->setPausable(false);
+  progress_->becomeCurrentWithPendingUnitCount(1);
+
+  // It is meant that the progress stays current when the preparation, the header or the opening of the source
+  // fails, and after a cancellation: a caller that resigns its own gets its thread back.
+  if (!KQZipFileEntry::writeToStream(stream, error) || !_writeHeader(stream, error)) return false;
+  const auto source = KQ::NSInputStream::inputStreamWithFileAtPath(path);
+  if (!source) {
+    KQ::NSLog(KQ::stringWithFormat("%@ failed to open file at %@", {description(), sourceFilePath()}));
+    return false;
+  }
+  source->open();
+  const bool copied = _copySourceFile(*source, stream, error);
+  source->close();
+  if (!progress_->isCancelled()) progress_->resignCurrent();
+  return copied;
+}
+
+bool KQZipFileLocalHeader::_writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const {
+  return KQZipWriteBlock32(stream, &signature, error) &&          // 0
+         KQZipWriteBlock16(stream, &versionNeeded_, error) &&     // 4
+         KQZipWriteBlock16(stream, &flags_, error) &&             // 6
+         KQZipWriteBlock16(stream, &compression_, error) &&       // 8
+         KQZipWriteBlock16(stream, &modTime_, error) &&           // 10
+         KQZipWriteBlock16(stream, &modDate_, error) &&           // 12
+         KQZipWriteBlock32(stream, &crc32_, error) &&             // 14
+         KQZipWriteBlock32(stream, &compressedSize_, error) &&    // 18
+         KQZipWriteBlock32(stream, &uncompressedSize_, error) &&  // 22
+         KQZipWriteBlock16(stream, &fileNameLength_, error) &&    // 26
+         KQZipWriteBlock16(stream, &extraFieldLength_, error) &&  // 28
+         _writeNameAndExtraFields(stream, error);                 // 30
+}
+
+bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream,
+                                           KQ::NSErrorSlot error) const {
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
+  std::int64_t count = source.read(buffer.get(), blockSize);
+  // A write that takes nothing ends the copy as a success and one that takes a part is not completed. It is
+  // meant: a stream that has failed says so at the next header's first write.
+  for (std::int64_t written = 1; written > 0 && count > 0;) {
+    if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
+    written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), blockSize));
+    count = source.read(buffer.get(), blockSize);
+    progress_->setCompletedUnitCount(progress_->completedUnitCount() + written);
+  }
+  return true;
+}
+
+bool KQZipFileLocalHeader::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  offset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
+  const bool methodRead = KQZipReadBlock16(stream, &versionNeeded_, error) &&  // 4
+                          KQZipReadBlock16(stream, &flags_, error) &&          // 6
+                          KQZipReadBlock16(stream, &compression_, error);      // 8
+  if (!methodRead) return false;
+  if (compression_ != 0)
+    return KQZipFail(error, KQZipErrorUnsupportedCompression, "File uses unsupported compression method.");
+  return KQZipReadBlock16(stream, &modTime_, error) &&           // 10
+         KQZipReadBlock16(stream, &modDate_, error) &&           // 12
+         KQZipReadBlock32(stream, &crc32_, error) &&             // 14
+         KQZipReadBlock32(stream, &compressedSize_, error) &&    // 18
+         KQZipReadBlock32(stream, &uncompressedSize_, error) &&  // 22
+         KQZipReadBlock16(stream, &fileNameLength_, error) &&    // 26
+         KQZipReadBlock16(stream, &extraFieldLength_, error) &&  // 28
+         _parseFileName(stream, error) &&                        // 30
+         _parseExtraFields(stream, error) &&                     //
+         _skipData(stream, error);                               //
+}
+
+bool KQZipFileLocalHeader::_skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  fileDataOffset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
+  // An end that does not fit 64 bits becomes the largest offset, which streams refuse: it must never wrap to
+  // an earlier place in the archive, or a header could send the scan in circles.
+  const std::uint64_t length = std::min(dataLengthFromHeader(), UINT64_MAX - fileDataOffset_);
+  if (stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_ + length)) return true;
+  KQ::NSLog(KQ::stringWithFormat("failed to set stream offset: %@", {stream.streamError()}));
+  KQ::NSStoreError(error, stream.streamError());
+  return false;
+}
+
+bool KQZipFileLocalHeader::calculateCRCOfSourceFile() {
+  if (!KQZipFileEntry::calculateCRCOfSourceFile()) return false;
+  if (const auto header = centralDirectoryHeader()) header->setCrc32(crc32());
+  return true;
+}
+
+void KQZipFileLocalHeader::updateModificationDate() {
+  KQZipFileEntry::updateModificationDate();
+  if (const auto header = centralDirectoryHeader()) {
+    header->setModDate(modDate());
+    header->setModTime(modTime());
+  }
+}
+
+std::shared_ptr<const KQ::NSData> KQZipFileLocalHeader::unarchivedDataWithStream(
+    KQ::NSInputStream& stream) const {
+  stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_);
+  const std::uint64_t size = dataLengthFromHeader();
+  // Zeroed, which the system does as pages are touched: a length that lies costs no memory.
+  KQ::NSData::Block bytes(static_cast<std::uint8_t*>(std::calloc(1, size)));
+  if (!bytes || stream.read(bytes.get(), size) == 0) return nullptr;
+  // One read delivers an entry whole. Where the archive ends early, or reading failed, the rest is zeros.
+  return KQ::NSData::dataWithBytesNoCopy(std::move(bytes), size);
+}
+
+bool KQZipFileLocalHeader::exportFileToPath(const std::string& path, KQ::NSInputStream& stream,
+                                            KQ::NSErrorSlot error) const {
+  const bool positioned = stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_);
+  if (!positioned) {
+    KQZipFail(error, KQZipErrorReading,
+              KQ::stringWithFormat("Failed to seek to offset %llu",
+                                   {KQ::NSFormatArgument::decimal(fileDataOffset_)}));
+  }
+  const auto output = KQ::NSOutputStream::outputStreamToFileAtPath(path);
+  output->open();
+
+  const std::uint64_t length = dataLengthFromHeader();
+  const auto progress = KQ::NSProgress::progressWithTotalUnitCount(KQ::NSUnitCount(length));
+  progress->setCancellable(true);
+  progress->setPausable(false);
+  progress->setKind(KQ::NSProgressKindFile);
+  progress->becomeCurrentWithPendingUnitCount(KQ::NSUnitCount(length));
+
+  // After a failed seek the copy runs all the same, which is meant, but never counts as a success.
+  bool exported = _exportData(path, stream, *output, *progress, error) && positioned;
+  if (exported) {
+    const auto type = length != 0 ? KQ::NSFileTypeRegular : KQ::NSFileTypeDirectory;
+    exported = KQ::NSFileManager::setAttributes({length, modificationDate(), type}, path, error);
+  }
+  if (!progress->isCancelled()) progress->resignCurrent();
+  return exported;
+}
+
+bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStream& stream,
+                                       KQ::NSOutputStream& output, KQ::NSProgress& progress,
+                                       KQ::NSErrorSlot error) const {
+  const auto writingFailed = [&] {
+    output.close();
+    return KQZipFail(error, KQZipErrorWriting,
+                     KQ::stringWithFormat("Failed to write to stream at %@", {path}));
+  };
+  std::uint64_t remaining = dataLengthFromHeader();
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(std::min(remaining, blockSize));
+  while (remaining != 0) {
+    if (progress.isCancelled()) return false;
+    const std::int64_t count = stream.read(buffer.get(), std::min(remaining, blockSize));
+    if (count < 0) return false;
+    if (count == 0) break;
+    progress.setCompletedUnitCount(progress.completedUnitCount() + count);
+    remaining -= static_cast<std::uint64_t>(count);
+    if (output.write(buffer.get(), static_cast<std::uint64_t>(count)) < 1) return writingFailed();
+  }
+  // A small file is still in the stream's buffer: only now it shows whether it could be written.
+  if (!output.flush()) return writingFailed();
+  output.close();
+  return output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
+}
+
+const char* KQZipFileLocalHeader::_className() const { return "KQZipFileLocalHeader"; }

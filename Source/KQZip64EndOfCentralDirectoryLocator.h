@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "Platform/KQExport.h"
+#include "Platform/NSError.h"
+#include "Platform/NSStream.h"
+
+/// The Zip64 end of central directory locator, 20 bytes that say where the Zip64 end record stands. Used by
+/// one thread at a time.
+class KQZIP_EXPORT KQZip64EndOfCentralDirectoryLocator {
+ public:
+  /// The record's signature, 50 4B 06 07 on disk.
+  static constexpr std::uint32_t signature = 0x07064b50;
+
+  /// A locator for an archive on one disk with the Zip64 end record at offset 0.
+  KQZip64EndOfCentralDirectoryLocator() = default;
+
+  /// A locator parsed from `stream`, or nothing; the slot then holds what parseFromStream() left there.
+  static std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> initWithStream(KQ::NSInputStream& stream,
+                                                                             KQ::NSErrorSlot error = nullptr);
+
+  /// Reads the fields behind a signature that the caller has consumed. Fails as the read primitives do; what
+  /// was read stays.
+  bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
+
+  /// Writes the record, signature included. Fails as the write primitives do.
+  bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
+
+  /// Always 20.
+  std::uint64_t outputSize() const { return 20; }
+
+  /// Disk that holds the Zip64 end record.
+  std::uint32_t diskNumberWithStartOfZip64EoCD() const { return diskNumberWithStartOfZip64EoCD_; }
+  /// Stored as it is.
+  void setDiskNumberWithStartOfZip64EoCD(std::uint32_t value) { diskNumberWithStartOfZip64EoCD_ = value; }
+
+  /// Total number of disks.
+  std::uint32_t numberOfDisks() const { return numberOfDisks_; }
+  void setNumberOfDisks(std::uint32_t value) { numberOfDisks_ = value; }  ///< Stored as it is.
+
+  /// Offset of the Zip64 end record from the start of the archive.
+  std::uint64_t offsetOfZip64EoCD() const { return offsetOfZip64EoCD_; }
+  void setOffsetOfZip64EoCD(std::uint64_t value) { offsetOfZip64EoCD_ = value; }  ///< Stored as it is.
+
+ private:
+  std::uint32_t diskNumberWithStartOfZip64EoCD_ = 0;
+  std::uint32_t numberOfDisks_ = 1;
+  std::uint64_t offsetOfZip64EoCD_ = 0;
+};

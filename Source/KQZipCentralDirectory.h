@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "FileHeader/KQZipCentralDirectoryFileHeader.h"
+#include "FileHeader/KQZipFileLocalHeader.h"
+#include "KQZip64EndOfCentralDirectoryLocator.h"
+#include "KQZip64EndOfCentralDirectoryRecord.h"
+#include "KQZipEndOfCentralDirectoryRecord.h"
+#include "KQZipExtraField.h"
+
+/// The tail of an archive: the central headers, an optional digital signature and the three end records. It
+/// is either built from written local headers and written, or parsed. Used by one thread at a time.
+class KQZIP_EXPORT KQZipCentralDirectory {
+ public:
+  /// The signature in front of a digital signature, 50 4B 05 05 on disk.
+  static constexpr std::uint32_t digitalSignatureSignature = 0x05054b50;
+
+  /// An empty directory without end records.
+  KQZipCentralDirectory() = default;
+  KQZipCentralDirectory(const KQZipCentralDirectory&) = delete;             ///< Owns its records.
+  KQZipCentralDirectory& operator=(const KQZipCentralDirectory&) = delete;  ///< Owns its records.
+
+  /// A directory with one central header for each entry, in their order. The entries must have been written;
+  /// the directory links to them weakly and takes their offsets when it is written, so they must live until
+  /// then. An entry that still lacks its attributes or its CRC gets them here.
+  static std::shared_ptr<KQZipCentralDirectory> centralDirectoryWithFileEntries(
+      const std::vector<std::shared_ptr<KQZipFileLocalHeader>>& entries);
+
+  /// A directory parsed from `stream`, or nothing; the slot then holds what the failing record left there.
+  static std::shared_ptr<KQZipCentralDirectory> initWithStream(KQ::NSInputStream& stream,
+                                                               KQ::NSErrorSlot error = nullptr);
+
+  /// Replaces the central headers by a copy of the list.
+  void setFileHeaders(std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> headers);
+
+  /// Scans `stream` to its end for records. It reads four bytes, hands a record that they announce to its
+  /// class and ignores any other value, so behind unknown bytes a record is only found where its signature
+  /// stands on a grid of four bytes from there; of several end records of one kind the last stays. The end of
+  /// the stream, an error of the stream and up to three left-over bytes between records are a success; a
+  /// record that cannot be parsed fails the scan with its error and what was found before stays.
+  bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
+
+  /// Writes the central headers, the digital signature if there is one (without a signature of its own), the
+  /// Zip64 end record, the locator and the classic end record, all three always. Counts, sizes and offsets
+  /// are set on the way. Both end records give as the directory's size the total of everything written here,
+  /// themselves included, and the classic record's counts are cut to 16 bits; both are meant. Fails with the
+  /// first record's error; what was written stays on the stream.
+  bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
+
+  /// Total size of the records that exist. The end records first exist after a write or a parse.
+  std::uint64_t outputSize() const;
+
+  /// The digital signature, kept as an extra field: its id, its size and its data.
+  std::shared_ptr<KQZipExtraField> digitalSignature() const { return digitalSignature_; }
+  /// Replaces it.
+  void setDigitalSignature(std::shared_ptr<KQZipExtraField> value) { digitalSignature_ = std::move(value); }
+
+  /// The Zip64 end record.
+  std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> zip64EoCDRecord() const { return zip64EoCDRecord_; }
+  /// Replaces it.
+  void setZip64EoCDRecord(std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> value) {
+    zip64EoCDRecord_ = std::move(value);
+  }
+
+  /// The Zip64 locator.
+  std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> zip64EoCDLocator() const { return zip64EoCDLocator_; }
+  /// Replaces it.
+  void setZip64EoCDLocator(std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> value) {
+    zip64EoCDLocator_ = std::move(value);
+  }
+
+  /// The classic end record.
+  std::shared_ptr<KQZipEndOfCentralDirectoryRecord> zipEoCDRecord() const { return zipEoCDRecord_; }
+  /// Replaces it.
+  void setZipEoCDRecord(std::shared_ptr<KQZipEndOfCentralDirectoryRecord> value) {
+    zipEoCDRecord_ = std::move(value);
+  }
+
+ private:
+  bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  void _createMissingEndRecords();
+  void _fillEndRecords(std::uint64_t startOfDirectory);
+
+  std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> fileHeaders_;
+  std::shared_ptr<KQZipExtraField> digitalSignature_;
+  std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> zip64EoCDRecord_;
+  std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> zip64EoCDLocator_;
+  std::shared_ptr<KQZipEndOfCentralDirectoryRecord> zipEoCDRecord_;
+};

@@ -1,0 +1,245 @@
+#include "KQZipFileReader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+#include "KQZipError.h"
+#include "Platform/NSLog.h"
+#include "Platform/NSProgress.h"
+#include "Platform/NSString.h"
+
+namespace {
+
+constexpr std::uint64_t blockSize = 1048576;
+
+bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64_t length,
+               KQ::NSErrorSlot error) {
+  const std::int64_t count = stream.read(destination, length);
+  if (count >= 0) return count > 0;
+  // Only an error that stands in the slot already is replaced, which is meant: with the fresh slot of a scan
+  // a damaged archive and one that ends early look the same.
+  if (error != nullptr && *error) *error = KQZipMakeError(KQZipErrorReading, "Error reading file");
+  const std::shared_ptr<const KQ::NSError> none;
+  KQ::NSLog(KQ::stringWithFormat("stream reading failed: %@", {error != nullptr ? *error : none}));
+  return false;
+}
+
+template <class Integer>
+bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlot error) {
+  std::array<std::uint8_t, sizeof(Integer)> bytes{};
+  // Starts from the value as it is, so that bytes which are not delivered stay.
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
+  if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
+  Integer value = 0;
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    value = static_cast<Integer>(value | static_cast<Integer>(static_cast<Integer>(bytes[i]) << (8 * i)));
+  *destination = value;
+  return true;
+}
+
+}  // namespace
+
+bool KQZipReadBlockBytes(KQ::NSInputStream& stream, void* destination, std::uint64_t length,
+                         KQ::NSErrorSlot error) {
+  return length == 0 || readBlock(stream, static_cast<std::uint8_t*>(destination), length, error);
+}
+
+bool KQZipReadBlock16(KQ::NSInputStream& stream, std::uint16_t* destination, KQ::NSErrorSlot error) {
+  return readInteger(stream, destination, error);
+}
+
+bool KQZipReadBlock32(KQ::NSInputStream& stream, std::uint32_t* destination, KQ::NSErrorSlot error) {
+  return readInteger(stream, destination, error);
+}
+
+bool KQZipReadBlock64(KQ::NSInputStream& stream, std::uint64_t* destination, KQ::NSErrorSlot error) {
+  return readInteger(stream, destination, error);
+}
+
+KQZipFileReader::KQZipFileReader(Key /*key*/, std::optional<std::string> zipPath)
+    : zipPath_(std::move(zipPath)) {}
+
+std::shared_ptr<KQZipFileReader> KQZipFileReader::initWithZipPath(const std::string& zipPath,
+                                                                  KQ::NSErrorSlot error) {
+  auto reader = std::make_shared<KQZipFileReader>(Key{}, zipPath);
+  const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(zipPath);
+  // A file that cannot be opened acts like one without bytes.
+  if (!stream) return reader;
+  stream->open();
+  std::shared_ptr<const KQ::NSError> scanError;
+  const bool scanned = reader->_parseWithStream(*stream, &scanError);
+  stream->close();
+  if (scanned) return reader;
+  KQ::NSStoreError(error, scanError);
+  return nullptr;
+}
+
+std::shared_ptr<KQZipFileReader> KQZipFileReader::initWithStream(KQ::NSInputStream& stream,
+                                                                 KQ::NSErrorSlot error) {
+  auto reader = std::make_shared<KQZipFileReader>(Key{}, std::nullopt);
+  std::shared_ptr<const KQ::NSError> scanError;
+  if (reader->_parseWithStream(stream, &scanError)) return reader;
+  KQ::NSStoreError(error, scanError);
+  return nullptr;
+}
+
+bool KQZipFileReader::_parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  while (stream.hasBytesAvailable()) {
+    std::array<std::uint8_t, 4> bytes{};
+    if (stream.read(bytes.data(), bytes.size()) != static_cast<std::int64_t>(bytes.size())) return true;
+    std::uint32_t signature = 0;
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+      signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
+    if (!_parseRecord(signature, stream, error)) return false;
+  }
+  return true;
+}
+
+bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& stream,
+                                   KQ::NSErrorSlot error) {
+  switch (signature) {
+    case KQZipFileLocalHeader::signature: {
+      auto header = KQZipFileLocalHeader::initWithStream(stream, error);
+      if (!header) return false;
+      // Without a path there is nothing to ask for the entry by.
+      if (const auto path = header->relativePath()) zipFileEntries_[*path] = std::move(header);
+      return true;
+    }
+    case KQZipCentralDirectoryFileHeader::signature:
+      // The directory's parse begins behind the signature, inside its first header. It is meant and harmless:
+      // no answer depends on the directory, and one that cannot be parsed is passed over.
+      if (!centralDirectory_) centralDirectory_ = KQZipCentralDirectory::initWithStream(stream, error);
+      return true;
+    default:
+      return KQZipFail(error, KQZipErrorUnknownSignature,
+                       KQ::stringWithFormat("got unexpected bytes looking for known signatures: %x",
+                                            {KQ::NSFormatArgument::hexadecimal(signature)}));
+  }
+}
+
+std::vector<std::string> KQZipFileReader::relativePaths() const {
+  std::vector<std::string> paths;
+  paths.reserve(zipFileEntries_.size());
+  for (const auto& [path, entry] : zipFileEntries_) paths.push_back(path);
+  std::sort(paths.begin(), paths.end(), KQ::NSStringLess());
+  return paths;
+}
+
+std::shared_ptr<const KQ::NSData> KQZipFileReader::dataForRelativePath(
+    const std::string& relativePath) const {
+  const auto entry = _entryForRelativePath(relativePath);
+  const auto stream = entry ? _openArchive() : nullptr;
+  return stream ? entry->unarchivedDataWithStream(*stream) : nullptr;
+}
+
+std::shared_ptr<KQ::NSInputStream> KQZipFileReader::streamForRelativePath(
+    const std::string& relativePath) const {
+  const auto entry = _entryForRelativePath(relativePath);
+  auto stream = entry ? _openArchive() : nullptr;
+  if (stream) stream->setNSStreamFileCurrentOffsetKey(entry->offsetOfDataInArchive());
+  return stream;
+}
+
+std::optional<KQ::NSFileAttributes> KQZipFileReader::attributesForRelativePath(
+    const std::string& relativePath) const {
+  const auto entry = _entryForRelativePath(relativePath);
+  if (!entry) return std::nullopt;
+  const std::uint64_t length = entry->dataLengthFromHeader();
+  return KQ::NSFileAttributes{length, entry->modificationDate(),
+                              length != 0 ? KQ::NSFileTypeRegular : KQ::NSFileTypeDirectory};
+}
+
+std::shared_ptr<KQZipFileLocalHeader> KQZipFileReader::_entryForRelativePath(
+    const std::string& relativePath) const {
+  const auto found = zipFileEntries_.find(relativePath);
+  return found == zipFileEntries_.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<KQ::NSInputStream> KQZipFileReader::_openArchive() const {
+  auto stream = zipPath_ ? KQ::NSInputStream::inputStreamWithFileAtPath(*zipPath_) : nullptr;
+  if (stream) stream->open();
+  return stream;
+}
+
+bool KQZipFileReader::writeDataForRelativePath(const std::string& relativePath, const std::string& toPath,
+                                               KQ::NSErrorSlot error) const {
+  const auto entry = _entryForRelativePath(relativePath);
+  if (!entry) return true;
+  const auto progress =
+      KQ::NSProgress::progressWithTotalUnitCount(KQ::NSUnitCount(entry->dataLengthFromHeader()));
+  progress->becomeCurrentWithPendingUnitCount(1);
+  const bool written = _writeData(*entry, toPath, *progress, error);
+  // After a cancellation the progress stays current; that is meant.
+  if (!progress->isCancelled()) progress->resignCurrent();
+  return written;
+}
+
+bool KQZipFileReader::_writeData(const KQZipFileLocalHeader& entry, const std::string& toPath,
+                                 KQ::NSProgress& progress, KQ::NSErrorSlot error) const {
+  const auto input = _openArchive();
+  // Nothing is created for a reader that has no archive to read from.
+  if (!input) return false;
+  const std::string parent = KQ::stringByDeletingLastPathComponent(toPath);
+  if (!KQ::NSFileManager::createDirectoryAtPath(parent, true, error)) return false;
+
+  const auto output = KQ::NSOutputStream::outputStreamToFileAtPath(toPath);
+  output->open();
+  input->setNSStreamFileCurrentOffsetKey(entry.offsetOfDataInArchive());
+  // A small file only leaves the stream's buffer at the end, so that is where a full disk shows.
+  const bool written = _copyData(entry, *input, *output, progress, error) && output->flush();
+  input->close();
+  output->close();
+  return written && output->streamStatus() != KQ::NSStreamStatusError;
+}
+
+bool KQZipFileReader::_copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
+                                KQ::NSOutputStream& output, KQ::NSProgress& progress, KQ::NSErrorSlot error) {
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
+  for (std::uint64_t remaining = entry.dataLengthFromHeader(); remaining != 0;) {
+    const std::int64_t count = input.read(buffer.get(), std::min(remaining, blockSize));
+    if (count < 0) return false;
+    // An archive that ends early still counts as extracted; that is meant.
+    if (count == 0) return true;
+    const std::int64_t written = output.write(buffer.get(), static_cast<std::uint64_t>(count));
+    if (written <= 0) return false;
+    remaining -= static_cast<std::uint64_t>(count);
+    progress.setCompletedUnitCount(progress.completedUnitCount() + written);
+    if (progress.isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");
+  }
+  return true;
+}
+
+bool KQZipFileReader::unzipFileAtPath(const std::string& zipPath, const std::string& toDestination,
+                                      KQ::NSErrorSlot error) {
+  const auto progress = KQ::NSProgress::progressWithTotalUnitCount(-1);
+  const auto reader = initWithZipPath(zipPath, error);
+  if (!reader) return false;
+  const std::vector<std::string> paths = reader->relativePaths();
+  progress->setTotalUnitCount(static_cast<std::int64_t>(paths.size()));
+  progress->becomeCurrentWithPendingUnitCount(1);
+  const bool extracted = std::all_of(paths.begin(), paths.end(), [&](const std::string& path) {
+    return reader->_extract(path, toDestination, *progress, error);
+  });
+  if (!progress->isCancelled()) progress->resignCurrent();
+  return extracted;
+}
+
+bool KQZipFileReader::_extract(const std::string& relativePath, const std::string& destination,
+                               const KQ::NSProgress& progress, KQ::NSErrorSlot error) const {
+  const std::string target = KQ::stringByAppendingPathComponent(destination, relativePath);
+  if (_entryForRelativePath(relativePath)->isDirectory()) {
+    if (!KQ::NSFileManager::createDirectoryAtPath(target, true))
+      KQ::NSLog(KQ::stringWithFormat("failed to create directory at %@ for %@", {target, relativePath}));
+  } else {
+    const std::string parent = KQ::stringByDeletingLastPathComponent(target);
+    if (!KQ::NSFileManager::fileExistsAtPath(parent) &&
+        !KQ::NSFileManager::createDirectoryAtPath(parent, true))
+      KQ::NSLog(
+          KQ::stringWithFormat("failed to create parent directory at %@ for %@", {parent, relativePath}));
+    // A failure here comes before the test for a cancellation.
+    if (!writeDataForRelativePath(relativePath, target, error)) return false;
+  }
+  return !progress.isCancelled() || KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");
+}

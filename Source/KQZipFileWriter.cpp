@@ -1,0 +1,154 @@
+#include "KQZipFileWriter.h"
+
+#include <array>
+#include <cstddef>
+#include <vector>
+
+#include "KQZipError.h"
+#include "Platform/NSFileManager.h"
+#include "Platform/NSLog.h"
+#include "Platform/NSString.h"
+
+namespace {
+
+// How every failed write is reported, whether it failed at once or when buffered bytes were flushed.
+bool reportFailedWrite(KQ::NSErrorSlot error) {
+  KQZipFail(error, KQZipErrorWriting, "Error writing file");
+  const std::shared_ptr<const KQ::NSError> none;
+  KQ::NSLog(KQ::stringWithFormat("stream writing failed: %@", {error != nullptr ? *error : none}));
+  return false;
+}
+
+bool writeBlock(KQ::NSOutputStream& stream, const std::uint8_t* source, std::uint64_t length,
+                KQ::NSErrorSlot error) {
+  const std::int64_t count = stream.write(source, length);
+  if (count < 0) return reportFailedWrite(error);
+  return count > 0;
+}
+
+template <class Integer>
+bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot error) {
+  std::array<std::uint8_t, sizeof(Integer)> bytes{};
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
+  return writeBlock(stream, bytes.data(), bytes.size(), error);
+}
+
+}  // namespace
+
+bool KQZipWriteBlockBytes(KQ::NSOutputStream& stream, const void* source, std::uint64_t length,
+                          KQ::NSErrorSlot error) {
+  return length == 0 || writeBlock(stream, static_cast<const std::uint8_t*>(source), length, error);
+}
+
+bool KQZipWriteBlock16(KQ::NSOutputStream& stream, const std::uint16_t* value, KQ::NSErrorSlot error) {
+  return writeInteger(stream, *value, error);
+}
+
+bool KQZipWriteBlock32(KQ::NSOutputStream& stream, const std::uint32_t* value, KQ::NSErrorSlot error) {
+  return writeInteger(stream, *value, error);
+}
+
+bool KQZipWriteBlock64(KQ::NSOutputStream& stream, const std::uint64_t* value, KQ::NSErrorSlot error) {
+  return writeInteger(stream, *value, error);
+}
+
+void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
+  auto entry = KQZipFileLocalHeader::initWithSourceFile(filePath);
+  entry->setFileName(relativePath);
+  fileEntries_[relativePath] = std::move(entry);
+}
+
+bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  progress_ = KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(fileEntries_.size()));
+  progress_->setCancellable(true);
+  progress_->setPausable(false);
+  for (const auto& [name, entry] : fileEntries_) {
+    if (!_writeEntry(*entry, stream, error)) return false;
+  }
+  const bool written = _writeCentralDirectory(stream, error);
+  progress_->setCompletedUnitCount(progress_->totalUnitCount());
+  return written;
+}
+
+bool KQZipFileWriter::_writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream,
+                                  KQ::NSErrorSlot error) {
+  progress_->becomeCurrentWithPendingUnitCount(1);
+  const bool written = entry.writeToStream(stream, error);
+  // A cancellation comes before the entry's own result and leaves the progress current; both are meant.
+  if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled by user.");
+  progress_->resignCurrent();
+  return written;
+}
+
+bool KQZipFileWriter::_writeCentralDirectory(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  std::vector<std::shared_ptr<KQZipFileLocalHeader>> entries;
+  entries.reserve(fileEntries_.size());
+  for (const auto& [name, entry] : fileEntries_) entries.push_back(entry);
+  if (!KQZipCentralDirectory::centralDirectoryWithFileEntries(entries)->writeToStream(stream, error))
+    return false;
+  // Buffered bytes may still meet a full disk, and data that the stream did not take shows here at the
+  // latest.
+  return stream.flush() || reportFailedWrite(error);
+}
+
+bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, KQ::NSErrorSlot error) {
+  const auto refuse = [&](const char* format) {
+    const auto refusal = KQZipMakeError(KQZipErrorRefusedPath, KQ::stringWithFormat(format, {zipPath}));
+    KQ::NSStoreError(error, refusal);
+    KQ::NSLog(KQ::stringWithFormat("failed writing to path: %@ %@",
+                                   {zipPath, error != nullptr ? refusal : nullptr}));
+    return false;
+  };
+  if (!zipPath || KQ::NSFileManager::fileExistsAtPath(*zipPath))
+    return refuse("Could not write to zip path %@");
+  bool parentIsDirectory = false;
+  KQ::NSFileManager::fileExistsAtPath(KQ::stringByDeletingLastPathComponent(*zipPath), &parentIsDirectory);
+  if (!parentIsDirectory)
+    return refuse("Could not write to zip path %@ because parent directory doesn't exist");
+
+  const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(*zipPath);
+  stream->open();
+  bool written = writeToStream(*stream, error);
+  stream->close();
+  if (written && stream->streamStatus() == KQ::NSStreamStatusError) written = reportFailedWrite(error);
+  if (!written) {
+    const std::shared_ptr<const KQ::NSError> none;
+    KQ::NSLog(KQ::stringWithFormat("closing stream because writing failed: %@",
+                                   {error != nullptr ? *error : none}));
+  }
+  return written;
+}
+
+bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,
+                                          const std::string& withContentsOfDirectory,
+                                          bool keepParentDirectory, KQ::NSErrorSlot error) {
+  const std::string prefix = keepParentDirectory ? KQ::lastPathComponent(withContentsOfDirectory) : "";
+  KQZipFileWriter writer;
+  return writer._addContentsOfDirectory(withContentsOfDirectory, prefix, error) &&
+         writer.writeToZipPath(zipPath, error);
+}
+
+bool KQZipFileWriter::_addContentsOfDirectory(const std::string& directory, const std::string& prefix,
+                                              KQ::NSErrorSlot error) {
+  std::vector<std::string> relativePaths;
+  auto enumerator = KQ::NSFileManager::enumeratorAtPath(directory);
+  while (auto relativePath = enumerator.nextObject()) {
+    // Only the item's own name counts: what a hidden folder holds is kept.
+    if (!KQ::hasPrefix(KQ::lastPathComponent(*relativePath), "."))
+      relativePaths.push_back(std::move(*relativePath));
+  }
+  bool complete = enumerator.error() == nullptr;
+  if (!complete) KQ::NSStoreError(error, enumerator.error());
+
+  // Goes on behind a failure, so that the slot ends with the last one.
+  for (const std::string& relativePath : relativePaths) {
+    const std::string path = KQ::stringByAppendingPathComponent(directory, relativePath);
+    const auto attributes = KQ::NSFileManager::attributesOfItemAtPath(path, error);
+    if (!attributes) {
+      complete = false;
+    } else if (attributes->NSFileType == KQ::NSFileTypeRegular) {
+      addFilePath(path, KQ::stringByAppendingPathComponent(prefix, relativePath));
+    }
+  }
+  return complete;
+}

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "FileHeader/KQZipFileLocalHeader.h"
+#include "KQZipCentralDirectory.h"
+#include "KQZipStreamPrimitives.h"
+#include "Platform/NSProgress.h"
+#include "Platform/NSString.h"
+
+/// Packs files into a new archive. Add each file under the path that it is to have in the archive, then
+/// write:
+///
+///     KQZipFileWriter writer;
+///     writer.addFilePath("out/report.pdf", "report.pdf");
+///     std::shared_ptr<const KQ::NSError> error;
+///     if (!writer.writeToZipPath("backup.zip", &error)) std::cerr << error->localizedDescription();
+///
+/// All work happens on the calling thread; a writer is used by one thread at a time, and several writers may
+/// work at once. A write makes a progress with one unit for each entry: to watch it or to cancel it from any
+/// thread, make a progress of your own current before the call (see KQ::NSProgress).
+class KQZIP_EXPORT KQZipFileWriter {
+ public:
+  /// A writer without entries.
+  KQZipFileWriter() = default;
+  KQZipFileWriter(const KQZipFileWriter&) = delete;             ///< Owns its entries.
+  KQZipFileWriter& operator=(const KQZipFileWriter&) = delete;  ///< Owns its entries.
+
+  /// Adds the file at `filePath` under `relativePath`, replacing an entry of that path. The file is first
+  /// looked at when it is written. Give the path of the file itself and not of a symbolic link to it: the
+  /// entry's size is taken from the path as it stands, which for a link is the size of the link.
+  void addFilePath(const std::string& filePath, const std::string& relativePath);
+
+  /// Writes the archive to `stream`, which is open and stays so: every entry, ordered by KQ::compare() of the
+  /// names, and the central directory. The stream's current offset must count from the archive's first byte.
+  ///
+  /// Fails with -90 "Cancelled by user." once the progress is cancelled, tested after each entry, whatever
+  /// that entry's own result; the progress then stays current on the thread. Fails with the error of the
+  /// first entry that cannot be written (see KQZipFileLocalHeader::writeToStream(), a vanished source among
+  /// them) or of the central directory, and with -51 "Error writing file" when what the stream has buffered
+  /// cannot be written. What reached the stream stays there. Entries stay too: a writer may write again.
+  bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
+
+  /// Writes the archive to a new file. Refuses a path at which anything exists, which is left as it is, with
+  /// -1 "Could not write to zip path %@", and one whose parent is not an existing folder with -1 "Could not
+  /// write to zip path %@ because parent directory doesn't exist"; both are logged as "failed writing to
+  /// path: %@
+  /// %@". Otherwise fails as writeToStream() does, also with -51 when closing the file fails, and logs
+  /// "closing stream because writing failed: %@". The partly written file then stays on disk.
+  bool writeToZipPath(const std::optional<std::string>& zipPath, KQ::NSErrorSlot error = nullptr);
+
+  /// Packs the folder `directory` into a new archive: every regular file whose own name does not begin with
+  /// ".", under its path relative to the folder, with the folder's own name in front if
+  /// `keepParentDirectory`. Files in a hidden folder are included when their own names are not hidden, which
+  /// is meant. Folders, links and special files get no entry; a folder without files gives an archive without
+  /// entries.
+  ///
+  /// Fails with the file manager's error, and makes no archive, when a folder, the given one included, or the
+  /// attributes of an item cannot be read, or the name of an item is not valid UTF-8; of several the last
+  /// one. Otherwise fails as writeToZipPath() does. An archive inside the folder is not among its own
+  /// entries.
+  static bool createZipFileAtPath(const std::string& zipPath, const std::string& withContentsOfDirectory,
+                                  bool keepParentDirectory, KQ::NSErrorSlot error = nullptr);
+
+ private:
+  bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
+  bool _writeCentralDirectory(KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
+  bool _addContentsOfDirectory(const std::string& directory, const std::string& prefix,
+                               KQ::NSErrorSlot error);
+
+  // Sorted by name, which is the order of the archive.
+  std::map<std::string, std::shared_ptr<KQZipFileLocalHeader>, KQ::NSStringLess> fileEntries_;
+  std::shared_ptr<KQ::NSProgress> progress_;
+};

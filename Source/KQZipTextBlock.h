@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Platform/NSError.h"
+#include "Platform/NSStream.h"
+
+// Names and comments as records hold them: UTF-8 without a terminator behind a 16-bit length. For the
+// records' own use.
+
+/// Reads `length` bytes of text. Text that is not valid UTF-8 becomes absent, which is a success. Bytes that
+/// the stream ends before are zeros. `*text` is as before when the read fails, as KQZipReadBlockBytes() does.
+bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, std::optional<std::string>* text,
+                        KQ::NSErrorSlot error);
+
+/// The length of `text` in bytes, cut to the 16 bits of a length field.
+inline std::uint16_t KQZipTextLength(const std::optional<std::string>& text) {
+  return static_cast<std::uint16_t>(text ? text->size() : 0);
+}

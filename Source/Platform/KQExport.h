@@ -1,0 +1,5 @@
+#pragma once
+
+/// Marks what the shared library exports. Everything else is hidden, so that a host sees no name that
+/// is not documented here.
+#define KQZIP_EXPORT __attribute__((visibility("default")))

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include "KQExport.h"
+
+namespace KQ {
+
+/// Releases memory that came from `std::malloc` or `std::calloc`.
+struct NSFree {
+  void operator()(std::uint8_t* bytes) const { std::free(bytes); }  ///< Frees the block.
+};
+
+/// An immutable byte buffer. It is handed around as `std::shared_ptr<const NSData>`: holders share the
+/// bytes, nobody can change them, and any number of threads may read them.
+class KQZIP_EXPORT NSData {
+ public:
+  /// A block of memory that the buffer can take over.
+  using Block = std::unique_ptr<std::uint8_t[], NSFree>;
+
+  /// A buffer with a copy of `length` bytes from `bytes`, which may be null when `length` is 0.
+  static std::shared_ptr<const NSData> dataWithBytes(const void* bytes, std::uint64_t length);
+
+  /// A buffer that takes over `bytes`, a block of at least `length` bytes, without a copy.
+  static std::shared_ptr<const NSData> dataWithBytesNoCopy(Block bytes, std::uint64_t length);
+
+  /// Use the static operations instead.
+  NSData(Block bytes, std::uint64_t length) : bytes_(std::move(bytes)), length_(length) {}
+
+  NSData(const NSData&) = delete;             ///< A buffer is shared, never copied.
+  NSData& operator=(const NSData&) = delete;  ///< A buffer is never changed.
+
+  /// The first byte; null only when length() is 0.
+  const std::uint8_t* bytes() const { return bytes_.get(); }
+
+  /// Number of bytes.
+  std::uint64_t length() const { return length_; }
+
+  /// True when both buffers hold the same bytes.
+  bool operator==(const NSData& other) const;
+
+ private:
+  Block bytes_;
+  std::uint64_t length_;
+};
+
+}  // namespace KQ

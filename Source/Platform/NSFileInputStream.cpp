@@ -1,0 +1,138 @@
+#include "NSFileInputStream.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace KQ {
+
+namespace {
+
+constexpr std::uint64_t bufferCapacity = 65536;
+
+// What is read after a jump: enough for the header of a record with its name.
+constexpr std::uint64_t shortestReadAhead = 512;
+
+// A step over no more than this is still sequential reading: a scan over small entries.
+constexpr std::uint64_t longestSequentialStep = 4096;
+
+constexpr std::uint64_t largestOffset = INT64_MAX;
+
+}  // namespace
+
+std::shared_ptr<NSInputStream> NSInputStream::inputStreamWithFileAtPath(const std::string& path) {
+  auto stream = std::make_shared<NSFileInputStream>(path);
+  return stream->isUsable() ? stream : nullptr;
+}
+
+NSFileInputStream::NSFileInputStream(std::string path) : path_(std::move(path)) {
+  usable_ = file_.openForReading(path_);
+  seekable_ = usable_ && file_.isSeekable();
+}
+
+void NSFileInputStream::open() {
+  if (status_ == NSStreamStatusNotOpen) status_ = NSStreamStatusOpen;
+}
+
+void NSFileInputStream::close() {
+  file_.close();
+  buffer_.reset();
+  status_ = NSStreamStatusClosed;
+}
+
+std::optional<std::uint64_t> NSFileInputStream::NSStreamFileCurrentOffsetKey() const {
+  return seekable_ ? std::optional(position_) : std::nullopt;
+}
+
+bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
+  if (!seekable_ || offset > largestOffset) {
+    error_ = NSError::errorWithPOSIXCode(seekable_ ? EOVERFLOW : ESPIPE, path_);
+    return false;
+  }
+  position_ = offset;
+  end_.reset();
+  return true;
+}
+
+std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLength) {
+  if (!_isOpen()) return _fail(EBADF);
+  maxLength = std::min(maxLength, largestOffset);
+  const std::uint64_t start = position_;
+  std::uint64_t total = _takeBuffered(buffer, maxLength);
+  while (total < maxLength) {
+    const std::int64_t count = _readMore(buffer + total, maxLength - total);
+    if (count < 0) {
+      // All or nothing: a part delivered here would pass for a short file.
+      const int code = errno;
+      if (seekable_) position_ = start;
+      return _fail(code);
+    }
+    if (count == 0) break;
+    total += static_cast<std::uint64_t>(count);
+  }
+  status_ = total == 0 && maxLength > 0 ? NSStreamStatusAtEnd : NSStreamStatusOpen;
+  return static_cast<std::int64_t>(total);
+}
+
+bool NSFileInputStream::hasBytesAvailable() {
+  if (!_isOpen()) return false;
+  const bool buffered = position_ >= bufferOffset_ && position_ - bufferOffset_ < bufferLength_;
+  // An error counts as bytes: the read that follows reports it.
+  return buffered || (end_ != position_ && _fillBuffer(1) != 0);
+}
+
+bool NSFileInputStream::_isOpen() const {
+  return status_ != NSStreamStatusNotOpen && status_ != NSStreamStatusClosed;
+}
+
+std::uint64_t NSFileInputStream::_takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength) {
+  if (position_ < bufferOffset_ || position_ - bufferOffset_ >= bufferLength_) return 0;
+  const std::uint64_t start = position_ - bufferOffset_;
+  const std::uint64_t count = std::min(maxLength, bufferLength_ - start);
+  std::memcpy(buffer, buffer_.get() + start, count);
+  position_ += count;
+  return count;
+}
+
+std::int64_t NSFileInputStream::_readMore(std::uint8_t* buffer, std::uint64_t maxLength) {
+  if (end_ == position_) return 0;
+  if (maxLength < bufferCapacity) {
+    const std::int64_t count = _fillBuffer(maxLength);
+    return count <= 0 ? count : static_cast<std::int64_t>(_takeBuffered(buffer, maxLength));
+  }
+  const std::int64_t count = _readFile(buffer, maxLength);
+  if (count > 0) position_ += static_cast<std::uint64_t>(count);
+  return count;
+}
+
+// Replaces the buffer's contents by what follows the position, which the buffer does not hold.
+std::int64_t NSFileInputStream::_fillBuffer(std::uint64_t atLeast) {
+  if (!buffer_) buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bufferCapacity);
+  _chooseReadAhead();
+  const std::int64_t count = _readFile(buffer_.get(), std::max(atLeast, readAhead_));
+  bufferOffset_ = position_;
+  bufferLength_ = count > 0 ? static_cast<std::uint64_t>(count) : 0;
+  return count;
+}
+
+void NSFileInputStream::_chooseReadAhead() {
+  const std::uint64_t bufferEnd = bufferOffset_ + bufferLength_;
+  const bool sequential = position_ >= bufferEnd && position_ - bufferEnd <= longestSequentialStep;
+  readAhead_ = sequential ? std::clamp(readAhead_ * 2, shortestReadAhead, bufferCapacity) : shortestReadAhead;
+}
+
+std::int64_t NSFileInputStream::_readFile(std::uint8_t* buffer, std::uint64_t length) {
+  const std::int64_t count =
+      seekable_ ? file_.readAt(buffer, length, position_) : file_.readNext(buffer, length);
+  if (count == 0) end_ = position_;
+  return count;
+}
+
+std::int64_t NSFileInputStream::_fail(int code) {
+  error_ = NSError::errorWithPOSIXCode(code, path_);
+  if (_isOpen()) status_ = NSStreamStatusError;
+  return -1;
+}
+
+}  // namespace KQ

@@ -1,0 +1,76 @@
+#include "NSFileOutputStream.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace KQ {
+
+static constexpr std::uint64_t bufferCapacity = 65536;
+
+std::shared_ptr<NSOutputStream> NSOutputStream::outputStreamToFileAtPath(const std::string& path) {
+  return std::make_shared<NSFileOutputStream>(path);
+}
+
+NSFileOutputStream::~NSFileOutputStream() { close(); }
+
+void NSFileOutputStream::open() {
+  if (status_ != NSStreamStatusNotOpen) return;
+  if (!file_.openForWriting(path_)) {
+    _fail(errno);
+    return;
+  }
+  buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bufferCapacity);
+  status_ = NSStreamStatusOpen;
+}
+
+void NSFileOutputStream::close() {
+  if (status_ == NSStreamStatusOpen) flush();
+  const bool closed = file_.close();
+  buffer_.reset();
+  if (!closed) {
+    _fail(errno);
+  } else if (status_ != NSStreamStatusError) {
+    status_ = NSStreamStatusClosed;
+  }
+}
+
+std::int64_t NSFileOutputStream::write(const std::uint8_t* buffer, std::uint64_t maxLength) {
+  if (status_ != NSStreamStatusOpen) {
+    if (!error_) error_ = NSError::errorWithPOSIXCode(EBADF, path_);
+    return -1;
+  }
+  const std::uint64_t length = std::min(maxLength, static_cast<std::uint64_t>(INT64_MAX));
+  if (length <= bufferCapacity - buffered_) {
+    if (length != 0) std::memcpy(buffer_.get() + buffered_, buffer, length);
+    buffered_ += length;
+  } else if (!_writeThrough(buffer, length)) {
+    return -1;
+  }
+  accepted_ += length;
+  return static_cast<std::int64_t>(length);
+}
+
+bool NSFileOutputStream::flush() {
+  if (status_ == NSStreamStatusOpen) return _writeThrough(nullptr, 0);
+  return status_ != NSStreamStatusError;
+}
+
+// Writes what is buffered and `length` bytes behind it with one call.
+bool NSFileOutputStream::_writeThrough(const std::uint8_t* buffer, std::uint64_t length) {
+  std::array<iovec, 2> pieces{iovec{buffer_.get(), buffered_},
+                              iovec{const_cast<std::uint8_t*>(buffer), length}};
+  if (!file_.writeAll(pieces.data(), static_cast<int>(pieces.size()))) return _fail(errno);
+  buffered_ = 0;
+  return true;
+}
+
+bool NSFileOutputStream::_fail(int code) {
+  error_ = NSError::errorWithPOSIXCode(code, path_);
+  status_ = NSStreamStatusError;
+  return false;
+}
+
+}  // namespace KQ

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "NSStream.h"
+#include "NSSystem.h"
+
+namespace KQ {
+
+/// An output stream to a file; see NSOutputStream::outputStreamToFileAtPath().
+class NSFileOutputStream final : public NSOutputStream {
+ public:
+  explicit NSFileOutputStream(std::string path) : path_(std::move(path)) {}
+  ~NSFileOutputStream() override;
+
+  void open() override;
+  void close() override;
+  NSStreamStatus streamStatus() const override { return status_; }
+  std::shared_ptr<const NSError> streamError() const override { return error_; }
+  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override { return accepted_; }
+  std::int64_t write(const std::uint8_t* buffer, std::uint64_t maxLength) override;
+  bool flush() override;
+
+ private:
+  bool _writeThrough(const std::uint8_t* buffer, std::uint64_t length);
+  bool _fail(int code);
+
+  std::string path_;
+  NSFileDescriptor file_;
+  NSStreamStatus status_ = NSStreamStatusNotOpen;
+  std::shared_ptr<const NSError> error_;
+  std::unique_ptr<std::uint8_t[]> buffer_;
+  std::uint64_t buffered_ = 0;
+  std::uint64_t accepted_ = 0;
+};
+
+}  // namespace KQ

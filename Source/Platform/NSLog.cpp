@@ -1,0 +1,53 @@
+#include "NSLog.h"
+
+#include <syslog.h>
+
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace KQ {
+
+namespace {
+
+struct LogState {
+  std::mutex mutex;
+  std::shared_ptr<const NSLogSink> sink = std::make_shared<const NSLogSink>();
+};
+
+// Never destroyed, so that what runs while the process ends can still log.
+LogState& logState() {
+  static auto* const state = new LogState;
+  return *state;
+}
+
+void logToSystem(const std::string& line) {
+  syslog(LOG_USER | LOG_NOTICE, "%s", line.c_str());
+  const std::string withLineEnd = line + '\n';
+  std::fwrite(withLineEnd.data(), 1, withLineEnd.size(), stderr);
+}
+
+}  // namespace
+
+void NSLog(const std::string& line) {
+  std::shared_ptr<const NSLogSink> sink;
+  {
+    const std::lock_guard<std::mutex> guard(logState().mutex);
+    sink = logState().sink;
+  }
+  if (*sink) {
+    (*sink)(line);
+  } else {
+    logToSystem(line);
+  }
+}
+
+NSLogSink NSSetLogSink(NSLogSink sink) {
+  auto replacement = std::make_shared<const NSLogSink>(std::move(sink));
+  const std::lock_guard<std::mutex> guard(logState().mutex);
+  logState().sink.swap(replacement);
+  return *replacement;
+}
+
+}  // namespace KQ

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "KQExport.h"
+
+namespace KQ {
+
+/// The kind of a progress that counts the bytes of a file.
+inline constexpr char NSProgressKindFile[] = "NSProgressKindFile";
+
+/// A number of bytes as a unit count; one that no count can hold becomes the largest.
+inline std::int64_t NSUnitCount(std::uint64_t bytes) {
+  return bytes > INT64_MAX ? INT64_MAX : static_cast<std::int64_t>(bytes);
+}
+
+/// How far a piece of work has come, in units, as a tree: a progress that is current on a thread becomes
+/// the parent of every progress made on that thread, so a caller watches and cancels work it does not see.
+///
+///     auto all = KQ::NSProgress::progressWithTotalUnitCount(1);
+///     all->becomeCurrentWithPendingUnitCount(1);
+///     writer.writeToZipPath("out.zip", &error);   // its progress becomes a child of `all`
+///     all->resignCurrent();
+///
+/// Every operation may be called from any thread at any time; only becomeCurrentWithPendingUnitCount() and
+/// resignCurrent() act on the calling thread's stack of current progresses. A child keeps its parents alive;
+/// a parent does not keep its children.
+class KQZIP_EXPORT NSProgress : public std::enable_shared_from_this<NSProgress> {
+ public:
+  /// A new progress. If the calling thread has a current progress, the new one is its child, worth the
+  /// pending unit count given when that one became current, and is cancelled from the start if that one is.
+  static std::shared_ptr<NSProgress> progressWithTotalUnitCount(std::int64_t totalUnitCount);
+
+  /// The calling thread's current progress, empty when it has none.
+  static std::shared_ptr<NSProgress> currentProgress();
+
+  ~NSProgress();
+  NSProgress(const NSProgress&) = delete;             ///< A progress is shared, never copied.
+  NSProgress& operator=(const NSProgress&) = delete;  ///< A progress is shared, never copied.
+
+  /// Puts the receiver on the calling thread's stack. Every progress made on the thread while it is on top
+  /// becomes its child, worth `pendingUnitCount` of the receiver's units.
+  void becomeCurrentWithPendingUnitCount(std::int64_t pendingUnitCount);
+
+  /// Takes the receiver off the calling thread's stack and settles the children made since it was put
+  /// there: units of theirs that have not been counted yet count as completed. Without children it adds
+  /// nothing. Whatever is still current above the receiver was left there by a failure or a cancellation;
+  /// it is taken off too, unsettled. Does nothing when the receiver is not on the stack.
+  void resignCurrent();
+
+  /// Units of the whole work; negative while not known.
+  std::int64_t totalUnitCount() const;
+  void setTotalUnitCount(std::int64_t count);  ///< May finish the receiver, see isFinished().
+
+  /// Units done, with those of children that have finished or been settled.
+  std::int64_t completedUnitCount() const;
+  void setCompletedUnitCount(std::int64_t count);  ///< May finish the receiver, see isFinished().
+
+  /// Completed units and the fractions of running children over the total: 0 to 1, and 0 while the
+  /// progress is indeterminate (a negative count, or both counts 0).
+  double fractionCompleted() const;
+
+  /// True when the completed units have reached the total and one of the two is above 0. A child that
+  /// finishes moves its units into its parent's completed count, once.
+  bool isFinished() const;
+
+  /// True once the receiver or a progress above it was cancelled; there is no way back.
+  bool isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
+
+  /// Cancels the receiver and everything below it, also what is made below it later.
+  void cancel();
+
+  /// Whether cancelling has a meaning to the work, for whoever shows a button; true unless set otherwise.
+  bool isCancellable() const { return cancellable_.load(std::memory_order_relaxed); }
+  void setCancellable(bool value) { cancellable_.store(value, std::memory_order_relaxed); }  ///< Stored only.
+
+  /// Whether the work can pause; false unless set otherwise.
+  bool isPausable() const { return pausable_.load(std::memory_order_relaxed); }
+  void setPausable(bool value) { pausable_.store(value, std::memory_order_relaxed); }  ///< Stored only.
+
+  /// What is counted, for instance NSProgressKindFile; empty unless set.
+  std::string kind() const;
+  void setKind(const std::string& kind);  ///< Stored only.
+
+ private:
+  // A list of children, linked through the children themselves so that adding and removing costs no memory.
+  struct ChildList {
+    NSProgress* first = nullptr;
+    void add(NSProgress* child);
+    void remove(NSProgress* child);
+  };
+
+  // Units of children that were made in one scope and released before it was settled.
+  struct ReleasedUnits {
+    std::uint64_t scope;
+    std::int64_t units;
+  };
+
+  explicit NSProgress(std::int64_t totalUnitCount);
+  void _attachTo(const std::shared_ptr<NSProgress>& parent, std::int64_t units, std::uint64_t scope);
+  void _settleChildrenOfScope(std::uint64_t scope);
+  ReleasedUnits& _releasedUnitsOfScope(std::uint64_t scope);
+  void _countIntoParent();
+  void _countIntoParentOnceFinished();
+  void _cancel();
+  bool _isFinished() const;
+  double _fractionCompleted() const;
+
+  // One lock for a whole tree: trees are shallow and counted in blocks, not in bytes.
+  std::shared_ptr<std::mutex> treeLock_;
+  std::shared_ptr<NSProgress> parent_;
+  std::int64_t unitsInParent_ = 0;
+  std::uint64_t scopeInParent_ = 0;
+  bool countedIntoParent_ = true;
+  NSProgress* previousSibling_ = nullptr;
+  NSProgress* nextSibling_ = nullptr;
+  // Children whose units are still to be counted, and those that only a cancellation still reaches.
+  ChildList running_;
+  ChildList settled_;
+  std::vector<ReleasedUnits> released_;
+  std::int64_t totalUnitCount_;
+  std::int64_t completedUnitCount_ = 0;
+  std::string kind_;
+  std::atomic<bool> cancelled_{false};
+  std::atomic<bool> cancellable_{true};
+  std::atomic<bool> pausable_{false};
+};
+
+}  // namespace KQ

@@ -1,0 +1,237 @@
+#include "NSString.h"
+
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <utility>
+#include <vector>
+
+#include "NSError.h"
+
+namespace KQ {
+
+namespace {
+
+bool isASCII(char byte) { return static_cast<unsigned char>(byte) < 0x80; }
+
+// The code point at the front of `bytes` and its length, or nothing when the bytes are not valid UTF-8.
+struct CodePoint {
+  utf8proc_int32_t value;
+  std::size_t length;
+};
+
+std::optional<CodePoint> firstCodePoint(std::string_view bytes) {
+  if (isASCII(bytes.front())) return CodePoint{bytes.front(), 1};
+  utf8proc_int32_t value = 0;
+  const utf8proc_ssize_t length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(bytes.data()),
+                                                   static_cast<utf8proc_ssize_t>(bytes.size()), &value);
+  if (length <= 0) return std::nullopt;
+  return CodePoint{value, static_cast<std::size_t>(length)};
+}
+
+using CodePoints = std::vector<utf8proc_int32_t>;
+
+void appendDecomposed(utf8proc_int32_t codePoint, CodePoints& result) {
+  // No canonical decomposition is longer than four code points.
+  std::array<utf8proc_int32_t, 16> decomposed{};
+  const utf8proc_ssize_t count =
+      utf8proc_decompose_char(codePoint, decomposed.data(), decomposed.size(), UTF8PROC_DECOMPOSE, nullptr);
+  if (count <= 0 || count > static_cast<utf8proc_ssize_t>(decomposed.size())) {
+    result.push_back(codePoint);
+  } else {
+    result.insert(result.end(), decomposed.begin(), decomposed.begin() + count);
+  }
+}
+
+utf8proc_propval_t combiningClass(utf8proc_int32_t codePoint) {
+  return utf8proc_get_property(codePoint)->combining_class;
+}
+
+// Marks on one letter have a canonical order among themselves; letters stay where they are.
+void orderMarks(CodePoints& codePoints) {
+  for (auto mark = codePoints.begin(); mark != codePoints.end();) {
+    if (combiningClass(*mark) == 0) {
+      ++mark;
+      continue;
+    }
+    const auto end = std::find_if(mark, codePoints.end(), [](auto c) { return combiningClass(c) == 0; });
+    std::stable_sort(mark, end,
+                     [](auto left, auto right) { return combiningClass(left) < combiningClass(right); });
+    mark = end;
+  }
+}
+
+CodePoints canonicalDecomposition(std::string_view string) {
+  const utf8proc_int32_t behindAllCodePoints = 0x110000;
+  CodePoints result;
+  result.reserve(string.size());
+  while (!string.empty()) {
+    if (const auto codePoint = firstCodePoint(string)) {
+      appendDecomposed(codePoint->value, result);
+      string.remove_prefix(codePoint->length);
+    } else {
+      result.push_back(behindAllCodePoints + static_cast<unsigned char>(string.front()));
+      string.remove_prefix(1);
+    }
+  }
+  orderMarks(result);
+  return result;
+}
+
+NSComparisonResult resultOf(int order) {
+  if (order == 0) return NSOrderedSame;
+  return order < 0 ? NSOrderedAscending : NSOrderedDescending;
+}
+
+NSComparisonResult compareDecomposed(std::string_view left, std::string_view right) {
+  const CodePoints leftPoints = canonicalDecomposition(left);
+  const CodePoints rightPoints = canonicalDecomposition(right);
+  if (leftPoints < rightPoints) return NSOrderedAscending;
+  if (rightPoints < leftPoints) return NSOrderedDescending;
+  return resultOf(left.compare(right));
+}
+
+std::string_view withoutTrailingSlashes(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  return path;
+}
+
+std::string_view withoutLeadingSlashes(std::string_view path) {
+  while (!path.empty() && path.front() == '/') path.remove_prefix(1);
+  return path;
+}
+
+bool isPrintable(utf8proc_int32_t codePoint) {
+  switch (utf8proc_category(codePoint)) {
+    case UTF8PROC_CATEGORY_CC:
+    case UTF8PROC_CATEGORY_ZL:
+    case UTF8PROC_CATEGORY_ZP:
+      return false;
+    default:
+      return true;
+  }
+}
+
+void appendEscaped(std::string_view bytes, std::string& result) {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    result += {'\\', 'x', digits[value >> 4], digits[value & 15]};
+  }
+}
+
+}  // namespace
+
+bool isValidUTF8(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const auto codePoint = firstCodePoint(bytes);
+    if (!codePoint) return false;
+    bytes.remove_prefix(codePoint->length);
+  }
+  return true;
+}
+
+std::optional<std::string> stringWithUTF8Bytes(const void* bytes, std::size_t length) {
+  const std::string_view view(static_cast<const char*>(bytes), length);
+  if (!isValidUTF8(view)) return std::nullopt;
+  return std::string(view);
+}
+
+NSComparisonResult compare(std::string_view left, std::string_view right) {
+  const std::size_t common = std::min(left.size(), right.size());
+  const auto difference =
+      std::mismatch(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(common), right.begin());
+  const bool leftEnds = difference.first == left.end();
+  const bool rightEnds = difference.second == right.end();
+  if (leftEnds && rightEnds) return NSOrderedSame;
+
+  // An ASCII character is its own decomposition and no mark moves across it, so a first difference between
+  // two of them, or between one and the end, decides.
+  const bool decided = (leftEnds || isASCII(*difference.first)) && (rightEnds || isASCII(*difference.second));
+  if (!decided) return compareDecomposed(left, right);
+  if (leftEnds || rightEnds) return leftEnds ? NSOrderedAscending : NSOrderedDescending;
+  return resultOf(*difference.first - *difference.second);
+}
+
+bool hasPrefix(std::string_view string, std::string_view prefix) {
+  return string.substr(0, prefix.size()) == prefix;
+}
+
+std::string lastPathComponent(std::string_view path) {
+  path = withoutTrailingSlashes(path);
+  if (path == "/") return "/";
+  return std::string(path.substr(path.rfind('/') + 1));
+}
+
+std::string stringByDeletingLastPathComponent(std::string_view path) {
+  path = withoutTrailingSlashes(path);
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return {};
+  return std::string(withoutTrailingSlashes(path.substr(0, slash + 1)));
+}
+
+std::string stringByAppendingPathComponent(std::string_view path, std::string_view component) {
+  if (path.empty()) return std::string(withoutTrailingSlashes(component));
+  path = withoutTrailingSlashes(path);
+  component = withoutTrailingSlashes(withoutLeadingSlashes(component));
+  if (component.empty()) return std::string(path);
+  std::string result(path);
+  if (result != "/") result += '/';
+  return result.append(component);
+}
+
+std::string stringByEscapingUnprintables(std::string_view bytes) {
+  std::string result;
+  while (!bytes.empty()) {
+    const auto codePoint = firstCodePoint(bytes);
+    const std::string_view character = bytes.substr(0, codePoint ? codePoint->length : 1);
+    if (codePoint && isPrintable(codePoint->value)) {
+      result += character;
+    } else {
+      appendEscaped(character, result);
+    }
+    bytes.remove_prefix(character.size());
+  }
+  return result;
+}
+
+static constexpr char absentObject[] = "(null)";
+
+NSFormatArgument::NSFormatArgument(std::string text) : text_(std::move(text)) {}
+NSFormatArgument::NSFormatArgument(const char* text) : text_(text) {}
+NSFormatArgument::NSFormatArgument(const std::optional<std::string>& text)
+    : text_(text.value_or(absentObject)) {}
+NSFormatArgument::NSFormatArgument(const std::shared_ptr<const NSError>& error)
+    : text_(error ? error->description() : absentObject) {}
+
+NSFormatArgument NSFormatArgument::decimal(std::uint64_t number) { return std::to_string(number); }
+
+NSFormatArgument NSFormatArgument::hexadecimal(std::uint64_t number) {
+  std::array<char, 16> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number, 16);
+  return std::string(digits.data(), end.ptr);
+}
+
+std::string stringWithFormat(std::string_view format, std::initializer_list<NSFormatArgument> arguments) {
+  static constexpr std::array<std::string_view, 4> placeholders{"%@", "%llu", "%x", "%p"};
+  std::string result;
+  auto argument = arguments.begin();
+  while (!format.empty()) {
+    const auto placeholder =
+        std::find_if(placeholders.begin(), placeholders.end(),
+                     [format](std::string_view text) { return hasPrefix(format, text); });
+    if (placeholder != placeholders.end() && argument != arguments.end()) {
+      result += argument->text();
+      ++argument;
+      format.remove_prefix(placeholder->size());
+    } else {
+      result += format.front();
+      format.remove_prefix(1);
+    }
+  }
+  return result;
+}
+
+}  // namespace KQ

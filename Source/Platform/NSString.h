@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "KQExport.h"
+
+namespace KQ {
+
+class NSError;
+
+// Strings are `std::string` in UTF-8; an absent one is an empty `std::optional`. All functions here are
+// pure: any thread may call them at any time.
+
+/// How two strings are ordered.
+enum NSComparisonResult {
+  NSOrderedAscending = -1,  ///< The left one comes first.
+  NSOrderedSame = 0,        ///< Both have the same bytes.
+  NSOrderedDescending = 1   ///< The right one comes first.
+};
+
+/// True when the bytes are well-formed UTF-8: no overlong form, no surrogate, nothing beyond U+10FFFF.
+KQZIP_EXPORT bool isValidUTF8(std::string_view bytes);
+
+/// The bytes as a string, or nothing when they are not valid UTF-8. A NUL byte is a character like any.
+KQZIP_EXPORT std::optional<std::string> stringWithUTF8Bytes(const void* bytes, std::size_t length);
+
+/// Orders two strings by the code points of their canonical decompositions: case-sensitive, independent
+/// of the locale, byte order for ASCII. Strings that are canonically equivalent but differ in bytes are
+/// ordered by their bytes, so the order is total. A byte that is not part of valid UTF-8 sorts after
+/// every code point.
+KQZIP_EXPORT NSComparisonResult compare(std::string_view left, std::string_view right);
+
+/// compare() as a "less than" for sorted containers.
+struct NSStringLess {
+  using is_transparent = void;  ///< Lets containers look up views without making strings.
+  /// True when `left` sorts before `right`.
+  bool operator()(std::string_view left, std::string_view right) const {
+    return compare(left, right) == NSOrderedAscending;
+  }
+};
+
+/// True when `string` begins with the bytes of `prefix`.
+KQZIP_EXPORT bool hasPrefix(std::string_view string, std::string_view prefix);
+
+/// The last component: "b" of "a/b" and of "a/b/", "/" of "/", "" of "".
+KQZIP_EXPORT std::string lastPathComponent(std::string_view path);
+
+/// The path without its last component: "a" of "a/b" and of "a/b/", "/" of "/x" and of "/", "" of "x".
+KQZIP_EXPORT std::string stringByDeletingLastPathComponent(std::string_view path);
+
+/// Joins with one "/". A trailing "/" is dropped, an empty left side yields the component itself, and an
+/// absolute component never replaces the left side: "out" with "/etc/x" is "out/etc/x".
+KQZIP_EXPORT std::string stringByAppendingPathComponent(std::string_view path, std::string_view component);
+
+/// `bytes` made printable: control characters, and bytes that are not valid UTF-8, as \xNN.
+KQZIP_EXPORT std::string stringByEscapingUnprintables(std::string_view bytes);
+
+/// One argument of stringWithFormat(), already as text; an absent object reads "(null)".
+class KQZIP_EXPORT NSFormatArgument {
+ public:
+  // Conversions are meant to be implicit: a list of arguments reads like the call of a formatting function.
+  NSFormatArgument(std::string text);                             ///< A string as it stands.
+  NSFormatArgument(const char* text);                             ///< A string as it stands.
+  NSFormatArgument(const std::optional<std::string>& text);       ///< A string or nothing.
+  NSFormatArgument(const std::shared_ptr<const NSError>& error);  ///< An error's description or nothing.
+  /// A number in decimal digits.
+  static NSFormatArgument decimal(std::uint64_t number);
+  /// A number in lower-case hexadecimal digits without prefix or leading zeros.
+  static NSFormatArgument hexadecimal(std::uint64_t number);
+
+  /// The text that replaces the placeholder.
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
+/// `format` with its placeholders "%@", "%llu", "%x" and "%p" replaced by the arguments, left to right.
+/// The arguments' own characters are never taken for placeholders. There must be one argument for each.
+KQZIP_EXPORT std::string stringWithFormat(std::string_view format,
+                                          std::initializer_list<NSFormatArgument> arguments);
+
+}  // namespace KQ

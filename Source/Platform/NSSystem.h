@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// The system calls of the streams and the file manager, for the platform layer's own use. Interrupted calls
+// are repeated, so that EINTR is never seen by anyone. Functions that fail return false or a negative count
+// and leave the reason in `errno`.
+
+namespace KQ {
+
+/// 0 when the system can be given `path`; EINVAL when it holds a NUL byte, EILSEQ when it is not valid UTF-8.
+int NSCodeForUnusablePath(const std::string& path);
+
+/// What the system is given for `path`: the empty path is the current directory.
+const char* NSSystemPath(const std::string& path);
+
+/// Owns an open file.
+class NSFileDescriptor {
+ public:
+  NSFileDescriptor() = default;
+  ~NSFileDescriptor();
+  NSFileDescriptor(const NSFileDescriptor&) = delete;
+  NSFileDescriptor& operator=(const NSFileDescriptor&) = delete;
+
+  /// Opens an existing file for reading.
+  bool openForReading(const std::string& path);
+
+  /// Creates a file for writing, or empties one that exists.
+  bool openForWriting(const std::string& path);
+
+  /// Closes the file if it is open. A failure means that what was written may be lost.
+  bool close();
+
+  /// True when the file has offsets, unlike a pipe.
+  bool isSeekable() const;
+
+  /// Reads at most `length` bytes at `offset`; 0 at the end.
+  std::int64_t readAt(void* buffer, std::uint64_t length, std::uint64_t offset) const;
+
+  /// Reads at most `length` bytes where the file stands; 0 at the end.
+  std::int64_t readNext(void* buffer, std::uint64_t length) const;
+
+  /// Writes all of `count` pieces, which are used up.
+  bool writeAll(iovec* pieces, int count) const;
+
+ private:
+  bool _open(const std::string& path, int flags);
+
+  int descriptor_ = -1;
+};
+
+}  // namespace KQ

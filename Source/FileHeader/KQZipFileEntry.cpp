@@ -3,8 +3,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 #include "../KQZipError.h"
 #include "../KQZipStreamPrimitives.h"
@@ -91,10 +89,9 @@ std::uint64_t KQZipFileEntry::outputSize() const {
 }
 
 std::string KQZipFileEntry::description() const {
-  std::array<char, 32> identity{};
-  std::snprintf(identity.data(), identity.size(), "%p", static_cast<const void*>(this));
-  return KQ::stringWithFormat("<%@: %p path:%@ source:%@>",
-                              {_className(), identity.data(), fileName(), sourceFilePath()});
+  return KQ::stringWithFormat(
+      "<%@: %p path:%@ source:%@>",
+      {_className(), KQ::NSFormatArgument::identity(this), fileName(), sourceFilePath()});
 }
 
 KQ::NSDate KQZipFileEntry::modificationDate() const {

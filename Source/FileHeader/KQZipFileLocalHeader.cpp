@@ -25,8 +25,8 @@ std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithStream(KQ::N
 }
 
 bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  const std::string path = sourceFilePath().value_or("");
-  const auto attributes = KQ::NSFileManager::attributesOfItemAtPath(path);
+  const std::optional<std::string> path = sourceFilePath();
+  const auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
   const std::uint64_t size = attributes ? attributes->NSFileSize.value_or(0) : 0;
   // One pass for the CRC, one for the copy.
   progress_ = KQ::NSProgress::progressWithTotalUnitCount(2 * std::min(KQ::NSUnitCount(size), INT64_MAX / 2));
@@ -37,9 +37,9 @@ bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSError
   // It is meant that the progress stays current when the preparation, the header or the opening of the source
   // fails, and after a cancellation: a caller that resigns its own gets its thread back.
   if (!KQZipFileEntry::writeToStream(stream, error) || !_writeHeader(stream, error)) return false;
-  const auto source = KQ::NSInputStream::inputStreamWithFileAtPath(path);
+  const auto source = KQ::NSInputStream::inputStreamWithFileAtPath(*path);
   if (!source) {
-    KQ::NSLog(KQ::stringWithFormat("%@ failed to open file at %@", {description(), sourceFilePath()}));
+    KQ::NSLog(KQ::stringWithFormat("%@ failed to open file at %@", {description(), path}));
     return false;
   }
   source->open();
@@ -182,10 +182,10 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
     remaining -= static_cast<std::uint64_t>(count);
     if (output.write(buffer.get(), static_cast<std::uint64_t>(count)) < 1) return writingFailed();
   }
-  // A small file is still in the stream's buffer: only now it shows whether it could be written.
-  if (!output.flush()) return writingFailed();
+  // A small file is still in the stream's buffer: only now it shows whether it could be written. Without data
+  // nothing was written, and setting the attributes tells whether the file is there.
   output.close();
-  return output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
+  return dataLengthFromHeader() == 0 || output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
 }
 
 const char* KQZipFileLocalHeader::_className() const { return "KQZipFileLocalHeader"; }

@@ -29,7 +29,7 @@ class KQZIP_EXPORT NSCalendar {
   /// The date with these components. Impossible ones carry over into the next larger unit: day 0 is the
   /// last day of the month before, month 13 the January after, second 62 two seconds into the next minute.
   /// Of a time that a daylight-saving change makes twice or skips, the system's `mktime` chooses the
-  /// reading.
+  /// reading. The date must be one that NSDate can hold, of the years 1678 to 2261.
   static NSDate dateFromComponents(const NSDateComponents& components);
 };
 

@@ -28,26 +28,29 @@ std::shared_ptr<NSInputStream> NSInputStream::inputStreamWithFileAtPath(const st
 
 NSFileInputStream::NSFileInputStream(std::string path) : path_(std::move(path)) {
   usable_ = file_.openForReading(path_);
-  seekable_ = usable_ && file_.isSeekable();
 }
 
 void NSFileInputStream::open() {
-  if (status_ == NSStreamStatusNotOpen) status_ = NSStreamStatusOpen;
+  if (status_ != NSStreamStatusNotOpen) return;
+  open_ = true;
+  status_ = NSStreamStatusOpen;
 }
 
 void NSFileInputStream::close() {
   file_.close();
   buffer_.reset();
-  status_ = NSStreamStatusClosed;
+  open_ = false;
+  if (status_ != NSStreamStatusError) status_ = NSStreamStatusClosed;
 }
 
 std::optional<std::uint64_t> NSFileInputStream::NSStreamFileCurrentOffsetKey() const {
-  return seekable_ ? std::optional(position_) : std::nullopt;
+  return _isSeekable() ? std::optional(position_) : std::nullopt;
 }
 
 bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
-  if (!seekable_ || offset > largestOffset) {
-    error_ = NSError::errorWithPOSIXCode(seekable_ ? EOVERFLOW : ESPIPE, path_);
+  const bool seekable = _isSeekable();
+  if (!seekable || offset > largestOffset) {
+    error_ = NSError::errorWithPOSIXCode(seekable ? EOVERFLOW : ESPIPE, path_);
     return false;
   }
   position_ = offset;
@@ -56,7 +59,7 @@ bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
 }
 
 std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLength) {
-  if (!_isOpen()) return _fail(EBADF);
+  if (!open_) return _fail(EBADF);
   maxLength = std::min(maxLength, largestOffset);
   const std::uint64_t start = position_;
   std::uint64_t total = _takeBuffered(buffer, maxLength);
@@ -65,7 +68,7 @@ std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLeng
     if (count < 0) {
       // All or nothing: a part delivered here would pass for a short file.
       const int code = errno;
-      if (seekable_) position_ = start;
+      if (_isSeekable()) position_ = start;
       return _fail(code);
     }
     if (count == 0) break;
@@ -76,14 +79,15 @@ std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLeng
 }
 
 bool NSFileInputStream::hasBytesAvailable() {
-  if (!_isOpen()) return false;
+  if (!open_) return false;
   const bool buffered = position_ >= bufferOffset_ && position_ - bufferOffset_ < bufferLength_;
   // An error counts as bytes: the read that follows reports it.
   return buffered || (end_ != position_ && _fillBuffer(1) != 0);
 }
 
-bool NSFileInputStream::_isOpen() const {
-  return status_ != NSStreamStatusNotOpen && status_ != NSStreamStatusClosed;
+bool NSFileInputStream::_isSeekable() const {
+  if (!seekable_) seekable_ = file_.isSeekable();
+  return *seekable_;
 }
 
 std::uint64_t NSFileInputStream::_takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength) {
@@ -123,15 +127,22 @@ void NSFileInputStream::_chooseReadAhead() {
 }
 
 std::int64_t NSFileInputStream::_readFile(std::uint8_t* buffer, std::uint64_t length) {
-  const std::int64_t count =
-      seekable_ ? file_.readAt(buffer, length, position_) : file_.readNext(buffer, length);
+  std::int64_t count = -1;
+  if (seekable_.value_or(true)) count = file_.readAt(buffer, length, position_);
+  if (count >= 0) {
+    seekable_ = true;
+  } else if (errno == ESPIPE) {
+    // What has no offsets says so before it gives up any bytes.
+    seekable_ = false;
+  }
+  if (!seekable_.value_or(true)) count = file_.readNext(buffer, length);
   if (count == 0) end_ = position_;
   return count;
 }
 
 std::int64_t NSFileInputStream::_fail(int code) {
   error_ = NSError::errorWithPOSIXCode(code, path_);
-  if (_isOpen()) status_ = NSStreamStatusError;
+  if (open_) status_ = NSStreamStatusError;
   return -1;
 }
 

@@ -30,7 +30,7 @@ class NSFileInputStream final : public NSInputStream {
   bool hasBytesAvailable() override;
 
  private:
-  bool _isOpen() const;
+  bool _isSeekable() const;
   std::uint64_t _takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength);
   std::int64_t _readMore(std::uint8_t* buffer, std::uint64_t maxLength);
   std::int64_t _fillBuffer(std::uint64_t atLeast);
@@ -41,7 +41,9 @@ class NSFileInputStream final : public NSInputStream {
   std::string path_;
   NSFileDescriptor file_;
   bool usable_ = false;
-  bool seekable_ = false;
+  bool open_ = false;
+  // Found out by the first read, or when it is needed before.
+  mutable std::optional<bool> seekable_;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;
 

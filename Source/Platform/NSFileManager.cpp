@@ -19,7 +19,6 @@ namespace KQ {
 
 namespace {
 
-// Fails with what `errno` says, or with the path itself when the system cannot be given it.
 bool fail(NSErrorSlot slot, int code, const std::string& path) {
   NSStoreError(slot, NSError::errorWithPOSIXCode(code, path));
   return false;
@@ -46,12 +45,20 @@ NSFileAttributeType typeOf(mode_t mode) {
 
 NSDate dateOf(const timespec& time) {
   using std::chrono::duration_cast;
+  using std::chrono::nanoseconds;
   using std::chrono::seconds;
-  // One second of room on each side for the nanoseconds.
-  const auto earliest = duration_cast<seconds>(NSDate::min().time_since_epoch()).count() + 1;
-  const auto latest = duration_cast<seconds>(NSDate::max().time_since_epoch()).count() - 1;
-  const seconds whole(std::clamp<std::int64_t>(time.tv_sec, earliest, latest));
-  return NSDate(whole + std::chrono::nanoseconds(time.tv_nsec));
+  // Taken apart towards zero, so that neither part leaves the range before the whole does.
+  const bool before1970 = time.tv_sec < 0;
+  const seconds whole(time.tv_sec + (before1970 ? 1 : 0));
+  const nanoseconds rest = nanoseconds(time.tv_nsec) - (before1970 ? seconds(1) : seconds(0));
+  const nanoseconds earliest = NSDate::min().time_since_epoch();
+  const nanoseconds latest = NSDate::max().time_since_epoch();
+  const auto earliestWhole = duration_cast<seconds>(earliest);
+  const auto latestWhole = duration_cast<seconds>(latest);
+  if (whole > latestWhole || (whole == latestWhole && rest > latest - latestWhole)) return NSDate::max();
+  if (whole < earliestWhole || (whole == earliestWhole && rest < earliest - earliestWhole))
+    return NSDate::min();
+  return NSDate(whole + rest);
 }
 
 timespec timeOf(NSDate date) {
@@ -62,13 +69,19 @@ timespec timeOf(NSDate date) {
   return time;
 }
 
+bool statusOf(const std::string& path, struct stat* status) {
+  return NSRepeatingInterrupted([&] { return ::stat(NSSystemPath(path), status); }) == 0;
+}
+
 bool isFolder(const std::string& path) {
   struct stat status {};
-  return ::stat(NSSystemPath(path), &status) == 0 && S_ISDIR(status.st_mode);
+  return statusOf(path, &status) && S_ISDIR(status.st_mode);
 }
 
 // 0, or the reason why the folder could not be made.
-int createFolder(const std::string& path) { return ::mkdir(NSSystemPath(path), 0777) == 0 ? 0 : errno; }
+int createFolder(const std::string& path) {
+  return NSRepeatingInterrupted([&] { return ::mkdir(NSSystemPath(path), 0777); }) == 0 ? 0 : errno;
+}
 
 int createFolderWithParents(const std::string& path) {
   int code = createFolder(path);
@@ -80,11 +93,49 @@ int createFolderWithParents(const std::string& path) {
   return code == EEXIST && isFolder(path) ? 0 : code;
 }
 
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+using OpenFolder = std::unique_ptr<DIR, CloseFolder>;
+
+// Empty, with the reason in `errno`, when the folder cannot be opened.
+OpenFolder openFolder(const std::string& path, bool followingLinks) {
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followingLinks ? 0 : O_NOFOLLOW);
+  const int descriptor = NSRepeatingInterrupted([&] { return ::open(NSSystemPath(path), flags); });
+  if (descriptor < 0) return nullptr;
+  OpenFolder folder(::fdopendir(descriptor));
+  if (!folder) {
+    const int code = errno;
+    ::close(descriptor);
+    errno = code;
+  }
+  return folder;
+}
+
+// Null at the end, with `errno` 0, and on an error.
+const dirent* nextEntry(DIR* folder) {
+  const dirent* entry = nullptr;
+  do {
+    errno = 0;
+    // Safe from any thread: the open folder belongs to one walk.
+    entry = ::readdir(folder);  // NOLINT(concurrency-mt-unsafe)
+  } while (entry == nullptr && errno == EINTR);
+  return entry;
+}
+
+// Links are not followed. Not every file system tells the type along with the name.
+bool isFolderItself(DIR* folder, const dirent& entry) {
+  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+  struct stat status {};
+  return ::fstatat(::dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISDIR(status.st_mode);
+}
+
 }  // namespace
 
 bool NSFileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) {
   struct stat status {};
-  const bool exists = NSCodeForUnusablePath(path) == 0 && ::stat(NSSystemPath(path), &status) == 0;
+  const bool exists = NSCodeForUnusablePath(path) == 0 && statusOf(path, &status);
   if (isDirectory != nullptr) *isDirectory = exists && S_ISDIR(status.st_mode);
   return exists;
 }
@@ -93,7 +144,8 @@ std::optional<NSFileAttributes> NSFileManager::attributesOfItemAtPath(const std:
                                                                       NSErrorSlot error) {
   struct stat status {};
   int code = NSCodeForUnusablePath(path);
-  if (code == 0 && ::lstat(NSSystemPath(path), &status) != 0) code = errno;
+  if (code == 0 && NSRepeatingInterrupted([&] { return ::lstat(NSSystemPath(path), &status); }) != 0)
+    code = errno;
   if (code != 0) {
     fail(error, code, path);
     return std::nullopt;
@@ -105,13 +157,16 @@ std::optional<NSFileAttributes> NSFileManager::attributesOfItemAtPath(const std:
 bool NSFileManager::setAttributes(const NSFileAttributes& attributes, const std::string& path,
                                   NSErrorSlot error) {
   if (const int code = NSCodeForUnusablePath(path); code != 0) return fail(error, code, path);
+  if (!attributes.NSFileModificationDate) {
+    struct stat status {};
+    return statusOf(path, &status) || fail(error, errno, path);
+  }
   timespec unchanged{};
   unchanged.tv_nsec = UTIME_OMIT;
-  const timespec modified =
-      attributes.NSFileModificationDate ? timeOf(*attributes.NSFileModificationDate) : unchanged;
-  const std::array<timespec, 2> times{unchanged, modified};
-  if (::utimensat(AT_FDCWD, NSSystemPath(path), times.data(), 0) != 0) return fail(error, errno, path);
-  return true;
+  const std::array<timespec, 2> times{unchanged, timeOf(*attributes.NSFileModificationDate)};
+  const int result =
+      NSRepeatingInterrupted([&] { return ::utimensat(AT_FDCWD, NSSystemPath(path), times.data(), 0); });
+  return result == 0 || fail(error, errno, path);
 }
 
 bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
@@ -155,45 +210,25 @@ std::optional<std::vector<NSDirectoryEnumerator::Item>> NSDirectoryEnumerator::_
     const std::string& relativePath) {
   const bool isRoot = relativePath.empty();
   const std::string path = isRoot ? root_ : stringByAppendingPathComponent(root_, relativePath);
-  const auto failed = [&](int code) {
-    error_ = NSError::errorWithPOSIXCode(code, path);
-    return std::nullopt;
-  };
   // Names below the root are as the file system has them, whatever their bytes.
-  if (const int code = isRoot ? NSCodeForUnusablePath(path) : 0; code != 0) return failed(code);
-
-  const int followsLinks = isRoot ? 0 : O_NOFOLLOW;
-  const int descriptor = ::open(NSSystemPath(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC | followsLinks);
-  if (descriptor < 0) return failed(errno);
-  DIR* const folder = ::fdopendir(descriptor);
-  if (folder == nullptr) {
-    const int code = errno;
-    ::close(descriptor);
-    return failed(code);
-  }
+  int code = isRoot ? NSCodeForUnusablePath(path) : 0;
+  const OpenFolder folder = code == 0 ? openFolder(path, isRoot) : nullptr;
+  if (code == 0 && !folder) code = errno;
 
   std::vector<Item> items;
-  int code = 0;
-  for (;;) {
-    errno = 0;
-    const dirent* const entry = ::readdir(folder);
+  while (code == 0) {
+    const dirent* const entry = nextEntry(folder.get());
     if (entry == nullptr) {
       code = errno;
       break;
     }
     const std::string_view name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    bool isFolderItself = entry->d_type == DT_DIR;
-    if (entry->d_type == DT_UNKNOWN) {
-      struct stat status {};
-      isFolderItself =
-          ::fstatat(descriptor, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
-    }
-    items.push_back({std::string(name), isFolderItself});
+    if (name != "." && name != "..")
+      items.push_back({std::string(name), isFolderItself(folder.get(), *entry)});
   }
-  ::closedir(folder);
-  if (code != 0) return failed(code);
-  return items;
+  if (code == 0) return items;
+  error_ = NSError::errorWithPOSIXCode(code, path);
+  return std::nullopt;
 }
 
 }  // namespace KQ

@@ -25,7 +25,8 @@ LogState& logState() {
 void logToSystem(const std::string& line) {
   syslog(LOG_USER | LOG_NOTICE, "%s", line.c_str());
   const std::string withLineEnd = line + '\n';
-  std::fwrite(withLineEnd.data(), 1, withLineEnd.size(), stderr);
+  // There is nowhere left to report a failure to.
+  (void)std::fwrite(withLineEnd.data(), 1, withLineEnd.size(), stderr);
 }
 
 }  // namespace

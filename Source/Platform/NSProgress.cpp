@@ -45,7 +45,7 @@ void NSProgress::ChildList::remove(NSProgress* child) {
 }
 
 std::shared_ptr<NSProgress> NSProgress::progressWithTotalUnitCount(std::int64_t totalUnitCount) {
-  const std::shared_ptr<NSProgress> progress(new NSProgress(totalUnitCount));
+  std::shared_ptr<NSProgress> progress(new NSProgress(totalUnitCount));
   if (threadStack().empty()) {
     progress->treeLock_ = std::make_shared<std::mutex>();
   } else {

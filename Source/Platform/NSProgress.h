@@ -65,8 +65,8 @@ class KQZIP_EXPORT NSProgress : public std::enable_shared_from_this<NSProgress> 
   /// progress is indeterminate (a negative count, or both counts 0).
   double fractionCompleted() const;
 
-  /// True when the completed units have reached the total and one of the two is above 0. A child that
-  /// finishes moves its units into its parent's completed count, once.
+  /// True when the total is known, the completed units have reached it and one of the two is above 0. A child
+  /// that finishes moves its units into its parent's completed count, once.
   bool isFinished() const;
 
   /// True once the receiver or a progress above it was cancelled; there is no way back.

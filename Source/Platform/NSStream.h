@@ -48,8 +48,8 @@ class KQZIP_EXPORT NSStream {
   virtual std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const;
 
   /// Moves the next read to `offset`, which may lie beyond the end (reads then meet the end). Returns false,
-  /// with a streamError(), when the stream cannot be moved or the offset does not fit the system's signed
-  /// 64-bit offset; the stream then stands where it stood.
+  /// the library's input streams with a streamError(), when the stream cannot be moved or the offset does not
+  /// fit the system's signed 64-bit offset; the stream then stands where it stood.
   virtual bool setNSStreamFileCurrentOffsetKey(std::uint64_t offset);
 
  protected:

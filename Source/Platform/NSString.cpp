@@ -214,6 +214,10 @@ NSFormatArgument NSFormatArgument::hexadecimal(std::uint64_t number) {
   return std::string(digits.data(), end.ptr);
 }
 
+NSFormatArgument NSFormatArgument::identity(const void* object) {
+  return "0x" + hexadecimal(reinterpret_cast<std::uintptr_t>(object)).text();
+}
+
 std::string stringWithFormat(std::string_view format, std::initializer_list<NSFormatArgument> arguments) {
   static constexpr std::array<std::string_view, 4> placeholders{"%@", "%llu", "%x", "%p"};
   std::string result;

@@ -73,6 +73,8 @@ class KQZIP_EXPORT NSFormatArgument {
   static NSFormatArgument decimal(std::uint64_t number);
   /// A number in lower-case hexadecimal digits without prefix or leading zeros.
   static NSFormatArgument hexadecimal(std::uint64_t number);
+  /// An object's address, which tells it from others.
+  static NSFormatArgument identity(const void* object);
 
   /// The text that replaces the placeholder.
   const std::string& text() const { return text_; }

@@ -15,15 +15,6 @@ namespace {
 // No system transfers more in one call, and some fail when asked to.
 constexpr std::uint64_t longestTransfer = 0x40000000;
 
-// Calls again what a signal has interrupted.
-template <class Call>
-auto repeatingInterrupted(Call call) {
-  for (;;) {
-    const auto result = call();
-    if (result >= 0 || errno != EINTR) return result;
-  }
-}
-
 // Steps over `length` bytes of the pieces, and over pieces that are used up.
 void advance(iovec*& pieces, int& count, std::size_t length) {
   while (count > 0 && length >= pieces->iov_len) {
@@ -60,7 +51,7 @@ bool NSFileDescriptor::_open(const std::string& path, int flags) {
     return false;
   }
   const int descriptor =
-      repeatingInterrupted([&] { return ::open(NSSystemPath(path), flags | O_CLOEXEC, 0666); });
+      NSRepeatingInterrupted([&] { return ::open(NSSystemPath(path), flags | O_CLOEXEC, 0666); });
   if (descriptor < 0) return false;
   close();
   descriptor_ = descriptor;
@@ -75,22 +66,25 @@ bool NSFileDescriptor::close() {
   return closed;
 }
 
-bool NSFileDescriptor::isSeekable() const { return ::lseek(descriptor_, 0, SEEK_CUR) >= 0; }
+bool NSFileDescriptor::isSeekable() const {
+  return ::lseek(descriptor_, 0, SEEK_CUR) >= 0 || errno != ESPIPE;
+}
 
 std::int64_t NSFileDescriptor::readAt(void* buffer, std::uint64_t length, std::uint64_t offset) const {
   // The end of the transfer must fit the system's offset too.
   length = std::min({length, longestTransfer, static_cast<std::uint64_t>(INT64_MAX) - offset});
-  return repeatingInterrupted(
+  return NSRepeatingInterrupted(
       [&] { return ::pread(descriptor_, buffer, length, static_cast<off_t>(offset)); });
 }
 
 std::int64_t NSFileDescriptor::readNext(void* buffer, std::uint64_t length) const {
-  return repeatingInterrupted([&] { return ::read(descriptor_, buffer, std::min(length, longestTransfer)); });
+  return NSRepeatingInterrupted(
+      [&] { return ::read(descriptor_, buffer, std::min(length, longestTransfer)); });
 }
 
 bool NSFileDescriptor::writeAll(iovec* pieces, int count) const {
   for (advance(pieces, count, 0); count > 0;) {
-    const ssize_t written = repeatingInterrupted([&] { return ::writev(descriptor_, pieces, count); });
+    const ssize_t written = NSRepeatingInterrupted([&] { return ::writev(descriptor_, pieces, count); });
     if (written < 0) return false;
     if (written == 0) {
       // The system takes nothing and gives no reason: asking again would never end.

@@ -2,6 +2,7 @@
 
 #include <sys/uio.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -17,6 +18,15 @@ int NSCodeForUnusablePath(const std::string& path);
 
 /// What the system is given for `path`: the empty path is the current directory.
 const char* NSSystemPath(const std::string& path);
+
+/// Calls again what a signal has interrupted. Returns what the call returned, negative for a failure.
+template <class Call>
+auto NSRepeatingInterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
 
 /// Owns an open file.
 class NSFileDescriptor {
@@ -35,7 +45,7 @@ class NSFileDescriptor {
   /// Closes the file if it is open. A failure means that what was written may be lost.
   bool close();
 
-  /// True when the file has offsets, unlike a pipe.
+  /// False when the file has no offsets, as a pipe has none.
   bool isSeekable() const;
 
   /// Reads at most `length` bytes at `offset`; 0 at the end.

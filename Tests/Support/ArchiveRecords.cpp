@@ -1,0 +1,134 @@
+#include "Support/ArchiveRecords.h"
+
+#include <zlib.h>
+
+#include <chrono>
+#include <ctime>
+
+#include "Support/Bytes.h"
+
+namespace KQTest {
+
+namespace {
+
+std::uint32_t crcOf(const std::string& data) {
+  return static_cast<std::uint32_t>(
+      crc32_z(0, reinterpret_cast<const unsigned char*>(data.data()), data.size()));
+}
+
+}  // namespace
+
+std::string extraFieldBytes(std::uint16_t identifier, const std::string& data,
+                            std::optional<std::uint16_t> declaredSize) {
+  return Bytes().u16(identifier).u16(declaredSize ? *declaredSize : data.size()).text(data);
+}
+
+std::string zip64FieldBytes(std::uint64_t uncompressedSize, std::uint64_t compressedSize,
+                            std::uint64_t offsetOfLocalHeader) {
+  return extraFieldBytes(1, Bytes().u64(uncompressedSize).u64(compressedSize).u64(offsetOfLocalHeader));
+}
+
+std::string LocalRecord::header() const {
+  const std::uint64_t bothSizes = size ? *size : data.size();
+  return Bytes()
+      .u32(0x04034b50)
+      .u16(10)
+      .u16(flags)
+      .u16(compression)
+      .u16(modTime)
+      .u16(modDate)
+      .u32(crcOf(data))
+      .u32(bothSizes)
+      .u32(bothSizes)
+      .u16(nameLength ? *nameLength : name.size())
+      .u16(extraLength ? *extraLength : extra.size())
+      .text(name)
+      .text(extra);
+}
+
+LocalRecord plainRecord(const std::string& name, const std::string& data) {
+  LocalRecord record;
+  record.name = name;
+  record.data = data;
+  return record;
+}
+
+LocalRecord zip64Record(const std::string& name, const std::string& data, std::uint64_t offset) {
+  LocalRecord record = plainRecord(name, data);
+  record.size = 0xFFFFFFFF;
+  record.extra = zip64FieldBytes(data.size(), data.size(), offset);
+  return record;
+}
+
+std::string centralHeaderBytes(const LocalRecord& record, std::uint32_t offset, std::uint16_t compression) {
+  return Bytes()
+      .u32(0x02014b50)
+      .u16(0x031E)
+      .u16(10)
+      .u16(record.flags)
+      .u16(compression)
+      .u16(record.modTime)
+      .u16(record.modDate)
+      .u32(crcOf(record.data))
+      .u32(record.data.size())
+      .u32(record.data.size())
+      .u16(record.name.size())
+      .u16(0)
+      .u16(0)
+      .u16(0)
+      .u16(0)
+      .u32(0)
+      .u32(offset)
+      .text(record.name);
+}
+
+std::string endRecordBytes(std::uint16_t entries, std::uint32_t size, std::uint32_t offset) {
+  return Bytes().u32(0x06054b50).u16(0).u16(0).u16(entries).u16(entries).u32(size).u32(offset).u16(0);
+}
+
+std::string archiveBytes(const std::vector<LocalRecord>& records) {
+  std::string locals;
+  std::string centrals;
+  for (const LocalRecord& record : records) {
+    centrals += centralHeaderBytes(record, static_cast<std::uint32_t>(locals.size()));
+    locals += record.bytes();
+  }
+  return locals + centrals +
+         endRecordBytes(static_cast<std::uint16_t>(records.size()),
+                        static_cast<std::uint32_t>(centrals.size()),
+                        static_cast<std::uint32_t>(locals.size()));
+}
+
+std::optional<std::string> bytesOf(const std::shared_ptr<const KQ::NSData>& data) {
+  if (!data) return std::nullopt;
+  return std::string(reinterpret_cast<const char*>(data->bytes()), data->length());
+}
+
+std::string readFrom(KQ::NSInputStream& stream, std::uint64_t length) {
+  std::string bytes(length, '\0');
+  std::uint64_t filled = 0;
+  while (filled < length) {
+    const std::int64_t count =
+        stream.read(reinterpret_cast<std::uint8_t*>(bytes.data()) + filled, length - filled);
+    if (count <= 0) break;
+    filled += static_cast<std::uint64_t>(count);
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+std::string localTime(KQ::NSDate date) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(date);
+  std::tm fields{};
+  localtime_r(&seconds, &fields);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
+  return text;
+}
+
+std::string errorText(const std::shared_ptr<const KQ::NSError>& error) {
+  if (!error) return "no error";
+  return std::to_string(error->code()) + " " + error->localizedDescription();
+}
+
+}  // namespace KQTest

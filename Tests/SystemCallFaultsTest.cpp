@@ -1,0 +1,440 @@
+// Every system call that the library makes fails once, in every way, through every operation. Afterwards
+// either the operation says that it failed, or its result is complete and right to the byte, or the case is
+// one of the few that are named below.
+
+#include <KQZip/KQZip.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Support/LogCapture.h"
+#include "Support/Surroundings.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// How a call goes wrong. A short one is carried out with half of the bytes that were asked for.
+constexpr int shortTransfer = -1;
+constexpr std::array<int, 6> faults{ENOSPC, EIO, EINTR, EACCES, EMFILE, shortTransfer};
+
+// Records the calls that the library makes on this thread, and lets one of them go wrong.
+struct Interposer {
+  std::vector<std::string> calls;
+  std::size_t failAt = 0;  // The number of the call, from 1; 0 for none.
+  int fault = 0;
+
+  static Interposer*& active() {
+    static thread_local Interposer* interposer = nullptr;
+    return interposer;
+  }
+};
+
+// The fault for the call that is about to be made; nothing when it is to be made as it is.
+std::optional<int> faultFor(const char* name) {
+  Interposer* const interposer = Interposer::active();
+  if (interposer == nullptr) return std::nullopt;
+  interposer->calls.emplace_back(name);
+  if (interposer->calls.size() != interposer->failAt) return std::nullopt;
+  return interposer->fault;
+}
+
+template <class Function>
+Function* systemFunction(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// A call that either fails or is made; there is no half of it.
+template <class Call>
+auto whole(const char* name, Call call) -> decltype(call()) {
+  const auto fault = faultFor(name);
+  if (!fault || *fault == shortTransfer) return call();
+  errno = *fault;
+  return static_cast<decltype(call())>(-1);
+}
+
+// A transfer of `length` bytes, which may also be made in part.
+template <class Call>
+ssize_t transfer(const char* name, std::size_t length, Call call) {
+  const auto fault = faultFor(name);
+  if (!fault) return call(length);
+  if (*fault == shortTransfer) return call(length > 1 ? length / 2 : length);
+  errno = *fault;
+  return -1;
+}
+
+}  // namespace
+
+extern "C" int open(const char* path, int flags, ...) {
+  static auto* const real = systemFunction<int(const char*, int, ...)>("open");
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return whole("open", [&] { return real(path, flags, mode); });
+}
+
+extern "C" int close(int file) {
+  static auto* const real = systemFunction<int(int)>("close");
+  const auto fault = faultFor("close");
+  // The file is gone whatever the system says.
+  const int result = real(file);
+  if (!fault || *fault == shortTransfer) return result;
+  errno = *fault;
+  return -1;
+}
+
+extern "C" ssize_t read(int file, void* buffer, size_t length) {
+  static auto* const real = systemFunction<ssize_t(int, void*, size_t)>("read");
+  return transfer("read", length, [&](std::size_t part) { return real(file, buffer, part); });
+}
+
+extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
+  static auto* const real = systemFunction<ssize_t(int, void*, size_t, off_t)>("pread");
+  return transfer("pread", length, [&](std::size_t part) { return real(file, buffer, part, offset); });
+}
+
+extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
+  static auto* const real = systemFunction<ssize_t(int, const iovec*, int)>("writev");
+  std::size_t length = 0;
+  for (int i = 0; i < count; ++i) length += pieces[i].iov_len;
+  return transfer("writev", length, [&](std::size_t part) {
+    std::vector<iovec> parts(pieces, pieces + count);
+    for (iovec& piece : parts) {
+      piece.iov_len = std::min(piece.iov_len, part);
+      part -= piece.iov_len;
+    }
+    return real(file, parts.data(), count);
+  });
+}
+
+extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {
+  static auto* const real = systemFunction<off_t(int, off_t, int)>("lseek");
+  return whole("lseek", [&] { return real(file, offset, whence); });
+}
+
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+  static auto* const real = systemFunction<int(const char*, struct stat*)>("stat");
+  return whole("stat", [&] { return real(path, status); });
+}
+
+extern "C" int lstat(const char* path, struct stat* status) noexcept {
+  static auto* const real = systemFunction<int(const char*, struct stat*)>("lstat");
+  return whole("lstat", [&] { return real(path, status); });
+}
+
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+  static auto* const real = systemFunction<int(const char*, mode_t)>("mkdir");
+  return whole("mkdir", [&] { return real(path, mode); });
+}
+
+extern "C" int utimensat(int folder, const char* path, const timespec* times, int flags) noexcept {
+  static auto* const real = systemFunction<int(int, const char*, const timespec*, int)>("utimensat");
+  return whole("utimensat", [&] { return real(folder, path, times, flags); });
+}
+
+extern "C" DIR* fdopendir(int file) {
+  static auto* const real = systemFunction<DIR*(int)>("fdopendir");
+  const auto fault = faultFor("fdopendir");
+  // It never waits, so no signal interrupts it.
+  if (!fault || *fault == shortTransfer || *fault == EINTR) return real(file);
+  errno = *fault;
+  return nullptr;
+}
+
+extern "C" dirent* readdir(DIR* folder) {
+  static auto* const real = systemFunction<dirent*(DIR*)>("readdir");
+  const auto fault = faultFor("readdir");
+  if (!fault || *fault == shortTransfer) return real(folder);
+  errno = *fault;
+  return nullptr;
+}
+
+namespace {
+
+// What an operation leaves behind, to be compared in full. Nothing when it said that it failed.
+using Outcome = std::optional<std::map<std::string, std::string>>;
+
+// What a fault may be answered with although the result is not complete. Each has its condition; there are no
+// others.
+struct Leniency {
+  const char* name;
+  const char* call;  // The call that must have failed.
+  // Whether the result is what this leniency allows, given the complete one.
+  std::function<bool(const std::map<std::string, std::string>& result,
+                     const std::map<std::string, std::string>& complete)>
+      allows;
+};
+
+struct Operation {
+  std::function<void()> prepare;  // Runs without faults before each attempt.
+  std::function<Outcome()> run;   // Must not make system calls of its own that the library does not make.
+  std::function<Outcome(const Outcome&)>
+      inspect;  // Runs without faults; completes the outcome from the disk.
+  std::vector<Leniency> leniencies;
+};
+
+std::set<std::string> openDescriptors() {
+  std::set<std::string> descriptors;
+  for (const auto& item : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const fs::path target = fs::read_symlink(item.path(), gone);
+    if (!gone && target.string().find("/proc/") == std::string::npos)
+      descriptors.insert(item.path().filename().string() + " " + target.string());
+  }
+  return descriptors;
+}
+
+std::map<std::string, std::string> treeAt(const fs::path& root) {
+  std::map<std::string, std::string> tree;
+  if (!fs::exists(root)) return tree;
+  for (const auto& item : fs::recursive_directory_iterator(root)) {
+    const std::string name = fs::relative(item.path(), root).string();
+    tree[name] = item.is_directory() ? "folder" : "file " + KQTest::readFile(item.path());
+  }
+  return tree;
+}
+
+// Runs the operation without a fault, then once for each call and each fault, and reports what is not
+// allowed.
+void failEveryCallOnce(const Operation& operation) {
+  const KQTest::LogCapture log;
+  const auto attempt = [&operation](Interposer& interposer) {
+    operation.prepare();
+    Interposer::active() = &interposer;
+    Outcome outcome = operation.run();
+    Interposer::active() = nullptr;
+    return operation.inspect(outcome);
+  };
+
+  Interposer undisturbed;
+  const Outcome complete = attempt(undisturbed);
+  ASSERT_TRUE(complete);
+  ASSERT_FALSE(undisturbed.calls.empty());
+
+  for (std::size_t k = 1; k <= undisturbed.calls.size(); ++k) {
+    for (const int fault : faults) {
+      const std::set<std::string> before = openDescriptors();
+      Interposer interposer;
+      interposer.failAt = k;
+      interposer.fault = fault;
+      const Outcome outcome = attempt(interposer);
+      const std::string& call = undisturbed.calls[k - 1];
+      const std::string what = "call " + std::to_string(k) + ", " + call + ", fault " + std::to_string(fault);
+      ASSERT_EQ(before, openDescriptors()) << what;
+      ASSERT_EQ(nullptr, KQ::NSProgress::currentProgress()) << what;
+      if (outcome == complete) continue;
+      ASSERT_TRUE(fault != EINTR && fault != shortTransfer) << what << ": must never be visible";
+      if (!outcome) continue;
+      const bool allowed = std::any_of(operation.leniencies.begin(), operation.leniencies.end(),
+                                       [&](const Leniency& leniency) {
+                                         return call == leniency.call && leniency.allows(*outcome, *complete);
+                                       });
+      EXPECT_TRUE(allowed) << what << ": reported as done and not complete";
+    }
+  }
+}
+
+// Every name and content of `part` is in `complete` too.
+bool isPartOf(const std::map<std::string, std::string>& part,
+              const std::map<std::string, std::string>& complete) {
+  return std::all_of(part.begin(), part.end(), [&complete](const auto& item) {
+    const auto found = complete.find(item.first);
+    return found != complete.end() && found->second == item.second;
+  });
+}
+
+// A reader whose archive cannot be opened acts like one without bytes.
+const Leniency anArchiveThatCannotBeOpenedHasNoEntries{
+    "an archive that cannot be opened has no entries", "open",
+    [](const auto& result, const auto&) { return result.empty(); }};
+
+// A signature that cannot be read ends the scan; the entries before it are listed.
+const Leniency aSignatureThatCannotBeReadEndsTheScan{
+    "a signature that cannot be read ends the scan", "pread", [](const auto& result, const auto& complete) {
+      return result.size() < complete.size() && isPartOf(result, complete);
+    }};
+
+class SystemCallFaults : public ::testing::Test {
+ protected:
+  SystemCallFaults() {
+    KQTest::writeFile(directory_ / "tree/a.txt", "hello");
+    KQTest::writeFile(directory_ / "tree/b/large.bin", KQTest::patternBytes(70000));
+    KQTest::writeFile(directory_ / "tree/b/small.bin", KQTest::patternBytes(700, 2));
+    KQTest::writeFile(directory_ / "tree/empty", "");
+    for (const char* name : {"a.txt", "b/large.bin", "b/small.bin", "empty"})
+      KQTest::setModificationDate(directory_ / (std::string("tree/") + name), 1600000000);
+    EXPECT_TRUE(KQZipFileWriter::createZipFileAtPath(archive_, directory_ / "tree", false));
+    archiveBytes_ = KQTest::readFile(archive_);
+  }
+
+  // Makes the thread's progress the test's own around `body`, as a caller does.
+  static bool withProgress(const std::function<bool()>& body) {
+    const auto progress = KQ::NSProgress::progressWithTotalUnitCount(1);
+    progress->becomeCurrentWithPendingUnitCount(1);
+    const bool result = body();
+    progress->resignCurrent();
+    return result;
+  }
+
+  KQTest::TemporaryDirectory directory_;
+  std::string archive_ = directory_ / "archive.zip";
+  std::string archiveBytes_;
+};
+
+TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
+  const std::string target = directory_ / "packed.zip";
+  const auto hasTheHeadersOf = [](const auto& result, const auto& complete) {
+    return result.at("archive") != complete.at("archive");
+  };
+  failEveryCallOnce(
+      {[&] { fs::remove(target); },
+       [&]() -> Outcome {
+         std::shared_ptr<const KQ::NSError> error;
+         const bool packed = withProgress([&] {
+           return KQZipFileWriter::createZipFileAtPath(target, directory_ / "tree", false, &error);
+         });
+         if (!packed) return std::nullopt;
+         return std::map<std::string, std::string>{};
+       },
+       [&](const Outcome& outcome) -> Outcome {
+         if (!outcome) return std::nullopt;
+         return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
+       },
+       {{"a source that cannot be read further ends its CRC and its copy like the end of the file", "pread",
+         hasTheHeadersOf},
+        {"attributes of a source that cannot be read are only logged", "lstat", hasTheHeadersOf}}});
+}
+
+TEST_F(SystemCallFaults, OpeningAnArchiveFailsOrListsEveryEntry) {
+  failEveryCallOnce({[] {},
+                     [&]() -> Outcome {
+                       const auto reader = KQZipFileReader::initWithZipPath(archive_);
+                       if (!reader) return std::nullopt;
+                       std::map<std::string, std::string> listed;
+                       for (const std::string& path : reader->relativePaths())
+                         listed[path] = std::to_string(*reader->attributesForRelativePath(path)->NSFileSize);
+                       return listed;
+                     },
+                     [](const Outcome& outcome) { return outcome; },
+                     {anArchiveThatCannotBeOpenedHasNoEntries, aSignatureThatCannotBeReadEndsTheScan}});
+}
+
+TEST_F(SystemCallFaults, ReadingAnEntryGivesNothingOrEveryByte) {
+  const auto reader = KQZipFileReader::initWithZipPath(archive_);
+  ASSERT_TRUE(reader);
+  for (const char* path : {"a.txt", "b/large.bin"}) {
+    SCOPED_TRACE(path);
+    failEveryCallOnce(
+        {[] {},
+         [&]() -> Outcome {
+           const auto data = reader->dataForRelativePath(path);
+           if (!data) return std::nullopt;
+           return std::map<std::string, std::string>{
+               {path, std::string(reinterpret_cast<const char*>(data->bytes()), data->length())}};
+         },
+         [](const Outcome& outcome) { return outcome; },
+         // The buffer has the entry's length whatever the one read delivered.
+         {{"a read that fails yields a buffer of the declared length", "pread",
+           [path](const auto& result, const auto& complete) {
+             return result.at(path).size() == complete.at(path).size();
+           }}}});
+  }
+}
+
+TEST_F(SystemCallFaults, ExtractingAnArchiveFailsOrGivesEveryFileBack) {
+  const std::string target = directory_ / "out/deeper";
+  const auto withoutOneFolder = [](const auto& result, const auto& complete) {
+    return result.size() + 1 == complete.size() && isPartOf(result, complete);
+  };
+  failEveryCallOnce({[&] { fs::remove_all(directory_ / "out"); },
+                     [&]() -> Outcome {
+                       std::shared_ptr<const KQ::NSError> error;
+                       const bool extracted = withProgress(
+                           [&] { return KQZipFileReader::unzipFileAtPath(archive_, target, &error); });
+                       if (!extracted) return std::nullopt;
+                       return std::map<std::string, std::string>{};
+                     },
+                     [&](const Outcome& outcome) -> Outcome {
+                       if (!outcome) return std::nullopt;
+                       return treeAt(target);
+                     },
+                     {anArchiveThatCannotBeOpenedHasNoEntries,
+                      aSignatureThatCannotBeReadEndsTheScan,
+                      {"a folder that cannot be created for an entry without data is passed over", "mkdir",
+                       withoutOneFolder},
+                      {"a folder that cannot be found again for an entry without data is passed over", "stat",
+                       withoutOneFolder}}});
+}
+
+TEST_F(SystemCallFaults, ExportingAnEntryFailsOrWritesAllOfIt) {
+  const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(archive_);
+  ASSERT_TRUE(stream);
+  stream->open();
+  std::vector<std::shared_ptr<KQZipFileLocalHeader>> headers;
+  for (int i = 0; i < 3; ++i) {
+    std::uint32_t signature = 0;
+    ASSERT_TRUE(KQZipReadBlock32(*stream, &signature));
+    headers.push_back(KQZipFileLocalHeader::initWithStream(*stream));
+    ASSERT_TRUE(headers.back());
+  }
+  for (const auto& header : headers) {
+    SCOPED_TRACE(*header->fileName());
+    const std::string target = directory_ / "exported";
+    failEveryCallOnce({[&] { fs::remove(target); },
+                       [&]() -> Outcome {
+                         const auto input = KQ::NSInputStream::inputStreamWithFileAtPath(archive_);
+                         if (!input) return std::nullopt;
+                         input->open();
+                         std::shared_ptr<const KQ::NSError> error;
+                         const bool exported =
+                             withProgress([&] { return header->exportFileToPath(target, *input, &error); });
+                         if (!exported) return std::nullopt;
+                         return std::map<std::string, std::string>{};
+                       },
+                       [&](const Outcome& outcome) -> Outcome {
+                         if (!outcome) return std::nullopt;
+                         const auto date =
+                             KQ::NSFileManager::attributesOfItemAtPath(target)->NSFileModificationDate;
+                         return std::map<std::string, std::string>{
+                             {"data", KQTest::readFile(target)},
+                             {"date", std::to_string(std::chrono::system_clock::to_time_t(*date))}};
+                       },
+                       {}});
+  }
+}
+
+TEST_F(SystemCallFaults, WritingToAPathFailsOrWritesTheWholeArchive) {
+  const std::string target = directory_ / "written.zip";
+  failEveryCallOnce({[&] { fs::remove(target); },
+                     [&]() -> Outcome {
+                       KQZipFileWriter writer;
+                       std::shared_ptr<const KQ::NSError> error;
+                       if (!withProgress([&] { return writer.writeToZipPath(target, &error); }))
+                         return std::nullopt;
+                       return std::map<std::string, std::string>{};
+                     },
+                     [&](const Outcome& outcome) -> Outcome {
+                       if (!outcome) return std::nullopt;
+                       return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
+                     },
+                     {}});
+}
+
+}  // namespace

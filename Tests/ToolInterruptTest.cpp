@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "Support/ArchiveRecords.h"
+#include "Support/RunningProgram.h"
+#include "Support/TemporaryDirectory.h"
+#include "Support/Tool.h"
+
+namespace fs = std::filesystem;
+
+using namespace KQTest;
+
+namespace {
+
+constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
+
+/// A file that takes long to read and no room on the disk.
+std::string sparseFile(const std::string& path, std::uint64_t length) {
+  writeFile(path, "");
+  fs::resize_file(path, length);
+  return path;
+}
+
+/// An archive whose only entry takes long to read and no room on the disk.
+std::string archiveOfSparseEntry(const std::string& path, const std::string& name, std::uint64_t length) {
+  LocalRecord record = plainRecord(name, "");
+  record.size = 0xFFFFFFFF;
+  record.extra = zip64FieldBytes(length, length);
+  writeFile(path, record.header());
+  fs::resize_file(path, record.header().size() + length);
+  std::ofstream(path, std::ios::binary | std::ios::app) << endRecordBytes();
+  return path;
+}
+
+std::uint64_t sizeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+void expectInterrupted(const ProcessResult& result, const std::string& message) {
+  EXPECT_EQ(130, result.exitStatus);
+  EXPECT_EQ("kqzip: " + message + "\n", result.errors);
+}
+
+/// What a person and what the system send.
+class ToolInterrupt : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(EachSignal, ToolInterrupt, testing::Values(SIGINT, SIGTERM),
+                         [](const auto& signal) { return signal.param == SIGINT ? "SIGINT" : "SIGTERM"; });
+
+TEST_P(ToolInterrupt, CreateInTheMiddleOfALargeFileNamesThePartialArchive) {
+  const TemporaryDirectory folder;
+  const std::string archive = folder / "out.zip";
+  RunningProgram tool(toolCommand({"create", archive, sparseFile(folder / "large", gibibyte)}));
+  waitUntil([&] { return sizeOf(archive) > 1048576; });
+  tool.send(GetParam());
+  const ProcessResult result = tool.finish();
+  expectInterrupted(result, "interrupted (partial archive left at " + archive + ")");
+  EXPECT_EQ("", result.output);
+  EXPECT_GT(sizeOf(archive), 1048576U);
+  EXPECT_LT(sizeOf(archive), gibibyte);
+}
+
+TEST_P(ToolInterrupt, CreateWhileAChecksumIsComputedNamesThePartialArchive) {
+  const TemporaryDirectory folder;
+  const std::string archive = folder / "out.zip";
+  // The first file shows in the archive before the second one's checksum, which takes minutes.
+  writeFile(folder / "tree/a", patternBytes(3000000));
+  sparseFile(folder / "tree/b", 256 * gibibyte);
+  RunningProgram tool(toolCommand({"create", archive, folder / "tree"}));
+  waitUntil([&] { return sizeOf(archive) > 0; });
+  tool.send(GetParam());
+  expectInterrupted(tool.finish(), "interrupted (partial archive left at " + archive + ")");
+  EXPECT_LT(sizeOf(archive), 4000000U);
+}
+
+TEST_P(ToolInterrupt, ExtractInTheMiddleOfALargeFileNamesThePartialFile) {
+  const TemporaryDirectory folder;
+  const std::string archive = archiveOfSparseEntry(folder / "a.zip", "dir/large", 16 * gibibyte);
+  const std::string target = folder / "out/dir/large";
+  RunningProgram tool(toolCommand({"extract", "-C", folder / "out", archive}));
+  waitUntil([&] { return sizeOf(target) > 0; });
+  tool.send(GetParam());
+  expectInterrupted(tool.finish(), "interrupted (partial file left at " + target + ")");
+  EXPECT_LT(sizeOf(target), 16 * gibibyte);
+}
+
+TEST_P(ToolInterrupt, VerifyInTheMiddleOfALargeEntryEnds) {
+  const TemporaryDirectory folder;
+  // The first line is printed before the large entry is read, which takes minutes.
+  LocalRecord wrong = plainRecord("wrong", "x");
+  std::string bytes = wrong.bytes();
+  bytes.back() = 'y';
+  LocalRecord large = plainRecord("large", "");
+  large.size = 0xFFFFFFFF;
+  large.extra = zip64FieldBytes(256 * gibibyte, 256 * gibibyte);
+  writeFile(folder / "a.zip", bytes + large.header());
+  fs::resize_file(folder / "a.zip", bytes.size() + large.header().size() + 256 * gibibyte);
+  RunningProgram tool(toolCommand({"verify", folder / "a.zip"}));
+  tool.waitForOutput();
+  tool.send(GetParam());
+  const ProcessResult result = tool.finish();
+  expectInterrupted(result, "interrupted");
+  EXPECT_EQ(0U, result.output.find("wrong: CRC-32 is "));
+}
+
+TEST_P(ToolInterrupt, CatEndsAtOnceThoughNobodyReads) {
+  const TemporaryDirectory folder;
+  RunningProgram tool(
+      toolCommand({"cat", archiveOfSparseEntry(folder / "a.zip", "large", gibibyte), "large"}));
+  tool.waitForOutput();
+  tool.send(GetParam());
+  expectInterrupted(tool.finish(), "interrupted");
+}
+
+TEST_P(ToolInterrupt, ListEndsAtOnceThoughNobodyReads) {
+  const TemporaryDirectory folder;
+  std::string bytes;
+  for (int i = 0; i < 100; ++i) bytes += plainRecord(std::to_string(i) + std::string(60000, 'n'), "").bytes();
+  writeFile(folder / "a.zip", bytes + endRecordBytes());
+  RunningProgram tool(toolCommand({"list", folder / "a.zip"}));
+  tool.waitForOutput();
+  tool.send(GetParam());
+  expectInterrupted(tool.finish(), "interrupted");
+}
+
+TEST_P(ToolInterrupt, ASecondSignalEndsWhatDoesNotEndByItself) {
+  const TemporaryDirectory folder;
+  // More lines than a pipe holds that nobody reads: verify waits for ever.
+  std::string bytes;
+  for (int i = 0; i < 100; ++i) {
+    bytes += plainRecord(std::to_string(i) + std::string(60000, 'n'), "x").bytes();
+    bytes.back() = 'y';
+  }
+  writeFile(folder / "a.zip", bytes + endRecordBytes());
+  RunningProgram tool(toolCommand({"verify", folder / "a.zip"}));
+  tool.waitForOutput();
+  tool.sendUntilItEnds(GetParam());
+  expectInterrupted(tool.finish(), "interrupted");
+}
+
+TEST(ToolInterruptions, ASignalThatTheParentIgnoresStillInterrupts) {
+  const TemporaryDirectory folder;
+  const std::string archive = folder / "out.zip";
+  writeFile(folder / "tree/a", patternBytes(3000000));
+  sparseFile(folder / "tree/b", 256 * gibibyte);
+  RunningProgram tool(
+      {"/bin/sh", "-c", "trap '' INT; exec \"$0\" \"$@\"", KQZIP_TOOL, "create", archive, folder / "tree"});
+  waitUntil([&] { return sizeOf(archive) > 0; });
+  tool.send(SIGINT);
+  expectInterrupted(tool.finish(), "interrupted (partial archive left at " + archive + ")");
+}
+
+TEST(ToolClosedOutput, EndsCatAndListQuietly) {
+  const TemporaryDirectory folder;
+  const std::string archive = archiveOfSparseEntry(folder / "a.zip", "large", gibibyte);
+  std::string names;
+  for (int i = 0; i < 100; ++i) names += plainRecord(std::to_string(i) + std::string(60000, 'n'), "").bytes();
+  writeFile(folder / "b.zip", names + endRecordBytes());
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"cat", archive, "large"}, {"list", folder / "b.zip"}}) {
+    RunningProgram tool(toolCommand(arguments));
+    tool.waitForOutput();
+    tool.closeOutput();
+    const ProcessResult result = tool.finish();
+    EXPECT_EQ(0, result.exitStatus);
+    EXPECT_EQ("", result.errors);
+  }
+}
+
+TEST(ToolClosedOutput, DoesNotKeepVerifyFromItsAnswer) {
+  const TemporaryDirectory folder;
+  std::string bytes = plainRecord("wrong", "x").bytes();
+  bytes.back() = 'y';
+  writeFile(folder / "a.zip", bytes + plainRecord("b", "2").bytes() + endRecordBytes());
+  RunningProgram tool(toolCommand({"verify", folder / "a.zip"}));
+  tool.closeOutput();
+  const ProcessResult result = tool.finish();
+  EXPECT_EQ(1, result.exitStatus);
+  EXPECT_EQ("kqzip: " + (folder / "a.zip") + ": 3 problems found\n", result.errors);
+}

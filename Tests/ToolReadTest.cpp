@@ -1,0 +1,994 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Support/ArchiveRecords.h"
+#include "Support/Bytes.h"
+#include "Support/GoldenArchive.h"
+#include "Support/Surroundings.h"
+#include "Support/TemporaryDirectory.h"
+#include "Support/Tool.h"
+
+namespace fs = std::filesystem;
+
+using namespace KQTest;
+
+namespace {
+
+/// A folder with archives in it, in which the tool runs.
+class ArchiveFolder {
+ public:
+  ArchiveFolder() : zone_("UTC0") {}
+
+  /// Puts an archive of these bytes in place and returns its name.
+  std::string archive(const std::string& bytes, const std::string& name = "a.zip") const {
+    writeFile(folder_ / name, bytes);
+    return name;
+  }
+
+  std::string archive(const std::vector<LocalRecord>& records) const {
+    return archive(archiveBytes(records));
+  }
+
+  ProcessResult run(const std::vector<std::string>& arguments) const {
+    return runTool(arguments, folder_.path().string());
+  }
+
+  std::string operator/(const std::string& path) const { return folder_ / path; }
+
+  /// Every item below `path`, links not followed: folders as "name/", files as "name=contents", and links as
+  /// "name->target", in the order of their paths.
+  std::vector<std::string> items(const std::string& path) const {
+    std::vector<std::string> found;
+    const fs::path root = folder_ / path;
+    if (!fs::exists(root)) return {"nothing"};
+    for (const auto& item : fs::recursive_directory_iterator(root)) {
+      const std::string name = item.path().lexically_relative(root).string();
+      if (item.is_symlink())
+        found.push_back(name + "->" + fs::read_symlink(item.path()).string());
+      else
+        found.push_back(item.is_directory() ? name + "/" : name + "=" + readFile(item.path()));
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+ private:
+  TemporaryDirectory folder_;
+  TimeZone zone_;
+};
+
+using Items = std::vector<std::string>;
+
+const Items nothing{"nothing"};
+
+std::string reason(int code) { return std::string(": ") + std::strerror(code); }
+
+std::int64_t modificationDate(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
+  return status.st_mtime;
+}
+
+std::string lines(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += text + "\n";
+  return all;
+}
+
+std::string hexOf(std::uint32_t value) {
+  std::array<char, 9> digits{};
+  std::snprintf(digits.data(), digits.size(), "%08x", value);
+  return digits.data();
+}
+
+/// What plainRecord() has for a date, 2020-06-15 12:34:56 in UTC.
+constexpr std::int64_t recordDate = 1592224496;
+
+LocalRecord folderRecord(const std::string& name) { return plainRecord(name, ""); }
+
+LocalRecord withFlags(LocalRecord record, std::uint16_t flags) {
+  record.flags = flags;
+  return record;
+}
+
+}  // namespace
+
+// ---- list ----
+
+TEST(ToolList, PrintsNamesInTheReadersOrder) {
+  const ArchiveFolder folder;
+  const std::string archive =
+      folder.archive({plainRecord("b", "1"), plainRecord("a/c", ""), plainRecord("B", "2"),
+                      plainRecord("u\xCC\x88", "3"), plainRecord("\xC3\xBC", "4")});
+  expectDone(folder.run({"list", archive}), lines({"B", "a/c", "b", "u\xCC\x88", "\xC3\xBC"}));
+}
+
+TEST(ToolList, PrintsANameThatIsThereTwiceOnce) {
+  const ArchiveFolder folder;
+  const std::string archive =
+      folder.archive({plainRecord("a", "1"), plainRecord("b", ""), plainRecord("a", "22")});
+  expectDone(folder.run({"list", archive}), "a\nb\n");
+  expectDone(folder.run({"list", "-l", archive}),
+             "- 2 2020-06-15 12:34:56 a\n"
+             "- 0 2020-06-15 12:34:56 b\n");
+}
+
+TEST(ToolList, LongShowsTypeSizeAndLocalDateInColumns) {
+  const ArchiveFolder folder;
+  LocalRecord late = plainRecord("late", std::string(1234, 'x'));
+  late.modTime = dosTime(23, 59, 58);
+  late.modDate = dosDate(2107, 12, 31);
+  const std::string archive = folder.archive({plainRecord("empty", ""), folderRecord("folder/"), late});
+  const std::string expected =
+      "-    0 2020-06-15 12:34:56 empty\n"
+      "d    0 2020-06-15 12:34:56 folder/\n"
+      "- 1234 2107-12-31 23:59:58 late\n";
+  expectDone(folder.run({"list", "-l", archive}), expected);
+  expectDone(folder.run({"list", "--long", archive}), expected);
+}
+
+TEST(ToolList, EscapesControlCharactersInvalidBytesAndBackslashes) {
+  const ArchiveFolder folder;
+  const std::string archive =
+      folder.archive({plainRecord("line\nend", ""), plainRecord("\x1B[31m\x7F\xC2\x9B", ""),
+                      plainRecord("back\\slash", ""), plainRecord("\\x41", ""),
+                      plainRecord("bad\xFFname", ""), plainRecord(std::string("nul\0end", 7), "")});
+  expectDone(folder.run({"list", archive}), lines({"\\x1B[31m\\x7F\\xC2\\x9B", "\\\\x41", "back\\\\slash",
+                                                   "bad\\xFFname", "line\\x0Aend", "nul\\x00end"}));
+}
+
+TEST(ToolList, NullPrintsNamesAsTheyStand) {
+  const ArchiveFolder folder;
+  const std::string archive = folder.archive(
+      {plainRecord("line\nend", ""), plainRecord("back\\slash", ""), plainRecord("bad\xFF", "1")});
+  const std::string expected("back\\slash\0bad\xFF\0line\nend\0", 25);
+  expectDone(folder.run({"list", "-0", archive}), expected);
+  expectDone(folder.run({"list", "--null", archive}), expected);
+  expectDone(folder.run({"list", "-0l", archive}), std::string("- 0 2020-06-15 12:34:56 back\\slash\0"
+                                                               "- 1 2020-06-15 12:34:56 bad\xFF\0"
+                                                               "- 0 2020-06-15 12:34:56 line\nend\0",
+                                                               97));
+}
+
+TEST(ToolList, AnEmptyArchiveOfAnyProgramIsEmptyAndWhole) {
+  const ArchiveFolder folder;
+  fs::create_directory(folder / "tree");
+  expectDone(folder.run({"create", "own.zip", "tree"}));
+  folder.archive(endRecordBytes(), "other.zip");
+  for (const std::string archive : {"own.zip", "other.zip"}) {
+    SCOPED_TRACE(archive);
+    expectDone(folder.run({"list", archive}));
+    expectDone(folder.run({"extract", "-C", "out", archive}));
+    EXPECT_EQ(Items{}, folder.items("out"));
+    expectDone(folder.run({"verify", archive}), "0 entries, 0 bytes: all right\n");
+  }
+}
+
+TEST(ToolList, TensOfThousandsOfNamesComeInBlocksAndWhole) {
+  const ArchiveFolder folder;
+  std::string bytes;
+  std::string expected;
+  for (int i = 100000; i < 130000; ++i) {
+    const std::string name = "name-" + std::to_string(i);
+    bytes += plainRecord(name, "").bytes();
+    expected += name + "\n";
+  }
+  const ProcessResult result = folder.run({"list", folder.archive(bytes + endRecordBytes())});
+  EXPECT_EQ(0, result.exitStatus);
+  EXPECT_EQ("", result.errors);
+  EXPECT_TRUE(expected == result.output);
+}
+
+// ---- cat ----
+
+TEST(ToolCat, WritesAnEntrysBytesAndNothingElse) {
+  const ArchiveFolder folder;
+  const std::string large = patternBytes(3 * 1048576 + 1);
+  const std::string archive =
+      folder.archive({plainRecord("a", "text\n"), plainRecord("dir/large", large), plainRecord("empty", ""),
+                      plainRecord("bad\xFF", "raw"), plainRecord("a", "later")});
+  expectDone(folder.run({"cat", archive, "a"}), "later");
+  expectDone(folder.run({"cat", archive, "empty"}));
+  expectDone(folder.run({"cat", archive, "bad\xFF"}), "raw");
+  const ProcessResult result = folder.run({"cat", archive, "dir/large"});
+  EXPECT_EQ(0, result.exitStatus);
+  EXPECT_EQ("", result.errors);
+  expectSameBytes(large, result.output);
+}
+
+TEST(ToolCat, ANameThatIsNotThereIsAnError) {
+  const ArchiveFolder folder;
+  const std::string archive = folder.archive({plainRecord("dir/a", "text")});
+  expectFailed(folder.run({"cat", archive, "a"}), "a.zip: \"a\" is not in the archive");
+  expectFailed(folder.run({"cat", archive, "dir"}), "a.zip: \"dir\" is not in the archive");
+  expectFailed(folder.run({"cat", archive, ""}), "a.zip: \"\" is not in the archive");
+  expectFailed(folder.run({"cat", archive, "dir/\n"}), "a.zip: \"dir/\\x0A\" is not in the archive");
+}
+
+// ---- extract ----
+
+TEST(ToolExtract, GivesATreeBackAsItWas) {
+  const ArchiveFolder folder;
+  const std::vector<std::pair<std::string, std::string>> files{
+      {"empty", ""},
+      {"one", "1"},
+      {"a/b/c/deep", "deep"},
+      {"a/1MiB", patternBytes(1048576)},
+      {"a/more", patternBytes(3 * 1048576 + 1)},
+      {"gro\xC3\x9F/u\xCC\x88/\xE6\x97\xA5\xE6\x9C\xAC", "names"},
+      {"back\\slash and 'quotes' \"too\"", "odd"},
+      {"line\nend", "odder"}};
+  std::int64_t date = 1000000000;
+  for (const auto& [name, contents] : files) {
+    writeFile(folder / ("tree/" + name), contents);
+    setModificationDate(folder / ("tree/" + name), date += 86400);
+  }
+  expectDone(folder.run({"create", "a.zip", "tree"}));
+  expectDone(folder.run({"verify", "-q", "a.zip"}));
+
+  expectDone(folder.run({"extract", "-C", "new/folders", "a.zip"}));
+
+  EXPECT_EQ(folder.items("tree"), folder.items("new/folders"));
+  for (const auto& [name, contents] : files) {
+    EXPECT_EQ(modificationDate(folder / ("tree/" + name)), modificationDate(folder / ("new/folders/" + name)))
+        << name;
+  }
+}
+
+TEST(ToolExtract, GoesToTheCurrentFolderUnlessTold) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "text")});
+  fs::create_directory(folder / "here");
+  expectDone(runTool({"extract", "../a.zip"}, folder / "here"));
+  EXPECT_EQ(Items{"a=text"}, folder.items("here"));
+  fs::create_directory(folder / "[there]");
+  expectDone(folder.run({"extract", "a.zip", "--directory", "[there]"}));
+  EXPECT_EQ(Items{"a=text"}, folder.items("[there]"));
+}
+
+TEST(ToolExtract, ANameWithASlashAtItsEndIsAFolderAndAnEmptyFileAFile) {
+  const ArchiveFolder folder;
+  const std::string archive =
+      folder.archive({folderRecord("full/"), plainRecord("full/a", "text"), folderRecord("bare/"),
+                      plainRecord("file", ""), folderRecord("./")});
+  expectDone(folder.run({"extract", "-C", "out", archive}));
+  EXPECT_EQ((Items{"bare/", "file=", "full/", "full/a=text"}), folder.items("out"));
+  // Set behind the folder's contents, which would change it.
+  for (const std::string path : {"out", "out/full", "out/full/a", "out/bare", "out/file"})
+    EXPECT_EQ(recordDate, modificationDate(folder / path)) << path;
+}
+
+TEST(ToolExtract, ReplacesFilesAndNotWhatTheirOtherNamesShow) {
+  const ArchiveFolder folder;
+  writeFile(folder / "other", "longer than what replaces it");
+  fs::create_directory(folder / "out");
+  fs::create_hard_link(folder / "other", folder / "out/a");
+  writeFile(folder / "out/closed", "old");
+  fs::permissions(folder / "out/closed", fs::perms::owner_read);
+  writeFile(folder / "out/stays", "stays");
+  folder.archive({plainRecord("a", "new"), plainRecord("closed", "")});
+
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+
+  EXPECT_EQ((Items{"a=new", "closed=", "stays=stays"}), folder.items("out"));
+  EXPECT_EQ("longer than what replaces it", readFile(folder / "other"));
+}
+
+TEST(ToolExtract, OfSeveralEntriesWithOneTargetTheLastCounts) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "1"), plainRecord("b//c", "old"), plainRecord("a", "2"),
+                  plainRecord("A", "3"), plainRecord("./b/c", "new")});
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ((Items{"A=3", "a=2", "b/", "b/c=new"}), folder.items("out"));
+}
+
+TEST(ToolExtract, TakesOnlyThePathsAskedFor) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("dir/a", "1"), plainRecord("dir/sub/b", "2"), folderRecord("dir/empty/"),
+                  plainRecord("directory", "3"), plainRecord("[x,y]", "4")});
+  const auto extracted = [&](const std::vector<std::string>& paths) {
+    fs::remove_all(folder / "out");
+    std::vector<std::string> arguments{"extract", "-C", "out", "a.zip"};
+    arguments.insert(arguments.end(), paths.begin(), paths.end());
+    expectDone(folder.run(arguments));
+    return folder.items("out");
+  };
+  EXPECT_EQ((Items{"dir/", "dir/a=1"}), extracted({"dir/a"}));
+  const Items wholeFolder{"dir/", "dir/a=1", "dir/empty/", "dir/sub/", "dir/sub/b=2"};
+  EXPECT_EQ(wholeFolder, extracted({"dir"}));
+  EXPECT_EQ(wholeFolder, extracted({"dir/"}));
+  EXPECT_EQ((Items{"dir/", "dir/sub/", "dir/sub/b=2", "directory=3"}), extracted({"directory", "dir/sub/"}));
+  EXPECT_EQ((Items{"dir/", "dir/empty/"}), extracted({"dir/empty"}));
+  EXPECT_EQ(Items{"[x,y]=4"}, extracted({"[x,y]"}));
+}
+
+TEST(ToolExtract, APathThatIsNotInTheArchiveIsAnErrorBeforeAnythingIsWritten) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "1"), plainRecord("dir/b", "2")});
+  for (const std::string path : {"missing", "a/", "di", "dir/b/", "/a", "", "A"}) {
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip", "a", path}),
+                 "a.zip: \"" + path + "\" is not in the archive");
+    EXPECT_EQ(nothing, folder.items("out"));
+  }
+}
+
+TEST(ToolExtract, ANameThatWouldLeaveTheFolderIsRefusedBeforeAnythingIsWritten) {
+  const ArchiveFolder folder;
+  const std::vector<std::pair<std::string, std::string>> hostile{{"../out2/x", "has a \"..\" component"},
+                                                                 {"a/../../x", "has a \"..\" component"},
+                                                                 {"a/..", "has a \"..\" component"},
+                                                                 {"..", "has a \"..\" component"},
+                                                                 {"../", "has a \"..\" component"},
+                                                                 {"/tmp/x", "is absolute"},
+                                                                 {"//x", "is absolute"},
+                                                                 {"/", "is absolute"},
+                                                                 {"", "is empty"}};
+  for (const auto& [name, why] : hostile) {
+    SCOPED_TRACE(name);
+    folder.archive({plainRecord("good", "1"), plainRecord(name, "2"), plainRecord("also good", "3")});
+    const std::string message = "unsafe name \"" + name + "\": it " + why;
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
+    // The archive is refused, whatever is asked for.
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip", "good"}), message);
+    EXPECT_EQ(nothing, folder.items("out"));
+  }
+}
+
+TEST(ToolExtract, NamesThatOnlyLookLikeLeavingAreTaken) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("..a", "1"), plainRecord("a..", "2"), plainRecord(".../x", "3"),
+                  plainRecord("./c", "4"), plainRecord(".hidden", "5"), plainRecord("a\\..\\b", "6")});
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ((Items{".../", ".../x=3", "..a=1", ".hidden=5", "a..=2", "a\\..\\b=6", "c=4"}),
+            folder.items("out"));
+}
+
+TEST(ToolExtract, ANulInANameIsRefusedEvenWithUnsafePaths) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("good", "1"), plainRecord(std::string("a\0b", 3), "2")});
+  const std::string message = "unsafe name \"a\\x00b\": it has a NUL";
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
+  expectFailed(folder.run({"extract", "-C", "out", "--unsafe-paths", "a.zip"}), message);
+  EXPECT_EQ(nothing, folder.items("out"));
+}
+
+TEST(ToolExtract, UnsafePathsTakesNamesAsTheyStand) {
+  const ArchiveFolder folder;
+  folder.archive(
+      {plainRecord("../beside", "1"), plainRecord("a/../../above", "2"), plainRecord("/abs/x", "3")});
+  expectDone(folder.run({"extract", "-C", "deep/out", "--unsafe-paths", "a.zip"}));
+  EXPECT_EQ((Items{"above=2", "beside=1", "out/", "out/a/", "out/abs/", "out/abs/x=3"}),
+            folder.items("deep"));
+}
+
+TEST(ToolExtract, DoesNotWriteThroughALinkThatLeadsOut) {
+  const ArchiveFolder folder;
+  fs::create_directories(folder / "outside");
+  writeFile(folder / "outside/file", "untouched");
+  const std::vector<std::pair<std::string, std::string>> ways{
+      {"link/new", "../outside"},        // a folder above the entry
+      {"link/deep/new", "../outside"},   // and one above that
+      {"link", "../outside/file"},       // the entry itself
+      {"link", "../outside/new"},        // the same, where nothing is yet
+      {"link/", "../outside"},           // a folder
+      {"link/new", "../out/../outside"}  // by a detour through the folder
+  };
+  for (const auto& [name, target] : ways) {
+    SCOPED_TRACE(name + " -> " + target);
+    fs::remove_all(folder / "out");
+    fs::create_directory(folder / "out");
+    fs::create_symlink(target, folder / "out/link");
+    folder.archive({plainRecord(name, name.back() == '/' ? "" : "hostile")});
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+                 "\"out/link\" is a symbolic link that leads out of \"out\"");
+    EXPECT_EQ(Items{"link->" + target}, folder.items("out"));
+    EXPECT_EQ(Items{"file=untouched"}, folder.items("outside"));
+  }
+}
+
+TEST(ToolExtract, AFolderWhoseNameOnlyBeginsLikeTheDestinationsIsOutside) {
+  const ArchiveFolder folder;
+  fs::create_directories(folder / "out");
+  fs::create_directories(folder / "outside");
+  fs::create_symlink("../outside", folder / "out/link");
+  folder.archive({plainRecord("link/a", "hostile")});
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+               "\"out/link\" is a symbolic link that leads out of \"out\"");
+  EXPECT_EQ(Items{}, folder.items("outside"));
+}
+
+TEST(ToolExtract, FollowsALinkThatStaysInside) {
+  const ArchiveFolder folder;
+  fs::create_directories(folder / "out/real");
+  fs::create_directory_symlink("real", folder / "out/link");
+  writeFile(folder / "out/file", "old");
+  fs::create_symlink("file", folder / "out/alias");
+  folder.archive({plainRecord("link/a", "1"), plainRecord("alias", "new")});
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  // A link in a file's own place is replaced, not written through.
+  EXPECT_EQ((Items{"alias=new", "file=old", "link->real", "real/", "real/a=1"}), folder.items("out"));
+}
+
+TEST(ToolExtract, TheDestinationItselfMayBeALink) {
+  const ArchiveFolder folder;
+  fs::create_directories(folder / "real");
+  fs::create_directory_symlink("real", folder / "out");
+  folder.archive({plainRecord("dir/a", "1")});
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ((Items{"dir/", "dir/a=1"}), folder.items("real"));
+}
+
+TEST(ToolExtract, UnsafePathsTakesLinksAsTheyAre) {
+  const ArchiveFolder folder;
+  fs::create_directories(folder / "outside");
+  fs::create_directories(folder / "out");
+  writeFile(folder / "outside/file", "old");
+  fs::create_directory_symlink("../outside", folder / "out/link");
+  fs::create_symlink("../outside/file", folder / "out/alias");
+  folder.archive({plainRecord("link/new", "1"), plainRecord("alias", "2")});
+  expectDone(folder.run({"extract", "-C", "out", "--unsafe-paths", "a.zip"}));
+  EXPECT_EQ((Items{"file=2", "new=1"}), folder.items("outside"));
+}
+
+TEST(ToolExtract, AFileWhereAFolderIsNeededIsAnErrorThatNamesBoth) {
+  const ArchiveFolder folder;
+  const std::vector<std::pair<std::vector<LocalRecord>, std::string>> collisions{
+      {{plainRecord("a", "1"), plainRecord("a/b", "2")}, "\"a\" is a file where \"a/b\" needs a folder"},
+      {{plainRecord("a/b/c", "1"), plainRecord("./a", "")},
+       "\"./a\" is a file where \"a/b/c\" needs a folder"},
+      {{folderRecord("a/"), plainRecord("a", "1")}, "\"a\" is a file where \"a/\" needs a folder"},
+      {{plainRecord("a", ""), folderRecord("a/")}, "\"a\" is a file where \"a/\" needs a folder"}};
+  for (const auto& [records, message] : collisions) {
+    folder.archive(records);
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
+    EXPECT_EQ(nothing, folder.items("out"));
+  }
+}
+
+TEST(ToolExtract, WhatStandsInTheWayIsAnError) {
+  const ArchiveFolder folder;
+  writeFile(folder / "out/file", "in the way");
+  fs::create_directories(folder / "out/folder");
+  ASSERT_EQ(0, mkfifo((folder / "out/fifo").c_str(), 0600));
+
+  folder.archive({plainRecord("file/a", "1")});
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), "out/file" + reason(ENOTDIR));
+  folder.archive({folderRecord("file/")});
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), "out/file" + reason(ENOTDIR));
+  folder.archive({plainRecord("folder", "1")});
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), "out/folder" + reason(EISDIR));
+  folder.archive({plainRecord("fifo", "1")});
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+               "\"out/fifo\" is in the way and is not a regular file");
+  folder.archive({plainRecord("a", "1")});
+  expectFailed(folder.run({"extract", "-C", "out/file", "a.zip"}), "out/file" + reason(EEXIST));
+  EXPECT_EQ("in the way", readFile(folder / "out/file"));
+}
+
+TEST(ToolExtract, AFullDiskIsAnErrorThatNamesThePartialFile) {
+  const ArchiveFolder folder;
+  folder.archive(
+      {plainRecord("a", "whole"), plainRecord("large", patternBytes(300000)), plainRecord("z", "never")});
+  inChildProcess([&] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{100000, 100000};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+                 "Failed to write to stream at out/large (partial file left at out/large)");
+  });
+  EXPECT_EQ("whole", readFile(folder / "out/a"));
+  EXPECT_LE(fs::file_size(folder / "out/large"), 100000U);
+  EXPECT_FALSE(fs::exists(folder / "out/z"));
+}
+
+TEST(ToolExtract, EntriesThatCannotBeExtractedAreNamedAndTheRestIsGivenBack) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("bad\xFF", "1"), plainRecord("good", "2"), plainRecord("folder/", "data"),
+                  withFlags(plainRecord("secret", "3"), 1), plainRecord("last", "4")});
+  const Items rest{"good=2", "last=4"};
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+               "a.zip: \"bad\\xFF\" is not valid UTF-8 (and 2 more left out)");
+  EXPECT_EQ(rest, folder.items("out"));
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip", "secret"}), "a.zip: \"secret\" is encrypted");
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip", "folder"}),
+               "a.zip: \"folder/\" is a folder, but has data");
+  expectDone(folder.run({"extract", "-C", "out", "a.zip", "good"}));
+  EXPECT_EQ(rest, folder.items("out"));
+}
+
+TEST(ToolExtract, ANameOfEveryLengthIsTakenOrRefusedByTheSystem) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord(std::string(255, 'n'), "1")});
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ(Items{std::string(255, 'n') + "=1"}, folder.items("out"));
+
+  const std::string longest(65535, 'n');
+  folder.archive({plainRecord(longest, "1")});
+  expectDone(folder.run({"list", "a.zip"}), longest + "\n");
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), "out/" + longest + reason(ENAMETOOLONG));
+}
+
+// ---- verify ----
+
+TEST(ToolVerify, SaysThatAWholeArchiveIsAllRight) {
+  const ArchiveFolder folder;
+  folder.archive(
+      {plainRecord("a", "12345"), zip64Record("b", std::string(2000000, 'b'), 36), plainRecord("a", "")});
+  // The extra field of the second record is not in its central header; only what both say is compared.
+  expectDone(folder.run({"verify", "a.zip"}), "3 entries, 2000005 bytes: all right\n");
+  expectDone(folder.run({"verify", "-q", "a.zip"}));
+  expectDone(folder.run({"verify", "--quiet", "a.zip"}));
+  folder.archive({plainRecord("a", "1")});
+  expectDone(folder.run({"verify", "a.zip"}), "1 entry, 1 byte: all right\n");
+}
+
+TEST(ToolVerify, FindsEveryFlippedBitOfEveryEntrysData) {
+  const ArchiveFolder folder;
+  const std::vector<std::pair<std::string, std::string>> entries{{"a", "0123"}, {"b/\xC3\xBC", "\xFF"}};
+  const std::string honest = archiveBytes({plainRecord("a", "0123"), plainRecord("b/\xC3\xBC", "\xFF")});
+  std::size_t dataAt = 0;
+  for (const auto& [name, data] : entries) {
+    dataAt += 30 + name.size();
+    for (std::size_t byte = 0; byte < data.size(); ++byte) {
+      for (int bit = 0; bit < 8; ++bit) {
+        std::string flipped = honest;
+        flipped[dataAt + byte] = static_cast<char>(flipped[dataAt + byte] ^ (1 << bit));
+        const std::string crc = hexOf(crcOf(flipped.substr(dataAt, data.size())));
+        expectFailed(folder.run({"verify", "-q", folder.archive(flipped)}), "a.zip: 1 problem found",
+                     name + ": CRC-32 is " + crc + ", header says " + hexOf(crcOf(data)) + "\n");
+      }
+    }
+    dataAt += data.size();
+  }
+}
+
+TEST(ToolVerify, TellsOfEachOfSeveralWrongEntriesInTheArchivesOrder) {
+  const ArchiveFolder folder;
+  std::string bytes = archiveBytes({plainRecord("same", "x1"), plainRecord("odd\n", "x2"),
+                                    plainRecord("fine", "3"), plainRecord("same", "x4")});
+  for (std::size_t at = bytes.find('x'); at != std::string::npos; at = bytes.find('x', at)) bytes[at] = 'X';
+  folder.archive(bytes);
+  const auto line = [](const std::string& name, const std::string& data, const std::string& was) {
+    return name + ": CRC-32 is " + hexOf(crcOf(data)) + ", header says " + hexOf(crcOf(was));
+  };
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 3 problems found",
+               lines({line("same", "X1", "x1"), line("odd\\x0A", "X2", "x2"), line("same", "X4", "x4")}));
+}
+
+TEST(ToolVerify, ComparesTheEntriesWithTheCentralDirectory) {
+  const ArchiveFolder folder;
+  const LocalRecord a = plainRecord("a", "one");
+  const LocalRecord b = plainRecord("b", "two");
+  const auto offset = static_cast<std::uint32_t>(a.bytes().size());
+  const auto expectProblems = [&](const std::string& centrals, const std::vector<std::string>& problems) {
+    folder.archive(a.bytes() + b.bytes() + centrals + endRecordBytes());
+    const std::string count =
+        std::to_string(problems.size()) + (problems.size() == 1 ? " problem" : " problems");
+    expectFailed(folder.run({"verify", "a.zip"}), "a.zip: " + count + " found", lines(problems));
+  };
+  const std::string ofA = centralHeaderBytes(a, 0);
+  const std::string ofB = centralHeaderBytes(b, offset);
+
+  expectProblems(ofA, {"b: is not in the central directory"});
+  expectProblems("", {"a: is not in the central directory", "b: is not in the central directory"});
+  expectProblems(ofA + ofB + ofB, {"b: is in the central directory with offset 34, where it has no entry"});
+  expectProblems(ofA + centralHeaderBytes(b, offset + 1),
+                 {"b: is in the central directory with offset 35, where it has no entry",
+                  "b: is not in the central directory"});
+  expectProblems(centralHeaderBytes(plainRecord("A", "one"), 0) + ofB,
+                 {"a: has the name \"A\" in the central directory"});
+  LocalRecord otherSize = plainRecord("a", "one");
+  otherSize.data += "!";
+  expectProblems(ofB + centralHeaderBytes(otherSize, 0),
+                 {"a: CRC-32 is " + hexOf(crcOf("one!")) + " in the central directory, header says " +
+                      hexOf(crcOf("one")),
+                  "a: size is 4 in the central directory, header says 3"});
+}
+
+TEST(ToolVerify, TakesFromTheZip64FieldOnlyTheValuesThatAreSaturated) {
+  const ArchiveFolder folder;
+  const LocalRecord a = plainRecord("a", "one");
+  const LocalRecord b = plainRecord("b", "two");
+  // Only the offset is in the field, as other programs write it.
+  const std::string field = extraFieldBytes(1, Bytes().u64(a.bytes().size()));
+  std::string ofB = centralHeaderBytes(b, 0xFFFFFFFF) + field;
+  ofB[30] = static_cast<char>(field.size());
+  folder.archive(a.bytes() + b.bytes() + centralHeaderBytes(a) + ofB + endRecordBytes());
+  expectDone(folder.run({"verify", "a.zip"}), "2 entries, 6 bytes: all right\n");
+}
+
+TEST(ToolVerify, ComparesTheLengthInTheHeader) {
+  const ArchiveFolder folder;
+  LocalRecord record = plainRecord("a", "12345");
+  record.size = 0xFFFFFFFF;
+  record.extra = zip64FieldBytes(6, 5);
+  folder.archive({record});
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found", "a: has 5 bytes, header says 6\n");
+}
+
+TEST(ToolVerify, TellsOfBytesBehindTheEnd) {
+  const ArchiveFolder folder;
+  const std::string whole = archiveBytes({plainRecord("a", "1")});
+  const std::string tail =
+      "unknown bytes behind the end of the archive, from offset " + std::to_string(whole.size()) + "\n";
+  for (const std::string& appended :
+       {std::string("x"), std::string(100, '\0'), plainRecord("b", "2").bytes(), whole}) {
+    folder.archive(whole + appended);
+    expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found", tail);
+    // All that is this archive's is whole.
+    expectDone(folder.run({"list", "a.zip"}), "a\n");
+    expectDone(folder.run({"cat", "a.zip", "a"}), "1");
+  }
+}
+
+TEST(ToolVerify, AnEncryptedEntryCannotBeVerified) {
+  const ArchiveFolder folder;
+  folder.archive({withFlags(plainRecord("secret", "1"), 1), plainRecord("b", "2")});
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found", "secret: is encrypted\n");
+  expectFailed(folder.run({"cat", "a.zip", "secret"}), "\"secret\" is encrypted");
+  expectDone(folder.run({"list", "a.zip"}), "b\nsecret\n");
+}
+
+// ---- what is no archive ----
+
+TEST(ToolRead, AnArchiveThatCannotBeOpenedIsAnErrorOfEveryCommand) {
+  const ArchiveFolder folder;
+  fs::create_directory(folder / "folder");
+  ASSERT_EQ(0, mkfifo((folder / "fifo").c_str(), 0600));
+  writeFile(folder / "file", "");
+  const std::vector<std::pair<std::string, std::string>> archives{
+      {"missing", "missing" + reason(ENOENT)},
+      {"file/a.zip", "file/a.zip" + reason(ENOTDIR)},
+      {"folder", "folder" + reason(EISDIR)},
+      {"fifo", "\"fifo\" is not a regular file"},
+      {"", reason(ENOENT)}};
+  for (const auto& [archive, message] : archives) {
+    SCOPED_TRACE(archive);
+    expectFailed(folder.run({"list", archive}), message);
+    expectFailed(folder.run({"extract", "-C", "out", archive}), message);
+    expectFailed(folder.run({"cat", archive, "a"}), message);
+    expectFailed(folder.run({"verify", archive}), message);
+    EXPECT_EQ(nothing, folder.items("out"));
+  }
+}
+
+TEST(ToolRead, AnArchiveThatMayNotBeReadIsAnError) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "1")});
+  fs::permissions(folder / "", fs::perms::all);
+  fs::permissions(folder / "a.zip", fs::perms::none);
+  fs::copy_file(KQZIP_TOOL, folder / "kqzip");
+  fs::permissions(folder / "kqzip", fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+  inUnprivilegedChildProcess([&] {
+    const std::string archive = folder / "a.zip";
+    expectFailed(runProcess({folder / "kqzip", "list", archive}), archive + reason(EACCES));
+  });
+}
+
+TEST(ToolRead, WhatDoesNotBeginWithARecordIsAClearError) {
+  const ArchiveFolder folder;
+  folder.archive("%PDF-1.7 and more");
+  expectFailed(folder.run({"list", "a.zip"}),
+               "a.zip: this is no archive, or something stands in front of it: unknown signature 46445025 at "
+               "offset 0");
+  folder.archive("#!/bin/sh\n" + archiveBytes({plainRecord("a", "1")}));
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+               "a.zip: this is no archive, or something stands in front of it: unknown signature 622f2123 at "
+               "offset 0");
+  folder.archive("");
+  expectFailed(folder.run({"list", "a.zip"}), "a.zip: the archive ends early, at offset 0");
+}
+
+TEST(ToolRead, ACompressedEntryIsNamedAndWhatStandsBeforeItIsGivenBack) {
+  const ArchiveFolder folder;
+  LocalRecord compressed = plainRecord("dir/deflated", "\x4B\x04");
+  compressed.compression = 8;
+  folder.archive({plainRecord("a", "1"), compressed, plainRecord("z", "2")});
+  const std::string message = "a.zip: \"dir/deflated\" is compressed; only stored entries can be read";
+  expectFailed(folder.run({"list", "a.zip"}), message, "a\n");
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
+  EXPECT_EQ(Items{"a=1"}, folder.items("out"));
+  expectDone(folder.run({"cat", "a.zip", "a"}), "1");
+  expectFailed(
+      folder.run({"cat", "a.zip", "z"}),
+      "a.zip: \"z\" is not in the archive as far as it can be read: \"dir/deflated\" is compressed; only "
+      "stored entries can be read");
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found",
+               "dir/deflated: is compressed; only stored entries can be read\n");
+}
+
+TEST(ToolRead, AnEntryWhoseSizeStandsBehindItsDataIsNamed) {
+  const ArchiveFolder folder;
+  const std::string text = " has its size behind its data, in a data descriptor, which cannot be read";
+  // Sizes 0 in the header, then data, then the descriptor.
+  LocalRecord streamed = withFlags(plainRecord("streamed", "data"), 8);
+  streamed.size = 0;
+  folder.archive(plainRecord("a", "1").bytes() + streamed.bytes() + "PK\x07\x08" + std::string(12, '\0'));
+  expectFailed(folder.run({"list", "a.zip"}), "a.zip: \"streamed\"" + text, "a\n");
+
+  // Sizes in both places: the data can be told from what follows.
+  folder.archive(withFlags(plainRecord("both", "data"), 8).bytes() + "PK\x07\x08" + std::string(12, '\0'));
+  expectFailed(folder.run({"list", "a.zip"}), "a.zip: \"both\"" + text, "both\n");
+  expectDone(folder.run({"cat", "a.zip", "both"}), "data");
+
+  // The flag alone does no harm.
+  folder.archive({withFlags(plainRecord("flagged", "data"), 8), withFlags(plainRecord("empty", ""), 8)});
+  expectDone(folder.run({"list", "a.zip"}), "empty\nflagged\n");
+}
+
+// ---- archives that are damaged ----
+
+namespace {
+
+struct CutEntry {
+  std::string name;
+  std::string data;
+  std::size_t end;  ///< Bytes of the archive up to the end of the entry's data.
+};
+
+/// A small archive with an entry of each kind and every record of the tail, and where its entries end.
+struct CutArchive {
+  std::string bytes;
+  std::vector<CutEntry> entries;
+
+  CutArchive() {
+    const std::vector<LocalRecord> records{zip64Record("z", "123"), plainRecord("d/e", ""),
+                                           plainRecord("\xC3\xB8", "45")};
+    std::string centrals;
+    for (const LocalRecord& record : records) {
+      centrals += centralHeaderBytes(record, static_cast<std::uint32_t>(bytes.size()));
+      bytes += record.bytes();
+      entries.push_back({record.name, record.data, bytes.size()});
+    }
+    bytes += centrals + goldenEndRecords(records.size(), bytes.size(), centrals.size());
+  }
+
+  std::vector<CutEntry> wholeBefore(std::size_t cut) const {
+    std::vector<CutEntry> whole;
+    for (const CutEntry& entry : entries) {
+      if (entry.end <= cut) whole.push_back(entry);
+    }
+    return whole;
+  }
+};
+
+/// Calls `check` for the archive cut before each of its bytes, and whole.
+void atEveryCut(const std::function<void(const ArchiveFolder&, const std::string&, const CutArchive&,
+                                         std::size_t)>& check) {
+  const ArchiveFolder folder;
+  const CutArchive archive;
+  for (std::size_t cut = 0; cut <= archive.bytes.size(); ++cut) {
+    SCOPED_TRACE("cut at byte " + std::to_string(cut));
+    check(folder, folder.archive(archive.bytes.substr(0, cut)), archive, cut);
+    if (testing::Test::HasFailure()) return;
+  }
+}
+
+void expectStatusAtCut(const ProcessResult& result, const CutArchive& archive, std::size_t cut) {
+  const bool isWhole = cut == archive.bytes.size();
+  EXPECT_EQ(isWhole ? 0 : 1, result.exitStatus);
+  EXPECT_EQ(isWhole ? 0 : 1, std::count(result.errors.begin(), result.errors.end(), '\n')) << result.errors;
+}
+
+}  // namespace
+
+TEST(ToolCutArchive, ListsAtEveryCutTheEntriesThatAreWholeBeforeIt) {
+  atEveryCut(
+      [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive, std::size_t cut) {
+        std::vector<std::string> names;
+        for (const CutEntry& entry : archive.wholeBefore(cut)) names.push_back(entry.name);
+        std::sort(names.begin(), names.end());
+        const ProcessResult result = folder.run({"list", path});
+        EXPECT_EQ(lines(names), result.output);
+        expectStatusAtCut(result, archive, cut);
+      });
+}
+
+TEST(ToolCutArchive, ExtractsAtEveryCutTheEntriesThatAreWholeBeforeIt) {
+  atEveryCut(
+      [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive, std::size_t cut) {
+        Items expected;
+        for (const CutEntry& entry : archive.wholeBefore(cut)) {
+          if (entry.name == "d/e") expected.push_back("d/");
+          expected.push_back(entry.name + "=" + entry.data);
+        }
+        std::sort(expected.begin(), expected.end());
+        fs::remove_all(folder / "out");
+        const ProcessResult result = folder.run({"extract", "-C", "out", path});
+        EXPECT_EQ(expected, folder.items("out"));
+        expectStatusAtCut(result, archive, cut);
+      });
+}
+
+TEST(ToolCutArchive, CatsAtEveryCutTheEntryThatIsWholeBeforeIt) {
+  atEveryCut(
+      [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive, std::size_t cut) {
+        const CutEntry& last = archive.entries.back();
+        const ProcessResult result = folder.run({"cat", path, last.name});
+        if (cut >= last.end) {
+          expectDone(result, last.data);
+        } else {
+          EXPECT_EQ(1, result.exitStatus);
+          EXPECT_EQ("", result.output);
+          EXPECT_EQ(0U, result.errors.find(
+                            "kqzip: a.zip: \"\xC3\xB8\" is not in the archive as far as it can be read: "))
+              << result.errors;
+        }
+      });
+}
+
+TEST(ToolCutArchive, VerifiesNoArchiveThatIsCut) {
+  atEveryCut(
+      [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive, std::size_t cut) {
+        const ProcessResult result = folder.run({"verify", path});
+        expectStatusAtCut(result, archive, cut);
+        EXPECT_EQ(1, std::count(result.output.begin(), result.output.end(), '\n')) << result.output;
+      });
+}
+
+TEST(ToolCutArchive, SaysWhichEntryIsNotWhole) {
+  const ArchiveFolder folder;
+  const std::string bytes = plainRecord("a", "1").bytes() + zip64Record("dir/b", "12345").bytes();
+  const std::size_t second = 32;
+  const std::size_t name = second + 30;
+  const std::size_t extra = name + 5;
+  const std::size_t data = extra + 28;
+  ASSERT_EQ(data + 5, bytes.size());
+  const std::vector<std::pair<std::size_t, std::string>> cuts{
+      {second, "the archive ends early, at offset 32"},
+      {second + 2, "the archive ends early, at offset 34"},
+      {second + 4, "the archive ends early, inside the header of an entry at offset 32"},
+      {name, "the archive ends early, inside the header of an entry at offset 32"},
+      {extra - 1, "the archive ends early, inside the header of an entry at offset 32"},
+      {extra, "\"dir/b\" ends inside its header"},
+      {data - 1, "\"dir/b\" ends inside its header"},
+      {data, "\"dir/b\" ends after 0 of 5 bytes"},
+      {data + 4, "\"dir/b\" ends after 4 of 5 bytes"},
+      {data + 5, "the archive ends early, at offset 100"}};
+  for (const auto& [cut, message] : cuts) {
+    folder.archive(bytes.substr(0, cut));
+    expectFailed(folder.run({"list", "a.zip"}), "a.zip: " + message,
+                 cut == bytes.size() ? "a\ndir/b\n" : "a\n");
+  }
+  folder.archive(bytes.substr(0, data + 4));
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found", "dir/b: ends after 4 of 5 bytes\n");
+}
+
+TEST(ToolCutArchive, ACutInTheCentralDirectoryIsSaidToBeThere) {
+  const ArchiveFolder folder;
+  const LocalRecord a = plainRecord("a", "1");
+  folder.archive(a.bytes() + centralHeaderBytes(a).substr(0, 46));
+  expectFailed(folder.run({"list", "a.zip"}),
+               "a.zip: the archive ends early, inside its central directory, at offset 32", "a\n");
+}
+
+TEST(ToolDamagedArchive, WhatStandsBeforeUnknownBytesIsGivenBack) {
+  const ArchiveFolder folder;
+  folder.archive(plainRecord("a", "1").bytes() + plainRecord("d/b", "2").bytes() + "JUNK" +
+                 archiveBytes({plainRecord("c", "3")}));
+  const std::string message = "a.zip: unknown signature 4b4e554a at offset 66";
+  expectFailed(folder.run({"list", "a.zip"}), message, "a\nd/b\n");
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
+  EXPECT_EQ((Items{"a=1", "d/", "d/b=2"}), folder.items("out"));
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip", "a"}), message);
+  expectDone(folder.run({"cat", "a.zip", "d/b"}), "2");
+  expectFailed(
+      folder.run({"extract", "-C", "out", "a.zip", "c"}),
+      "a.zip: \"c\" is not in the archive as far as it can be read: unknown signature 4b4e554a at offset 66");
+  expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found",
+               "unknown signature 4b4e554a at offset 66\n");
+}
+
+TEST(ToolDamagedArchive, LengthsThatLieAreNoHarm) {
+  const ArchiveFolder folder;
+  for (const std::uint64_t length :
+       {std::uint64_t{1} << 40, std::uint64_t{1} << 62, (std::uint64_t{1} << 63) - 100,
+        std::uint64_t{1} << 63, UINT64_MAX, UINT64_MAX - 100}) {
+    SCOPED_TRACE(length);
+    LocalRecord liar = plainRecord("liar", "12345");
+    liar.size = 0xFFFFFFFF;
+    liar.extra = zip64FieldBytes(length, length);
+    folder.archive({plainRecord("a", "1"), liar, plainRecord("b", "2")});
+    for (const std::string command : {"list", "verify"}) {
+      const ProcessResult result = folder.run({command, "a.zip"});
+      EXPECT_EQ(1, result.exitStatus);
+      EXPECT_NE(std::string::npos, (result.output + result.errors).find("liar"));
+    }
+    expectDone(folder.run({"cat", "a.zip", "a"}), "1");
+  }
+}
+
+TEST(ToolDamagedArchive, ExtraFieldsThatDoNotFitTheirHeaderAreNamed) {
+  const ArchiveFolder folder;
+  LocalRecord record = plainRecord("odd", "12345");
+  record.extra = extraFieldBytes(0x7777, "", 3);
+  folder.archive({plainRecord("a", "1"), record, plainRecord("b", "2")});
+  expectFailed(folder.run({"list", "a.zip"}), "a.zip: \"odd\" has extra fields that do not fit its header",
+               "a\n");
+}
+
+TEST(ToolArchive, TheTailsRecordsAreTakenInAnyOrder) {
+  const ArchiveFolder folder;
+  const LocalRecord a = plainRecord("a", "1");
+  const std::string zip64End = Bytes().u32(0x06064b50).u64(44 + 5).text(std::string(44, '\0')).text("extra");
+  const std::string locator = Bytes().u32(0x07064b50).text(std::string(16, '\0'));
+  const std::string signature = Bytes().u32(0x05054b50).u16(3).text("sig");
+  std::string end = endRecordBytes();
+  end[20] = 7;
+  end += "comment";
+  const std::vector<std::string> tails{centralHeaderBytes(a) + signature + zip64End + locator + end,
+                                       end + locator + zip64End + signature + centralHeaderBytes(a),
+                                       locator + end + centralHeaderBytes(a) + zip64End};
+  for (const std::string& tail : tails) {
+    folder.archive(a.bytes() + tail);
+    expectDone(folder.run({"list", "a.zip"}), "a\n");
+    expectDone(folder.run({"verify", "a.zip"}), "1 entry, 1 byte: all right\n");
+  }
+}
+
+TEST(ToolRead, ArgumentsThatAreMissingOrTooManyAreWrongUsage) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "1")});
+  const std::string list = "kqzip list [OPTIONS] ARCHIVE";
+  const std::string extract = "kqzip extract [OPTIONS] ARCHIVE [PATH...]";
+  const std::string cat = "kqzip cat [OPTIONS] ARCHIVE PATH";
+  const std::string verify = "kqzip verify [OPTIONS] ARCHIVE";
+  const auto unexpected = [](const std::string& what) {
+    return "The following argument was not expected: " + what;
+  };
+  expectWrongUsage(folder.run({"list"}), "ARCHIVE is required", list);
+  expectWrongUsage(folder.run({"extract"}), "ARCHIVE is required", extract);
+  expectWrongUsage(folder.run({"cat"}), "ARCHIVE is required", cat);
+  expectWrongUsage(folder.run({"cat", "a.zip"}), "PATH is required", cat);
+  expectWrongUsage(folder.run({"verify"}), "ARCHIVE is required", verify);
+  expectWrongUsage(folder.run({"list", "a.zip", "b.zip"}), unexpected("b.zip"), list);
+  expectWrongUsage(folder.run({"cat", "a.zip", "a", "b"}), unexpected("b"), cat);
+  expectWrongUsage(folder.run({"verify", "a.zip", "b.zip"}), unexpected("b.zip"), verify);
+  expectWrongUsage(folder.run({"list", "-q", "a.zip"}), unexpected("-q"), list);
+  expectWrongUsage(folder.run({"cat", "-q", "a.zip", "a"}), unexpected("-q"), cat);
+  expectWrongUsage(folder.run({"verify", "-C", "a.zip"}), unexpected("-C"), verify);
+  expectWrongUsage(folder.run({"extract", "a.zip", "-C"}), "--directory: 1 required DIR missing", extract);
+}
+
+TEST(ToolRead, OutputThatCannotBeWrittenIsAnError) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", patternBytes(200000))});
+  const auto run = [&](const std::string& redirection, const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{"/bin/sh", "-c", "exec \"$0\" \"$@\" " + redirection, KQZIP_TOOL};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return runProcess(command, folder / "");
+  };
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"list", "a.zip"}, {"cat", "a.zip", "a"}, {"verify", "a.zip"}}) {
+    expectFailed(run(">/dev/full", arguments), "standard output" + reason(ENOSPC));
+    expectFailed(run(">&-", arguments), "standard output" + reason(EBADF));
+  }
+}
+
+TEST(ToolRead, ReadsWhatAnotherProgramStored) {
+  const ArchiveFolder folder;
+  if (runProcess({"zip", "-v"}).exitStatus != 0) GTEST_SKIP() << "no zip here";
+  writeFile(folder / "tree/dir/a", "text");
+  writeFile(folder / "tree/empty", "");
+  writeFile(folder / "tree/large", patternBytes(1500000));
+  fs::create_directory(folder / "tree/bare");
+  ASSERT_EQ(0, runProcess({"zip", "-0qr", "../a.zip", "."}, folder / "tree").exitStatus);
+
+  expectDone(folder.run({"list", "a.zip"}), lines({"bare/", "dir/", "dir/a", "empty", "large"}));
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ(folder.items("tree"), folder.items("out"));
+  expectDone(folder.run({"verify", "a.zip"}), "5 entries, 1500004 bytes: all right\n");
+}

@@ -1,0 +1,270 @@
+#include "ArchiveScan.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <unordered_set>
+#include <utility>
+
+#include "Interruption.h"
+#include "Message.h"
+
+namespace fs = std::filesystem;
+
+namespace Tool {
+
+namespace {
+
+// Bytes of each record in front of its parts of variable length, the signature included.
+constexpr std::uint64_t localHeaderSize = 30;
+constexpr std::uint64_t centralHeaderSize = 46;
+constexpr std::uint64_t endRecordSize = 22;
+constexpr std::uint64_t zip64LocatorSize = 20;
+constexpr std::uint64_t digitalSignatureSize = 6;
+
+// Where a local header says how long its name and its extra fields are.
+constexpr std::uint64_t nameLengthAt = 26;
+
+// The Zip64 end record's own size field counts what follows it.
+constexpr std::uint64_t zip64SizeFieldEnd = 12;
+
+constexpr std::int64_t unsupportedCompression = -101;
+constexpr unsigned dataDescriptorFlag = 8;
+
+std::uint64_t sizeOfArchive(const std::string& path) {
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (error) failWithSystemError(error.value(), path);
+  if (fs::is_directory(status)) failWithSystemError(EISDIR, path);
+  if (!fs::is_regular_file(status)) throw Failure(inQuotes(path) + " is not a regular file");
+  if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
+  const std::uint64_t size = fs::file_size(path, error);
+  if (error) failWithSystemError(error.value(), path);
+  return size;
+}
+
+std::string number(std::uint64_t value) { return std::to_string(value); }
+
+}  // namespace
+
+std::string Problem::sentence() const { return entry ? inQuotes(*entry) + " " + text : text; }
+
+ArchiveScan::ArchiveScan(std::string path, const KQ::NSProgress& work) : path_(std::move(path)) {
+  fileSize_ = sizeOfArchive(path_);
+  stream_ = KQ::NSInputStream::inputStreamWithFileAtPath(path_);
+  if (!stream_) throw Failure(inQuotes(path_) + " cannot be opened");
+  stream_->open();
+  scan(work);
+}
+
+std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {
+  std::unordered_set<std::string_view> seen;
+  std::vector<const ArchiveEntry*> current;
+  for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
+    if (seen.insert(entry->name).second) current.push_back(&*entry);
+  }
+  return {current.rbegin(), current.rend()};
+}
+
+void ArchiveScan::requireNoProblem() const {
+  if (problem_) throw Failure(path_ + ": " + problem_->sentence());
+}
+
+Failure ArchiveScan::missing(const std::string& name) const {
+  const std::string text = path_ + ": " + inQuotes(name) + " is not in the archive";
+  return Failure(problem_ ? text + " as far as it can be read: " + problem_->sentence() : text);
+}
+
+void ArchiveScan::scan(const KQ::NSProgress& work) {
+  for (;;) {
+    requireNotInterrupted(work);
+    const std::uint64_t start = offset();
+    const std::optional<std::uint32_t> signature = readSignature(start);
+    if (!signature || !readRecord(*signature, start)) return;
+  }
+}
+
+std::optional<std::uint32_t> ArchiveScan::readSignature(std::uint64_t start) {
+  std::array<std::uint8_t, 4> bytes{};
+  const std::int64_t count = stream_->read(bytes.data(), bytes.size());
+  if (count != 4) {
+    stopBetweenRecords(start, count);
+    return std::nullopt;
+  }
+  std::uint32_t signature = 0;
+  for (std::size_t i = 0; i < bytes.size(); ++i) signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
+  return signature;
+}
+
+bool ArchiveScan::readRecord(std::uint32_t signature, std::uint64_t start) {
+  // What follows the end record may be more of the archive's tail, but no entries: whoever appended them,
+  // they are not this archive's.
+  if (signature == KQZipFileLocalHeader::signature && !endRecordSeen_) return readLocalHeader(start);
+  if (signature == KQZipCentralDirectoryFileHeader::signature) return readCentralHeader(start);
+  if (signature == KQZip64EndOfCentralDirectoryRecord::signature) return readZip64EndRecord(start);
+  if (signature == KQZip64EndOfCentralDirectoryLocator::signature) return readZip64Locator(start);
+  if (signature == KQZipEndOfCentralDirectoryRecord::signature) return readEndRecord(start);
+  if (signature == KQZipCentralDirectory::digitalSignatureSignature) return readDigitalSignature(start);
+  return stopAtUnknownBytes(signature, start);
+}
+
+bool ArchiveScan::readLocalHeader(std::uint64_t start) {
+  std::shared_ptr<const KQ::NSError> error;
+  const auto header = KQZipFileLocalHeader::initWithStream(*stream_, &error);
+  if (!header) return stopInsideLocalHeader(start, error);
+  const std::uint64_t nameAt = start + localHeaderSize;
+  const std::uint64_t dataAt = nameAt + header->fileNameLength() + header->extraFieldLength();
+  // A read that the archive's end cuts short is no failure to the library; only the position tells.
+  if (header->offsetOfDataInArchive() != dataAt || dataAt > fileSize_)
+    return stopInsideLocalHeader(start, nullptr);
+
+  const std::string name =
+      header->fileName() ? *header->fileName() : readBytes(nameAt, header->fileNameLength());
+  const std::uint64_t length = header->dataLengthFromHeader();
+  if (length > fileSize_ - dataAt)
+    return stop({name, "ends after " + number(fileSize_ - dataAt) + " of " + number(length) + " bytes"});
+  entries_.push_back({name, header});
+  return skipTo(dataAt + length);
+}
+
+bool ArchiveScan::readCentralHeader(std::uint64_t start) {
+  std::shared_ptr<const KQ::NSError> error;
+  const auto header = KQZipCentralDirectoryFileHeader::initWithStream(*stream_, &error);
+  if (!header) return stopInsideTail(start, error);
+  const std::uint64_t size =
+      centralHeaderSize + header->fileNameLength() + header->extraFieldLength() + header->fileCommentLength();
+  if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
+  const std::string name = header->fileName()
+                               ? *header->fileName()
+                               : readBytes(start + centralHeaderSize, header->fileNameLength());
+  centralRecords_.push_back(centralRecord(*header, name));
+  return skipTailRecord(start, size);
+}
+
+bool ArchiveScan::readZip64EndRecord(std::uint64_t start) {
+  std::shared_ptr<const KQ::NSError> error;
+  const auto record = KQZip64EndOfCentralDirectoryRecord::initWithStream(*stream_, &error);
+  if (!record) return stopInsideTail(start, error);
+  // A record that says more than its fields take has extensible data behind them.
+  const std::uint64_t size = std::max(record->size(), record->sizeOfZip64EoCDRecord());
+  if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
+  return skipTailRecord(start, zip64SizeFieldEnd + size);
+}
+
+bool ArchiveScan::readZip64Locator(std::uint64_t start) {
+  std::shared_ptr<const KQ::NSError> error;
+  if (!KQZip64EndOfCentralDirectoryLocator::initWithStream(*stream_, &error))
+    return stopInsideTail(start, error);
+  return skipTailRecord(start, zip64LocatorSize);
+}
+
+bool ArchiveScan::readEndRecord(std::uint64_t start) {
+  std::shared_ptr<const KQ::NSError> error;
+  const auto record = KQZipEndOfCentralDirectoryRecord::initWithStream(*stream_, &error);
+  if (!record) return stopInsideTail(start, error);
+  if (!skipTailRecord(start, endRecordSize + record->zipFileCommentLength())) return false;
+  endRecordSeen_ = true;
+  return true;
+}
+
+bool ArchiveScan::readDigitalSignature(std::uint64_t start) {
+  std::uint16_t size = 0;
+  std::shared_ptr<const KQ::NSError> error;
+  if (!KQZipReadBlock16(*stream_, &size, &error)) return stopInsideTail(start, error);
+  return skipTailRecord(start, digitalSignatureSize + size);
+}
+
+bool ArchiveScan::skipTo(std::uint64_t end) {
+  if (offset() == end || stream_->setNSStreamFileCurrentOffsetKey(end)) return true;
+  return stop({std::nullopt, errorText(stream_->streamError(), "the archive cannot be read")});
+}
+
+bool ArchiveScan::skipTailRecord(std::uint64_t start, std::uint64_t size) {
+  return size > fileSize_ - start ? stopInsideTail(start, nullptr) : skipTo(start + size);
+}
+
+bool ArchiveScan::stop(Problem problem) {
+  problem_ = std::move(problem);
+  return false;
+}
+
+void ArchiveScan::stopBetweenRecords(std::uint64_t start, std::int64_t bytesRead) {
+  if (bytesRead < 0) {
+    stop({std::nullopt, errorText(stream_->streamError(), "the archive cannot be read")});
+  } else if (!endRecordSeen_) {
+    if (!stopBehindEntryWithoutSize(start))
+      stop({std::nullopt, "the archive ends early, at offset " + number(fileSize_)});
+  } else if (bytesRead > 0) {
+    trailingBytes_ = start;
+  }
+}
+
+bool ArchiveScan::stopInsideLocalHeader(std::uint64_t start,
+                                        const std::shared_ptr<const KQ::NSError>& error) {
+  const std::string somewhere =
+      "the archive ends early, inside the header of an entry at offset " + number(start);
+  if (start + localHeaderSize > fileSize_) return stop({std::nullopt, somewhere});
+  std::uint16_t nameLength = 0;
+  std::uint16_t extraLength = 0;
+  stream_->setNSStreamFileCurrentOffsetKey(start + nameLengthAt);
+  KQZipReadBlock16(*stream_, &nameLength);
+  KQZipReadBlock16(*stream_, &extraLength);
+  const std::uint64_t nameEnd = start + localHeaderSize + nameLength;
+  if (nameEnd > fileSize_) return stop({std::nullopt, somewhere});
+  const std::string name = readBytes(start + localHeaderSize, nameLength);
+  if (nameEnd + extraLength > fileSize_) return stop({name, "ends inside its header"});
+  const auto reason = error ? error : stream_->streamError();
+  if (!reason) return stop({name, "has extra fields that do not fit its header"});
+  if (reason->code() == unsupportedCompression)
+    return stop({name, "is compressed; only stored entries can be read"});
+  return stop({name, "cannot be read: " + reason->localizedDescription()});
+}
+
+bool ArchiveScan::stopInsideTail(std::uint64_t start, const std::shared_ptr<const KQ::NSError>& error) {
+  const std::string place = "inside its central directory, at offset " + number(start);
+  const auto reason = error ? error : stream_->streamError();
+  return stop({std::nullopt, reason
+                                 ? "the archive is damaged " + place + ": " + reason->localizedDescription()
+                                 : "the archive ends early, " + place});
+}
+
+bool ArchiveScan::stopAtUnknownBytes(std::uint32_t signature, std::uint64_t start) {
+  if (endRecordSeen_) {
+    trailingBytes_ = start;
+    return false;
+  }
+  if (stopBehindEntryWithoutSize(start)) return false;
+  const std::string unknown = "unknown signature " + hexadecimal(signature) + " at offset " + number(start);
+  return stop({std::nullopt,
+               start == 0 ? "this is no archive, or something stands in front of it: " + unknown : unknown});
+}
+
+// Where no record follows an entry that says that its sizes come behind its data, they do: then its end is
+// nowhere to be found, and what the header seemed to say of its length is not true.
+bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
+  if (entries_.empty()) return false;
+  const ArchiveEntry last = entries_.back();
+  const bool endsHere = last.header->offsetOfDataInArchive() + last.length() == start;
+  if (!endsHere || (last.header->flags() & dataDescriptorFlag) == 0) return false;
+  if (last.length() == 0) entries_.pop_back();
+  stop({last.name, "has its size behind its data, in a data descriptor, which cannot be read"});
+  return true;
+}
+
+// Reads what the library does not keep. The scan sets its own position afterwards.
+std::string ArchiveScan::readBytes(std::uint64_t start, std::uint64_t length) {
+  std::string bytes(length, '\0');
+  std::shared_ptr<const KQ::NSError> error;
+  if (!stream_->setNSStreamFileCurrentOffsetKey(start) ||
+      !KQZipReadBlockBytes(*stream_, bytes.data(), length, &error))
+    bytes.assign(length, '?');
+  return bytes;
+}
+
+}  // namespace Tool

@@ -1,0 +1,140 @@
+#include "Create.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <system_error>
+
+#include "Message.h"
+#include "ProgressLine.h"
+
+namespace fs = std::filesystem;
+
+namespace Tool {
+
+namespace {
+
+using Packing = std::function<bool(KQ::NSErrorSlot)>;
+
+fs::file_status statusOf(const std::string& path) {
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (error) failWithSystemError(error.value(), path);
+  return status;
+}
+
+std::string canonicalPath(const std::string& path) {
+  std::error_code error;
+  const fs::path canonical = fs::canonical(path, error);
+  if (error) failWithSystemError(error.value(), path);
+  return canonical.string();
+}
+
+// The folder with a last component that can stand in front of names: "." and ".." have none.
+std::string directoryToKeep(const std::string& directory) {
+  const std::string name = KQ::lastPathComponent(directory);
+  std::string named = name == "." || name == ".." ? canonicalPath(directory) : directory;
+  if (KQ::lastPathComponent(named) == "/")
+    throw Failure("--keep-parent: " + inQuotes(directory) + " has no name", WrongUsage);
+  return named;
+}
+
+Packing packingOfDirectory(const CreateOptions& options) {
+  const std::string& source = options.sources.front();
+  const std::string directory = options.keepParent ? directoryToKeep(source) : source;
+  return [&options, directory](KQ::NSErrorSlot error) {
+    return KQZipFileWriter::createZipFileAtPath(options.archive, directory, options.keepParent, error);
+  };
+}
+
+void requireReadableFile(const std::string& path) {
+  if (!fs::is_regular_file(statusOf(path))) throw Failure(inQuotes(path) + " is not a regular file");
+  if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
+}
+
+void requireFaithfulText(const std::string& text, const std::string& path) {
+  if (!KQ::isValidUTF8(text)) failWithSystemError(EILSEQ, path);
+}
+
+// From the name in the archive to the argument, in the order of the names.
+std::map<std::string, std::string> namesOfFiles(const std::vector<std::string>& files) {
+  std::map<std::string, std::string> argumentOfName;
+  for (const std::string& file : files) {
+    requireReadableFile(file);
+    const std::string name = KQ::lastPathComponent(file);
+    requireFaithfulText(name, file);
+    const auto [known, isNew] = argumentOfName.emplace(name, file);
+    if (!isNew) {
+      throw Failure(inQuotes(known->second) + " and " + inQuotes(file) + " would have the same name, " +
+                    inQuotes(name));
+    }
+  }
+  return argumentOfName;
+}
+
+Packing packingOfFiles(const CreateOptions& options) {
+  const auto writer = std::make_shared<KQZipFileWriter>();
+  for (const auto& [name, file] : namesOfFiles(options.sources)) {
+    // The writer takes a file's size from the path as it stands, so a link gives way to what it points to.
+    const std::string source = canonicalPath(file);
+    requireFaithfulText(source, file);
+    writer->addFilePath(source, name);
+  }
+  return [&options, writer](KQ::NSErrorSlot error) { return writer->writeToZipPath(options.archive, error); };
+}
+
+Packing packingOf(const CreateOptions& options) {
+  const auto isFolder = [](const std::string& path) { return fs::is_directory(statusOf(path)); };
+  const auto folders = std::count_if(options.sources.begin(), options.sources.end(), isFolder);
+  if (folders == 1 && options.sources.size() == 1) return packingOfDirectory(options);
+  if (folders != 0) throw Failure("give one folder alone, or files", WrongUsage);
+  if (options.keepParent) throw Failure("--keep-parent is for a folder", WrongUsage);
+  return packingOfFiles(options);
+}
+
+// What the library would report as an error of writing, without its reason.
+void requirePlaceForArchive(const std::string& archive) {
+  requireFaithfulText(archive, archive);
+  const std::string parent = KQ::stringByDeletingLastPathComponent(archive);
+  const std::string folder = parent.empty() ? "." : parent;
+  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 && errno != ENOENT &&
+      errno != ENOTDIR)
+    failWithSystemError(errno, folder);
+}
+
+bool existsAt(const std::string& path) {
+  std::error_code ignored;
+  return fs::exists(path, ignored);
+}
+
+std::string sizeOfFile(const std::string& path) {
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(path, error);
+  return readableSize(error ? 0 : size);
+}
+
+}  // namespace
+
+void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+  const Packing pack = packingOf(options);
+  requirePlaceForArchive(options.archive);
+  const bool existedBefore = existsAt(options.archive);
+  std::shared_ptr<const KQ::NSError> error;
+  bool done = false;
+  {
+    const ProgressLine line(!options.quiet, work, [&options] { return sizeOfFile(options.archive); });
+    done = pack(&error);
+  }
+  if (done) return;
+  const bool isPartial = !existedBefore && existsAt(options.archive);
+  const std::string trace = isPartial ? " (partial archive left at " + options.archive + ")" : "";
+  if (work->isCancelled()) throw Failure("interrupted" + trace, Interrupted);
+  throw Failure(errorText(error, "a file could not be read while it was packed") + trace);
+}
+
+}  // namespace Tool

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <KQZip/KQZip.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tool {
+
+/// What `kqzip create` was asked for.
+struct CreateOptions {
+  std::string archive;               ///< The archive to make.
+  std::vector<std::string> sources;  ///< One folder, or files.
+  bool keepParent = false;           ///< Names begin with the folder's own.
+  bool quiet = false;                ///< No progress line.
+};
+
+/// Packs a folder, or files each under its last path component. Everything that can be told beforehand is
+/// told before an archive is made. Throws a Failure, which names a partial archive that is left.
+void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work);
+
+}  // namespace Tool

@@ -1,0 +1,38 @@
+#include "EntryReading.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "Message.h"
+
+namespace Tool {
+
+namespace {
+
+constexpr std::uint64_t blockSize = 1048576;
+
+[[noreturn]] void failReading(const ArchiveScan& archive, const ArchiveEntry& entry) {
+  throw Failure(inQuotes(entry.name) +
+                " cannot be read: " + errorText(archive.stream().streamError(), "unknown reason"));
+}
+
+}  // namespace
+
+std::uint64_t readEntry(const ArchiveScan& archive, const ArchiveEntry& entry,
+                        const std::function<void(std::string_view)>& take) {
+  KQ::NSInputStream& stream = archive.stream();
+  if (!stream.setNSStreamFileCurrentOffsetKey(entry.header->offsetOfDataInArchive()))
+    failReading(archive, entry);
+  std::vector<std::uint8_t> block(std::min(entry.length(), blockSize));
+  std::uint64_t done = 0;
+  while (done < entry.length()) {
+    const std::int64_t count = stream.read(block.data(), std::min(entry.length() - done, blockSize));
+    if (count < 0) failReading(archive, entry);
+    if (count == 0) break;
+    take({reinterpret_cast<const char*>(block.data()), static_cast<std::size_t>(count)});
+    done += static_cast<std::uint64_t>(count);
+  }
+  return done;
+}
+
+}  // namespace Tool

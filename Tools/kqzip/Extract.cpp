@@ -1,0 +1,97 @@
+#include "Extract.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "ArchiveScan.h"
+#include "Destination.h"
+#include "ExtractionPlan.h"
+#include "Interruption.h"
+#include "Message.h"
+#include "ProgressLine.h"
+
+namespace fs = std::filesystem;
+
+namespace Tool {
+
+namespace {
+
+std::string partialFile(const std::string& path) {
+  std::error_code ignored;
+  return fs::exists(path, ignored) ? " (partial file left at " + path + ")" : "";
+}
+
+// A full disk may show only when the last bytes are flushed, which the export does not tell.
+void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(path, error);
+  if (error) failWithSystemError(error.value(), path);
+  if (size != entry.length()) {
+    throw Failure(inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
+                  std::to_string(entry.length()) + " bytes" + partialFile(path));
+  }
+}
+
+void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const std::string& path,
+                 const KQ::NSProgress& work) {
+  std::shared_ptr<const KQ::NSError> error;
+  if (!entry.header->exportFileToPath(path, archive.stream(), &error)) {
+    if (work.isCancelled()) throw Failure("interrupted" + partialFile(path), Interrupted);
+    throw Failure(errorText(error, inQuotes(entry.name) + " cannot be read") + partialFile(path));
+  }
+  requireWholeCopy(entry, path);
+}
+
+void setDate(const ArchiveEntry& entry, const std::string& path) {
+  KQ::NSFileAttributes attributes;
+  attributes.NSFileModificationDate = entry.header->modificationDate();
+  std::shared_ptr<const KQ::NSError> error;
+  if (!KQ::NSFileManager::setAttributes(attributes, path, &error))
+    throw Failure(errorText(error, inQuotes(path) + " cannot be given its date"));
+}
+
+void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
+                  KQ::NSProgress& entries) {
+  std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
+  for (const ExtractionItem& item : plan.items) {
+    requireNotInterrupted(entries);
+    entries.becomeCurrentWithPendingUnitCount(1);
+    if (item.entry->isFolder())
+      folders.emplace_back(item.entry, destination.folder(item.target));
+    else
+      extractFile(archive, *item.entry, destination.placeForFile(item.target), entries);
+    entries.resignCurrent();
+  }
+  // Last, because a folder's date changes with its contents.
+  for (const auto& [entry, path] : folders) setDate(*entry, path);
+}
+
+// One line for all that was left out: the first, and how many more there are.
+void requireNothingLeftOut(const ArchiveScan& archive, const ExtractionPlan& plan) {
+  std::vector<Problem> problems = plan.leftOut;
+  if (archive.problem()) problems.push_back(*archive.problem());
+  if (problems.empty()) return;
+  const std::string more =
+      problems.size() == 1 ? "" : " (and " + std::to_string(problems.size() - 1) + " more left out)";
+  throw Failure(archive.path() + ": " + problems.front().sentence() + more);
+}
+
+}  // namespace
+
+void extract(const ExtractOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+  const ArchiveScan archive(options.archive, *work);
+  refuseUnsafeNames(archive, options.unsafePaths);
+  const ExtractionPlan plan = planExtraction(archive, options.paths);
+  const Destination destination(options.directory, options.unsafePaths);
+  {
+    const auto entries =
+        KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(plan.items.size()));
+    const ProgressLine line(!options.quiet, work, entriesDone(entries));
+    extractItems(archive, plan, destination, *entries);
+  }
+  requireNothingLeftOut(archive, plan);
+}
+
+}  // namespace Tool

@@ -1,0 +1,112 @@
+#include "ExtractionPlan.h"
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+
+#include "Message.h"
+#include "PathSelection.h"
+
+namespace Tool {
+
+namespace {
+
+std::vector<std::string_view> componentsOf(std::string_view name) {
+  std::vector<std::string_view> components;
+  while (!name.empty()) {
+    const std::size_t length = std::min(name.find('/'), name.size());
+    components.push_back(name.substr(0, length));
+    name.remove_prefix(std::min(length + 1, name.size()));
+  }
+  return components;
+}
+
+std::optional<std::string> whyUnsafe(std::string_view name) {
+  if (name.empty()) return "is empty";
+  if (name.front() == '/') return "is absolute";
+  const auto components = componentsOf(name);
+  if (std::find(components.begin(), components.end(), "..") != components.end())
+    return "has a \"..\" component";
+  return std::nullopt;
+}
+
+std::string targetOf(std::string_view name) {
+  std::string target;
+  for (const std::string_view component : componentsOf(name)) {
+    if (component.empty() || component == ".") continue;
+    if (!target.empty()) target += '/';
+    target += component;
+  }
+  return target;
+}
+
+std::optional<Problem> whyNotExtractable(const ArchiveEntry& entry) {
+  if (entry.isEncrypted()) return Problem{entry.name, "is encrypted"};
+  if (!KQ::isValidUTF8(entry.name)) return Problem{entry.name, "is not valid UTF-8"};
+  if (entry.isFolder() && entry.length() != 0) return Problem{entry.name, "is a folder, but has data"};
+  return std::nullopt;
+}
+
+using FilesByTarget = std::unordered_map<std::string_view, const ArchiveEntry*>;
+
+void requireNoFileAt(std::string_view target, const ExtractionItem& item, const FilesByTarget& files) {
+  const auto found = files.find(target);
+  if (found == files.end()) return;
+  throw Failure(inQuotes(found->second->name) + " is a file where " + inQuotes(item.entry->name) +
+                " needs a folder");
+}
+
+void refuseFilesInTheWay(const std::vector<ExtractionItem>& items) {
+  FilesByTarget files;
+  for (const ExtractionItem& item : items) {
+    if (!item.entry->isFolder()) files.emplace(item.target, item.entry);
+  }
+  for (const ExtractionItem& item : items) {
+    const std::string_view target = item.target;
+    if (item.entry->isFolder()) requireNoFileAt(target, item, files);
+    for (std::size_t slash = target.find('/'); slash != std::string_view::npos;
+         slash = target.find('/', slash + 1))
+      requireNoFileAt(target.substr(0, slash), item, files);
+  }
+}
+
+std::vector<ExtractionItem> lastOfEachTarget(const std::vector<ExtractionItem>& items) {
+  std::unordered_map<std::string_view, const ExtractionItem*> lastAt;
+  for (const ExtractionItem& item : items) lastAt[item.target] = &item;
+  std::vector<ExtractionItem> last;
+  for (const ExtractionItem& item : items) {
+    if (lastAt.at(item.target) == &item) last.push_back(item);
+  }
+  return last;
+}
+
+}  // namespace
+
+void refuseUnsafeNames(const ArchiveScan& archive, bool unsafePaths) {
+  for (const ArchiveEntry& entry : archive.entries()) {
+    const std::string refusal = "unsafe name " + inQuotes(entry.name) + ": it ";
+    if (entry.name.find('\0') != std::string::npos) throw Failure(refusal + "has a NUL");
+    const auto reason = unsafePaths ? std::nullopt : whyUnsafe(entry.name);
+    if (reason) throw Failure(refusal + *reason);
+  }
+}
+
+ExtractionPlan planExtraction(const ArchiveScan& archive, const std::vector<std::string>& paths) {
+  ExtractionPlan plan;
+  PathSelection selection(paths);
+  for (const ArchiveEntry* entry : archive.currentEntries()) {
+    if (!selection.includes(entry->name)) continue;
+    const std::optional<Problem> problem = whyNotExtractable(*entry);
+    if (problem)
+      plan.leftOut.push_back(*problem);
+    else
+      plan.items.push_back({entry, targetOf(entry->name)});
+  }
+  if (const auto path = selection.unmatched()) throw archive.missing(*path);
+  refuseFilesInTheWay(plan.items);
+  plan.items = lastOfEachTarget(plan.items);
+  return plan;
+}
+
+}  // namespace Tool

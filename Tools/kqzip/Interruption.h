@@ -1,0 +1,25 @@
+#pragma once
+
+#include <KQZip/KQZip.h>
+
+#include <memory>
+
+namespace Tool {
+
+/// What a first SIGINT or SIGTERM does; a second one always ends the process at once.
+enum class OnInterruption {
+  CancelWork,  ///< Cancels the work, which then ends in good order.
+  EndAtOnce  ///< Ends the process: for commands that only print, and may hang on a reader that does not read.
+};
+
+/// Keeps SIGINT and SIGTERM from ending the process, in this thread and all that it starts. To be called
+/// before the first thread is started.
+void blockInterruptions();
+
+/// Starts the thread that waits for the signals.
+void watchForInterruptions(std::shared_ptr<KQ::NSProgress> work, OnInterruption action);
+
+/// Throws the Failure of an interrupted command once `work` is cancelled.
+void requireNotInterrupted(const KQ::NSProgress& work);
+
+}  // namespace Tool

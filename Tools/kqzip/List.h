@@ -1,0 +1,20 @@
+#pragma once
+
+#include <KQZip/KQZip.h>
+
+#include <string>
+
+namespace Tool {
+
+/// What `kqzip list` was asked for.
+struct ListOptions {
+  std::string archive;    ///< The archive to list.
+  bool isLong = false;    ///< With type, size and date.
+  bool endsNull = false;  ///< Names as they stand, each with a NUL behind it.
+};
+
+/// Prints the names of all entries that are whole, in the order of the library's reader. Throws a Failure,
+/// after printing, when the archive is damaged.
+void list(const ListOptions& options, const KQ::NSProgress& work);
+
+}  // namespace Tool

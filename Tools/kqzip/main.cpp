@@ -1,0 +1,262 @@
+// kqzip, the command-line tool: what it can be told, and what its exit status says.
+
+#include <KQZip/KQZip.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <exception>
+#include <functional>
+#include <iomanip>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Arguments.h"
+#include "Cat.h"
+#include "Create.h"
+#include "Extract.h"
+#include "Interruption.h"
+#include "List.h"
+#include "Message.h"
+#include "StandardOutput.h"
+#include "Verify.h"
+
+namespace Tool {
+
+namespace {
+
+constexpr char exitStatuses[] =
+    "Exit status: 0 done, 1 failed (a line on standard error says why), 2 wrong usage, 130 interrupted.\n"
+    "A reader that closes standard output early ends list and cat with 0.";
+
+// What the arguments ask for.
+struct Command {
+  std::function<void(const std::shared_ptr<KQ::NSProgress>&)> run;
+  OnInterruption onInterruption = OnInterruption::CancelWork;
+};
+
+CLI::App* addCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& details) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->group("Commands");
+  command->set_help_flag("-h,--help", "Print this help and exit");
+  command->footer(details + "\n\n" + exitStatuses);
+  return command;
+}
+
+void addQuiet(CLI::App* command, bool& quiet, const std::string& effect) {
+  command->add_flag("-q,--quiet", quiet, effect);
+}
+
+template <class Value>
+CLI::Option* addPositional(CLI::App* command, const std::string& name, Value& value,
+                           const std::string& description) {
+  return unmarked(command->add_option(name, value, description)->type_name(""));
+}
+
+void defineCreate(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<CreateOptions>();
+  CLI::App* create = addCommand(
+      app, "create", "Pack a folder or files into a new archive",
+      "A folder is packed with every regular file below it whose own name does not begin with \".\"; links\n"
+      "and empty folders are left out. Files are packed each under its last path component; of a symbolic\n"
+      "link, what it points to. An existing archive is never touched.");
+  addPositional(create, "ARCHIVE", options->archive, "The archive to make")->required();
+  addPositional(create, "SOURCE", options->sources, "One folder, or files")->required();
+  create->add_flag("-k,--keep-parent", options->keepParent,
+                   "Put the folder's own name in front of all names");
+  addQuiet(create, options->quiet, "Show no progress");
+  create->callback(
+      [options, &command] { command.run = [options](const auto& work) { Tool::create(*options, work); }; });
+}
+
+void defineList(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<ListOptions>();
+  CLI::App* list = addCommand(
+      app, "list", "Print the names in an archive",
+      "One name a line, control characters and invalid bytes as \\xNN, a backslash as \\\\. Of several\n"
+      "entries with one name the last counts. Of a damaged archive, all that is whole is listed.");
+  addPositional(list, "ARCHIVE", options->archive, "The archive to list")->required();
+  list->add_flag("-l,--long", options->isLong, "With type ('-' file, 'd' folder), size in bytes and date");
+  list->add_flag("-0,--null", options->endsNull, "Names as they stand, each with a NUL behind it");
+  list->callback([options, &command] {
+    command.run = [options](const auto& work) { Tool::list(*options, *work); };
+    command.onInterruption = OnInterruption::EndAtOnce;
+  });
+}
+
+void defineExtract(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<ExtractOptions>();
+  CLI::App* extract = addCommand(
+      app, "extract", "Give an archive's files back",
+      "Existing files are replaced and dates are set. An archive with a name that is absolute, is empty or\n"
+      "has a \"..\" component is refused, and so is a symbolic link that leads out of the folder. Of a\n"
+      "damaged archive, all that is whole is extracted.");
+  addPositional(extract, "ARCHIVE", options->archive, "The archive to read")->required();
+  addPositional(extract, "PATH", options->paths,
+                "What to extract: names, or folders with all below them; otherwise all");
+  unmarked(extract->add_option("-C,--directory", options->directory,
+                               "The folder to extract to, made if missing; otherwise the current one"))
+      ->type_name("DIR");
+  extract->add_flag("--unsafe-paths", options->unsafePaths, "Take names and links as they stand");
+  addQuiet(extract, options->quiet, "Show no progress");
+  extract->callback(
+      [options, &command] { command.run = [options](const auto& work) { Tool::extract(*options, work); }; });
+}
+
+void defineCat(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<CatOptions>();
+  CLI::App* cat = addCommand(app, "cat", "Write an entry's bytes to standard output",
+                             "An entry that is whole is given back without a message even where the rest of\n"
+                             "the archive is damaged.");
+  addPositional(cat, "ARCHIVE", options->archive, "The archive to read")->required();
+  addPositional(cat, "PATH", options->path, "The entry's name")->required();
+  cat->callback([options, &command] {
+    command.run = [options](const auto& work) { Tool::cat(*options, *work); };
+    command.onInterruption = OnInterruption::EndAtOnce;
+  });
+}
+
+void defineVerify(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<VerifyOptions>();
+  CLI::App* verify = addCommand(
+      app, "verify", "Check an archive",
+      "Compares CRC-32 and length of every entry with its header, and the entries with the central\n"
+      "directory. Prints a line for each thing that is wrong, and fails if there is any.");
+  addPositional(verify, "ARCHIVE", options->archive, "The archive to check")->required();
+  addQuiet(verify, options->quiet, "Show no progress, and print nothing when all is right");
+  verify->callback(
+      [options, &command] { command.run = [options](const auto& work) { Tool::verify(*options, work); }; });
+}
+
+std::string versionText() {
+  std::ostringstream text;
+  text << "kqzip " << std::fixed << std::setprecision(1) << KQZipVersionNumber;
+  return text.str();
+}
+
+// CLI11's help in the words of this program.
+CLI::Formatter wording() {
+  CLI::Formatter formatter;
+  formatter.label("Positionals", "Arguments");
+  formatter.label("REQUIRED", "");
+  formatter.label("SUBCOMMAND", "COMMAND");
+  return formatter;
+}
+
+void defineAll(CLI::App& app, Command& command) {
+  app.name("kqzip");
+  app.formatter(std::make_shared<CLI::Formatter>(wording()));
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.set_version_flag("--version", versionText(), "Print the version and exit");
+  app.footer(exitStatuses);
+  app.require_subcommand(1);
+  defineCreate(app, command);
+  defineList(app, command);
+  defineExtract(app, command);
+  defineCat(app, command);
+  defineVerify(app, command);
+}
+
+// The message, and how to do better: the usage of the command where one was named.
+ExitStatus reportWrongUsage(const CLI::App& app, const std::string& text) {
+  printMessage(text);
+  const auto chosen = app.get_subcommands();
+  const CLI::App& named = chosen.empty() ? app : *chosen.front();
+  const std::string name = chosen.empty() ? "kqzip" : "kqzip " + named.get_name();
+  const std::string usage = wording().make_usage(&named, name) + "Try " + name + " --help.\n";
+  printToStandardError(usage);
+  return WrongUsage;
+}
+
+// CLI11's texts know commands only as subcommands.
+std::string mistakeIn(const CLI::App& app, const CLI::ParseError& end) {
+  const std::vector<std::string> rest = app.remaining();
+  if (!app.get_subcommands().empty()) return withoutMarks(end.what());
+  return rest.empty() ? "a command is required"
+                      : "there is no command or option " + inQuotes(withoutMarks(rest.front()));
+}
+
+// Help, version or a mistake: CLI11 reports all of them as errors.
+ExitStatus endOfParsing(const CLI::App& app, const CLI::ParseError& end) {
+  if (end.get_exit_code() != 0) return reportWrongUsage(app, mistakeIn(app, end));
+  std::ostringstream text;
+  app.exit(end, text, text);
+  StandardOutput output;
+  output.write(text.str());
+  output.flush();
+  return Done;
+}
+
+void runCommand(const Command& command) {
+  const auto work = KQ::NSProgress::progressWithTotalUnitCount(1);
+  work->becomeCurrentWithPendingUnitCount(1);
+  watchForInterruptions(work, command.onInterruption);
+  command.run(work);
+}
+
+ExitStatus parseAndRun(int count, const char* const* arguments) {
+  CLI::App app("Packs files into ZIP archives, stored without compression, and gives them back.");
+  Command command;
+  defineAll(app, command);
+  try {
+    app.parse(markedArguments(count, arguments));
+    runCommand(command);
+  } catch (const CLI::ParseError& end) {
+    return endOfParsing(app, end);
+  } catch (const Failure& failure) {
+    if (failure.status() != WrongUsage) throw;
+    return reportWrongUsage(app, failure.what());
+  }
+  return Done;
+}
+
+ExitStatus run(int count, const char* const* arguments) {
+  try {
+    return parseAndRun(count, arguments);
+  } catch (const Failure& failure) {
+    printMessage(failure.what());
+    return failure.status();
+  } catch (const OutputClosed&) {
+    return Done;
+  } catch (const std::bad_alloc&) {
+    printMessage("not enough memory");
+  } catch (const std::exception& failure) {
+    printMessage(failure.what());
+  }
+  return Failed;
+}
+
+// A standard stream that is closed would hand its number, and so everything printed, to the first file that
+// is opened. Opened for reading only, so that printing to it still fails.
+void holdStandardStreams() {
+  int descriptor = 0;
+  while ((descriptor = open("/dev/null", O_RDONLY)) >= 0 && descriptor <= STDERR_FILENO) continue;
+  if (descriptor > STDERR_FILENO) close(descriptor);
+}
+
+void prepareProcess() {
+  holdStandardStreams();
+  blockInterruptions();
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  // Failures are told in one line; the library's log would tell them twice.
+  KQ::NSSetLogSink([](const std::string&) {});
+}
+
+}  // namespace
+
+}  // namespace Tool
+
+int main(int count, char** arguments) {
+  try {
+    Tool::prepareProcess();
+    return Tool::run(count, arguments);
+  } catch (...) {
+    // Not even a message could be made.
+    return Tool::Failed;
+  }
+}

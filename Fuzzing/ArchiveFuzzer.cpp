@@ -1,0 +1,67 @@
+// Opens the input as an archive and uses everything that a reader offers.
+
+#include <algorithm>
+
+#include "FuzzSupport.h"
+
+using KQFuzz::require;
+
+namespace {
+
+// Longer entries are not read into memory: the sanitizer's own bookkeeping for a block that the archive only
+// claims to need is an eighth of it.
+constexpr std::uint64_t longestDataInMemory = 1 << 20;
+
+// A name that leads out of the scratch folder is not extracted.
+bool staysInside(const std::vector<std::string>& paths) {
+  return std::none_of(paths.begin(), paths.end(),
+                      [](const std::string& path) { return path.find("..") != std::string::npos; });
+}
+
+void useEntry(const KQZipFileReader& reader, const std::string& path) {
+  const auto attributes = reader.attributesForRelativePath(path);
+  require(attributes && attributes->NSFileSize && attributes->NSFileModificationDate,
+          "a listed entry has attributes");
+  const std::uint64_t length = *attributes->NSFileSize;
+  require((length == 0) == (attributes->NSFileType == KQ::NSFileTypeDirectory),
+          "only no data makes a folder");
+
+  const auto stream = reader.streamForRelativePath(path);
+  require(stream != nullptr, "a listed entry has a stream");
+  std::string streamed(std::min(length, longestDataInMemory), '\0');
+  const std::int64_t count = stream->read(reinterpret_cast<std::uint8_t*>(streamed.data()), streamed.size());
+  require(count >= 0, "the archive can be read");
+  if (length <= longestDataInMemory) {
+    const auto data = reader.dataForRelativePath(path);
+    require((data != nullptr) == (count > 0), "data stands where the stream does");
+    if (data)
+      require(KQFuzz::bytesOf(data) == streamed, "data and stream agree, and what is missing is zeros");
+  }
+
+  const std::string target = KQFuzz::scratch() / "entry";
+  std::shared_ptr<const KQ::NSError> error;
+  require(reader.writeDataForRelativePath(path, target, &error), "an entry can be extracted");
+  require(std::filesystem::file_size(target) <= length, "no more is written than the entry holds");
+  if (length <= longestDataInMemory)
+    require(KQFuzz::readFile(target) == streamed.substr(0, static_cast<std::size_t>(count)),
+            "what is written is the data");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
+  const std::string archive = KQFuzz::scratch() / "archive.zip";
+  KQFuzz::writeFile(archive, bytes, length);
+  std::shared_ptr<const KQ::NSError> error;
+  const auto reader = KQZipFileReader::initWithZipPath(archive, &error);
+  if (!reader) return 0;
+
+  const std::vector<std::string> paths = reader->relativePaths();
+  require(std::is_sorted(paths.begin(), paths.end(), KQ::NSStringLess()), "paths are sorted");
+  for (const std::string& path : paths) useEntry(*reader, path);
+
+  const std::filesystem::path destination = KQFuzz::scratch() / "out";
+  KQFuzz::empty(destination);
+  if (staysInside(paths)) KQZipFileReader::unzipFileAtPath(archive, destination, &error);
+  return 0;
+}

@@ -28,7 +28,6 @@ using KQTest::ErrorPointer;
 using KQTest::expectKQZipError;
 using KQTest::LogCapture;
 using KQTest::mebibyte;
-using KQTest::OuterProgress;
 using KQTest::patternBytes;
 using KQTest::SystemCalls;
 using KQTest::TemporaryDirectory;
@@ -546,7 +545,7 @@ TEST(KQZipFileEntry, TheOutputSizeCountsHeaderNameExtraFieldsAndSource) {
 TEST(KQZipFileEntry, TheDescriptionNamesClassIdentityNameAndSource) {
   const auto identity = [](const KQZipFileEntry& entry) {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%p", static_cast<const void*>(&entry));
+    EXPECT_LT(0, std::snprintf(text.data(), text.size(), "%p", static_cast<const void*>(&entry)));
     return std::string(text.data());
   };
   KQZipFileEntry entry;
@@ -667,7 +666,7 @@ TEST(KQZipFileEntry, EveryDateOfTheFormatSurvivesBothWaysToTheEvenSecond) {
   for (const char* name : {utc, india, centralEurope}) {
     SCOPED_TRACE(name);
     const TimeZone zone(name);
-    const long long step = 86400LL * 11 + 3 * 3600 + 7 * 60 + 13;
+    const long long step = 11 * 86400LL + 3 * 3600LL + 7 * 60LL + 13;
     int compared = 0;
     for (long long instant = utcSeconds(1980, 1, 2); instant < utcSeconds(2107, 12, 31); instant += step) {
       KQZipFileEntry entry;
@@ -1312,7 +1311,7 @@ TEST(KQZipFileEntry, PreparationCallsTheSubclasssCrc) {
 TEST(KQZipFileEntry, ASparseSourceBeyondFourGibibytesKeepsItsSizeInTheZip64Field) {
   const TemporaryDirectory folder;
   const std::string path = folder / "sparse";
-  const std::uint64_t size = 5 * 1024 * mebibyte + 7;
+  const std::uint64_t size = 5 * (1024 * mebibyte) + 7;
   writeFile(path, "");
   std::filesystem::resize_file(path, size);
   OpenEntry entry;

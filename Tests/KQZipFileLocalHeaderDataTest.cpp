@@ -48,7 +48,6 @@ using KQTest::SystemCalls;
 using KQTest::TemporaryDirectory;
 using KQTest::TestInputStream;
 using KQTest::TimeZone;
-using KQTest::utcSeconds;
 using KQTest::writeFile;
 
 // An allocator under a sanitizer answers a request that no memory can meet as the system's own does.
@@ -361,6 +360,7 @@ TEST(KQZipFileLocalHeaderData, ThreadsWithStreamsOfTheirOwnReadOneHeaderAtOnce) 
   writeFile(folder / "archive", archive.bytes);
   std::atomic<int> right{0};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int number = 0; number < 4; ++number) {
     threads.emplace_back([&, number] {
       const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(folder / "archive");
@@ -690,7 +690,7 @@ TEST(KQZipFileLocalHeaderData, BytesThatOnlyFailToReachTheFileAtTheEndFailTheExp
     SCOPED_TRACE(size);
     const Archive archive(patternBytes(size));
     KQTest::inChildProcess([&] {
-      std::signal(SIGXFSZ, SIG_IGN);
+      ASSERT_NE(SIG_ERR, std::signal(SIGXFSZ, SIG_IGN));
       const OuterProgress outer;
       TestInputStream stream(archive.bytes);
       ErrorPointer error;
@@ -714,7 +714,7 @@ TEST(KQZipFileLocalHeaderData, ABlockThatDoesNotFitOnTheDiskFailsTheExportAndLea
   const std::string target = folder / "target";
   const Archive archive(patternBytes(3 * mebibyte));
   KQTest::inChildProcess([&] {
-    std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_NE(SIG_ERR, std::signal(SIGXFSZ, SIG_IGN));
     const OuterProgress outer;
     TestInputStream stream(archive.bytes);
     ErrorPointer error;

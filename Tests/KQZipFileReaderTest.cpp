@@ -2,6 +2,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -263,6 +266,16 @@ TEST(KQZipFileReader, ACompressedEntryFailsTheConstructionAndIsLogged) {
   EXPECT_EQ("KQZipErrorDomain", error->domain());
   EXPECT_EQ(compressionMessage, errorText(error));
   EXPECT_EQ(Paths{"Failed to parse KQZipFileLocalHeader from stream: " + error->description()}, log.lines());
+}
+
+TEST(KQZipFileReader, EveryMethodButStoredIsRefused) {
+  const TemporaryDirectory folder;
+  LogCapture log;
+  for (const unsigned method : {1U, 6U, 8U, 9U, 12U, 14U, 93U, 95U, 99U, 0x0100U, 0x8000U, 0xFFFFU}) {
+    LocalRecord record = plainRecord("a", "data");
+    record.compression = static_cast<std::uint16_t>(method);
+    EXPECT_EQ(compressionMessage, failureOn(folder / "a.zip", record.bytes())) << method;
+  }
 }
 
 TEST(KQZipFileReader, AnArchiveCutOffInsideALocalHeaderFailsWithAnEmptySlot) {

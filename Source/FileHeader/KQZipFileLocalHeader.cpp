@@ -101,10 +101,12 @@ bool KQZipFileLocalHeader::parseFromStream(KQ::NSInputStream& stream, KQ::NSErro
 
 bool KQZipFileLocalHeader::_skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   fileDataOffset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
-  // An end that does not fit 64 bits becomes the largest offset, which streams refuse: it must never wrap to
-  // an earlier place in the archive, or a header could send the scan in circles.
-  const std::uint64_t length = std::min(dataLengthFromHeader(), UINT64_MAX - fileDataOffset_);
-  if (stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_ + length)) return true;
+  const std::uint64_t length = dataLengthFromHeader();
+  // An end that does not fit 64 bits is refused, for the stream to say so with its largest offset. It must
+  // never wrap to an earlier place in the archive, or a header could send the scan in circles.
+  const bool fits = length <= UINT64_MAX - fileDataOffset_;
+  const bool moved = stream.setNSStreamFileCurrentOffsetKey(fits ? fileDataOffset_ + length : UINT64_MAX);
+  if (fits && moved) return true;
   KQ::NSLog(KQ::stringWithFormat("failed to set stream offset: %@", {stream.streamError()}));
   KQ::NSStoreError(error, stream.streamError());
   return false;

@@ -1,8 +1,12 @@
 #include "NSCalendar.h"
 
 #include <ctime>
+#include <mutex>
 
 namespace KQ {
+
+// The C library takes a lock of its own around the time zone, which a checker of threads cannot see.
+static std::mutex timeZoneLock;
 
 NSDateComponents NSCalendar::componentsFromDate(NSDate date) {
   const std::time_t seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
@@ -20,6 +24,7 @@ NSDate NSCalendar::dateFromComponents(const NSDateComponents& components) {
   parts.tm_min = components.minute;
   parts.tm_sec = components.second;
   parts.tm_isdst = -1;
+  const std::lock_guard<std::mutex> guard(timeZoneLock);
   return std::chrono::system_clock::from_time_t(std::mktime(&parts));
 }
 

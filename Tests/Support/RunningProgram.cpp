@@ -100,7 +100,12 @@ RunningProgram::~RunningProgram() {
 
 void RunningProgram::send(int signal) const { kill(process_, signal); }
 
-void RunningProgram::waitForOutput() const { waitUntilReadable(output_); }
+void RunningProgram::waitForOutput(int bytes) const {
+  waitUntil([this, bytes] {
+    int available = 0;
+    return ioctl(output_, FIONREAD, &available) == 0 && available >= bytes;
+  });
+}
 
 void RunningProgram::closeOutput() { closeOnce(output_); }
 

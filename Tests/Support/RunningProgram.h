@@ -30,8 +30,8 @@ class RunningProgram {
   /// Sends a signal to the program.
   void send(int signal) const;
 
-  /// Waits until standard output can be read, and reads nothing.
-  void waitForOutput() const;
+  /// Waits until this many bytes can be read from standard output, and reads nothing.
+  void waitForOutput(int bytes = 1) const;
 
   /// Closes the reading end of standard output.
   void closeOutput();

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <thread>
 #include <utility>
 
 #include "Message.h"
@@ -21,12 +20,6 @@ sigset_t interruptions() {
   return signals;
 }
 
-void waitForInterruption() {
-  const sigset_t signals = interruptions();
-  int received = 0;
-  while (sigwait(&signals, &received) != 0) continue;
-}
-
 }  // namespace
 
 void blockInterruptions() {
@@ -37,17 +30,32 @@ void blockInterruptions() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-void watchForInterruptions(std::shared_ptr<KQ::NSProgress> work, OnInterruption action) {
-  // Detached: it waits for as long as the process lives, and touches nothing but what it holds.
-  std::thread([work = std::move(work), action] {
-    waitForInterruption();
-    if (action == OnInterruption::CancelWork) {
-      work->cancel();
-      waitForInterruption();
-    }
-    printMessage("interrupted");
-    _exit(Interrupted);
-  }).detach();
+InterruptionWatch::InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInterruption action)
+    : thread_([this, work = std::move(work), action] { run(*work, action); }) {}
+
+InterruptionWatch::~InterruptionWatch() {
+  isOver_ = true;
+  // Only a signal wakes the thread.
+  pthread_kill(thread_.native_handle(), SIGTERM);
+  thread_.join();
+}
+
+void InterruptionWatch::run(KQ::NSProgress& work, OnInterruption action) const {
+  if (!isInterrupted()) return;
+  if (action == OnInterruption::CancelWork) {
+    work.cancel();
+    if (!isInterrupted()) return;
+  }
+  printMessage("interrupted");
+  _exit(Interrupted);
+}
+
+// Waits for a signal. False when the watch is over, and there is nothing left to interrupt.
+bool InterruptionWatch::isInterrupted() const {
+  const sigset_t signals = interruptions();
+  int received = 0;
+  while (sigwait(&signals, &received) != 0) continue;
+  return !isOver_;
 }
 
 void requireNotInterrupted(const KQ::NSProgress& work) {

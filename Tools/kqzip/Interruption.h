@@ -2,7 +2,9 @@
 
 #include <KQZip/KQZip.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 namespace Tool {
 
@@ -16,8 +18,21 @@ enum class OnInterruption {
 /// before the first thread is started.
 void blockInterruptions();
 
-/// Starts the thread that waits for the signals.
-void watchForInterruptions(std::shared_ptr<KQ::NSProgress> work, OnInterruption action);
+/// A thread that waits for the signals while the object exists.
+class InterruptionWatch {
+ public:
+  InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInterruption action);
+  ~InterruptionWatch();
+  InterruptionWatch(const InterruptionWatch&) = delete;
+  InterruptionWatch& operator=(const InterruptionWatch&) = delete;
+
+ private:
+  void run(KQ::NSProgress& work, OnInterruption action) const;
+  bool isInterrupted() const;
+
+  std::atomic<bool> isOver_{false};
+  std::thread thread_;
+};
 
 /// Throws the Failure of an interrupted command once `work` is cancelled.
 void requireNotInterrupted(const KQ::NSProgress& work);

@@ -195,7 +195,7 @@ ExitStatus endOfParsing(const CLI::App& app, const CLI::ParseError& end) {
 void runCommand(const Command& command) {
   const auto work = KQ::NSProgress::progressWithTotalUnitCount(1);
   work->becomeCurrentWithPendingUnitCount(1);
-  watchForInterruptions(work, command.onInterruption);
+  const InterruptionWatch watch(work, command.onInterruption);
   command.run(work);
 }
 

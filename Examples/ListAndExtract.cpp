@@ -19,7 +19,9 @@ int main(int argc, char** argv) {
                 path.c_str());
 
   const auto progress = KQ::NSProgress::progressWithTotalUnitCount(1);
-  std::thread([progress] { (void)std::getchar(), progress->cancel(); }).detach();
+  std::thread([progress] {
+    if (std::getchar() == '\n') progress->cancel();
+  }).detach();
   progress->becomeCurrentWithPendingUnitCount(1);  // what is extracted below counts into `progress`
   const bool extracted = KQZipFileReader::unzipFileAtPath(argv[1], argv[2], &error);
   progress->resignCurrent();

@@ -36,12 +36,12 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   /// Replaces the central headers by a copy of the list.
   void setFileHeaders(std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> headers);
 
-  /// Scans `stream` to its end for records. It reads four bytes, hands a record that they announce to its class
-  /// and ignores any other value, so behind unknown bytes a record is only found where its signature stands on
-  /// a grid of four bytes from there; of several end records of one kind the last stays. One to three bytes at the
-  /// end count as four, with what the four before left in their place. The end of the stream and an error of the
-  /// stream between records are a success; a record that cannot be parsed fails the scan with its error and what
-  /// was found before stays.
+  /// Scans `stream` to its end for records. It reads four bytes, hands a record that they announce to its
+  /// class and ignores any other value, so behind unknown bytes a record is only found where its signature
+  /// stands on a grid of four bytes from there; of several end records of one kind the last stays. One to
+  /// three bytes at the end count as four, with what the four before left in their place. The end of the
+  /// stream and an error of the stream between records are a success; a record that cannot be parsed fails
+  /// the scan with its error and what was found before stays.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// Writes the central headers, the digital signature if there is one (without a signature of its own), the

@@ -36,7 +36,7 @@ InterruptionWatch::InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInt
 InterruptionWatch::~InterruptionWatch() {
   isOver_ = true;
   // Only a signal wakes the thread.
-  pthread_kill(thread_.native_handle(), SIGTERM);
+  pthread_kill(thread_.native_handle(), SIGINT);
   thread_.join();
 }
 

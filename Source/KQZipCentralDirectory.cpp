@@ -1,9 +1,6 @@
 #include "KQZipCentralDirectory.h"
 
-#include <algorithm>
-#include <array>
-
-#include "KQZipStreamPrimitives.h"
+#include "KQZipTransfer.h"
 
 static constexpr std::uint32_t saturated = 0xFFFFFFFF;
 
@@ -41,12 +38,9 @@ void KQZipCentralDirectory::setFileHeaders(
 
 bool KQZipCentralDirectory::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   // A read of one to three bytes leaves the rest as the value before had it; that is not told apart.
-  std::array<std::uint8_t, 4> bytes{};
+  KQZipSignatureBytes bytes{};
   while (stream.read(bytes.data(), bytes.size()) > 0) {
-    std::uint32_t signature = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-      signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
-    if (!_parseRecord(signature, stream, error)) return false;
+    if (!_parseRecord(KQZipSignatureFromBytes(bytes), stream, error)) return false;
   }
   return true;
 }

@@ -27,3 +27,8 @@ inline bool KQZipFail(KQ::NSErrorSlot slot, KQZipErrorCode code, const std::stri
   if (slot != nullptr) *slot = KQZipMakeError(code, message);
   return false;
 }
+
+/// The error that stands in the slot; none without a slot.
+inline std::shared_ptr<const KQ::NSError> KQZipErrorInSlot(KQ::NSErrorSlot slot) {
+  return slot != nullptr ? *slot : nullptr;
+}

@@ -1,6 +1,25 @@
 #include "KQZipExtraFieldZip64ExtendedInfo.h"
 
-#include "KQZipStreamPrimitives.h"
+#include <array>
+#include <cstddef>
+
+namespace {
+
+constexpr std::size_t width = 8;
+
+// Sets the value's bytes from the data at `start`, low ones first; bytes for which no data remains stay.
+void decode(const std::uint8_t* data, std::uint64_t length, std::uint64_t start, std::uint64_t* value) {
+  for (std::size_t i = 0; i < width && start + i < length; ++i) {
+    const std::uint64_t mask = static_cast<std::uint64_t>(0xFF) << (8 * i);
+    *value = (*value & ~mask) | static_cast<std::uint64_t>(data[start + i]) << (8 * i);
+  }
+}
+
+void encode(std::uint64_t value, std::uint8_t* bytes) {
+  for (std::size_t i = 0; i < width; ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+}  // namespace
 
 KQZipExtraFieldZip64ExtendedInfo::KQZipExtraFieldZip64ExtendedInfo() { setFieldSignature(identifier); }
 
@@ -21,24 +40,20 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipExtraFieldZip64ExtendedIn
 
 bool KQZipExtraFieldZip64ExtendedInfo::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipExtraField::parseFromStream(stream, error)) return false;
-  const auto data = KQ::NSInputStream::inputStreamWithData(fieldData());
-  data->open();
-  if (data->hasBytesAvailable() && !KQZipReadBlock64(*data, &uncompressedSize_, error)) return false;
-  if (data->hasBytesAvailable() && !KQZipReadBlock64(*data, &compressedSize_, error)) return false;
-  if (data->hasBytesAvailable()) KQZipReadBlock64(*data, &offsetOfLocalHeaderRecord_, error);
-  data->close();
+  const std::shared_ptr<const KQ::NSData> data = fieldData();
+  const std::uint64_t length = data->length();
+  decode(data->bytes(), length, 0, &uncompressedSize_);
+  decode(data->bytes(), length, 8, &compressedSize_);
+  decode(data->bytes(), length, 16, &offsetOfLocalHeaderRecord_);
   return true;
 }
 
 bool KQZipExtraFieldZip64ExtendedInfo::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  const auto data = KQ::NSOutputStream::outputStreamToMemory();
-  data->open();
-  const bool encoded = KQZipWriteBlock64(*data, &uncompressedSize_, error) &&
-                       KQZipWriteBlock64(*data, &compressedSize_, error) &&
-                       KQZipWriteBlock64(*data, &offsetOfLocalHeaderRecord_, error);
-  if (!encoded) return false;
-  data->close();
-  setFieldData(data->NSStreamDataWrittenToMemoryStreamKey());
+  std::array<std::uint8_t, 24> bytes{};
+  encode(uncompressedSize_, &bytes[0]);
+  encode(compressedSize_, &bytes[8]);
+  encode(offsetOfLocalHeaderRecord_, &bytes[16]);
+  setFieldData(KQ::NSData::dataWithBytes(bytes.data(), bytes.size()));
   return KQZipExtraField::writeToStream(stream, error);
 }
 

@@ -5,13 +5,12 @@
 #include <cstddef>
 
 #include "KQZipError.h"
+#include "KQZipTransfer.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSProgress.h"
 #include "Platform/NSString.h"
 
 namespace {
-
-constexpr std::uint64_t blockSize = 1048576;
 
 bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64_t length,
                KQ::NSErrorSlot error) {
@@ -20,8 +19,7 @@ bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64
   // Only an error that stands in the slot already is replaced, which is meant: with the fresh slot of a scan
   // a damaged archive and one that ends early look the same.
   if (error != nullptr && *error) *error = KQZipMakeError(KQZipErrorReading, "Error reading file");
-  const std::shared_ptr<const KQ::NSError> none;
-  KQ::NSLog(KQ::stringWithFormat("stream reading failed: %@", {error != nullptr ? *error : none}));
+  KQ::NSLog(KQ::stringWithFormat("stream reading failed: %@", {KQZipErrorInSlot(error)}));
   return false;
 }
 
@@ -87,12 +85,9 @@ std::shared_ptr<KQZipFileReader> KQZipFileReader::initWithStream(KQ::NSInputStre
 
 bool KQZipFileReader::_parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   while (stream.hasBytesAvailable()) {
-    std::array<std::uint8_t, 4> bytes{};
+    KQZipSignatureBytes bytes{};
     if (stream.read(bytes.data(), bytes.size()) != static_cast<std::int64_t>(bytes.size())) return true;
-    std::uint32_t signature = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-      signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
-    if (!_parseRecord(signature, stream, error)) return false;
+    if (!_parseRecord(KQZipSignatureFromBytes(bytes), stream, error)) return false;
   }
   return true;
 }
@@ -196,9 +191,9 @@ bool KQZipFileReader::_writeData(const KQZipFileLocalHeader& entry, const std::s
 
 bool KQZipFileReader::_copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
                                 KQ::NSOutputStream& output, KQ::NSProgress& progress, KQ::NSErrorSlot error) {
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
   for (std::uint64_t remaining = entry.dataLengthFromHeader(); remaining != 0;) {
-    const std::int64_t count = input.read(buffer.get(), std::min(remaining, blockSize));
+    const std::int64_t count = input.read(buffer.get(), std::min(remaining, KQZipBlockSize));
     if (count < 0) return false;
     // An archive that ends early still counts as extracted; that is meant.
     if (count == 0) return true;

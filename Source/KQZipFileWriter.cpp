@@ -14,8 +14,7 @@ namespace {
 // How every failed write is reported, whether it failed at once or when buffered bytes were flushed.
 bool reportFailedWrite(KQ::NSErrorSlot error) {
   KQZipFail(error, KQZipErrorWriting, "Error writing file");
-  const std::shared_ptr<const KQ::NSError> none;
-  KQ::NSLog(KQ::stringWithFormat("stream writing failed: %@", {error != nullptr ? *error : none}));
+  KQ::NSLog(KQ::stringWithFormat("stream writing failed: %@", {KQZipErrorInSlot(error)}));
   return false;
 }
 
@@ -112,9 +111,7 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
   stream->close();
   if (written && stream->streamStatus() == KQ::NSStreamStatusError) written = reportFailedWrite(error);
   if (!written) {
-    const std::shared_ptr<const KQ::NSError> none;
-    KQ::NSLog(KQ::stringWithFormat("closing stream because writing failed: %@",
-                                   {error != nullptr ? *error : none}));
+    KQ::NSLog(KQ::stringWithFormat("closing stream because writing failed: %@", {KQZipErrorInSlot(error)}));
   }
   return written;
 }

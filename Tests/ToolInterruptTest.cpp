@@ -188,3 +188,30 @@ TEST(ToolClosedOutput, DoesNotKeepVerifyFromItsAnswer) {
   EXPECT_EQ(1, result.exitStatus);
   EXPECT_EQ("kqzip: " + (folder / "a.zip") + ": 3 problems found\n", result.errors);
 }
+
+TEST(ToolArchiveCutWhileItIsRead, ExtractSaysThatTheFileIsShort) {
+  const TemporaryDirectory folder;
+  const std::string archive = archiveOfSparseEntry(folder / "a.zip", "large", 16 * gibibyte);
+  const std::string target = folder / "out/large";
+  RunningProgram tool(toolCommand({"extract", "-C", folder / "out", archive}));
+  waitUntil([&] { return sizeOf(target) > 0; });
+  fs::resize_file(archive, 100);
+  const ProcessResult result = tool.finish();
+  EXPECT_EQ(1, result.exitStatus);
+  EXPECT_EQ("kqzip: \"large\" was copied short, " + std::to_string(sizeOf(target)) + " of " +
+                std::to_string(16 * gibibyte) + " bytes (partial file left at " + target + ")\n",
+            result.errors);
+}
+
+TEST(ToolArchiveCutWhileItIsRead, CatSaysThatTheEntryEndsEarly) {
+  const TemporaryDirectory folder;
+  const std::string archive = archiveOfSparseEntry(folder / "a.zip", "large", 16 * gibibyte);
+  RunningProgram tool(toolCommand({"cat", archive, "large"}));
+  tool.waitForOutput();
+  fs::resize_file(archive, 100);
+  const ProcessResult result = tool.finish();
+  EXPECT_EQ(1, result.exitStatus);
+  EXPECT_EQ("kqzip: \"large\" ends after " + std::to_string(result.output.size()) + " of " +
+                std::to_string(16 * gibibyte) + " bytes\n",
+            result.errors);
+}

@@ -7,10 +7,9 @@
 #include "../KQZipError.h"
 #include "../KQZipStreamPrimitives.h"
 #include "../KQZipTextBlock.h"
+#include "../KQZipTransfer.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
-
-static constexpr std::uint64_t blockSize = 1048576;
 
 KQZipFileEntry::~KQZipFileEntry() = default;
 
@@ -123,13 +122,13 @@ bool KQZipFileEntry::calculateCRCOfSourceFile() {
   }
   stream->open();
 
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
-  std::int64_t count = stream->read(buffer.get(), blockSize);
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+  std::int64_t count = stream->read(buffer.get(), KQZipBlockSize);
   uLong crc = 0;
   while (count > 0) {
     if (progress_ && progress_->isCancelled()) return false;
     crc = ::crc32(crc, buffer.get(), static_cast<uInt>(count));
-    count = stream->read(buffer.get(), blockSize);
+    count = stream->read(buffer.get(), KQZipBlockSize);
     // The first block is never counted and the last result always is, -1 after an error too. It is meant: the
     // counts of a write are part of what callers see.
     if (progress_) progress_->setCompletedUnitCount(progress_->completedUnitCount() + count);
@@ -168,9 +167,8 @@ void KQZipFileEntry::_setSourceFile(const std::string& path) {
 
 bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   if (parseFromStream(stream, error)) return true;
-  const std::shared_ptr<const KQ::NSError> none;
   KQ::NSLog(
-      KQ::stringWithFormat("Failed to parse %@ from stream: %@", {_className(), error ? *error : none}));
+      KQ::stringWithFormat("Failed to parse %@ from stream: %@", {_className(), KQZipErrorInSlot(error)}));
   return false;
 }
 

@@ -5,11 +5,10 @@
 
 #include "../KQZipError.h"
 #include "../KQZipStreamPrimitives.h"
+#include "../KQZipTransfer.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
 #include "KQZipCentralDirectoryFileHeader.h"
-
-static constexpr std::uint64_t blockSize = 1048576;
 
 std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithSourceFile(const std::string& path) {
   auto header = std::make_shared<KQZipFileLocalHeader>();
@@ -66,14 +65,14 @@ bool KQZipFileLocalHeader::_writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorS
 
 bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream,
                                            KQ::NSErrorSlot error) const {
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(blockSize);
-  std::int64_t count = source.read(buffer.get(), blockSize);
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+  std::int64_t count = source.read(buffer.get(), KQZipBlockSize);
   // A write that takes nothing ends the copy as a success and one that takes a part is not completed. It is
   // meant: a stream that has failed says so at the next header's first write.
   for (std::int64_t written = 1; written > 0 && count > 0;) {
     if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
-    written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), blockSize));
-    count = source.read(buffer.get(), blockSize);
+    written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), KQZipBlockSize));
+    count = source.read(buffer.get(), KQZipBlockSize);
     progress_->setCompletedUnitCount(progress_->completedUnitCount() + written);
   }
   return true;
@@ -174,10 +173,10 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
                      KQ::stringWithFormat("Failed to write to stream at %@", {path}));
   };
   std::uint64_t remaining = dataLengthFromHeader();
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(std::min(remaining, blockSize));
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(std::min(remaining, KQZipBlockSize));
   while (remaining != 0) {
     if (progress.isCancelled()) return false;
-    const std::int64_t count = stream.read(buffer.get(), std::min(remaining, blockSize));
+    const std::int64_t count = stream.read(buffer.get(), std::min(remaining, KQZipBlockSize));
     if (count < 0) return false;
     if (count == 0) break;
     progress.setCompletedUnitCount(progress.completedUnitCount() + count);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,6 +52,9 @@ Ends makeTerminal(unsigned short columns) {
   dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   dup2(errors, STDERR_FILENO);
+  // A program that does not heed what it is told must not fill the disk from a file that is all hole.
+  const rlimit largestFile{rlim_t{2} << 30, rlim_t{2} << 30};
+  setrlimit(RLIMIT_FSIZE, &largestFile);
   execv(pointers[0], pointers.data());
   _exit(127);
 }

@@ -10,8 +10,10 @@
 #include <map>
 #include <system_error>
 
+#include "ArchiveCheck.h"
 #include "Message.h"
 #include "ProgressLine.h"
+#include "Verify.h"
 
 namespace fs = std::filesystem;
 
@@ -118,6 +120,16 @@ std::string sizeOfFile(const std::string& path) {
   return readableSize(error ? 0 : size);
 }
 
+void check(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+  try {
+    requireReadableArchive(options.archive, *work);
+    if (options.verifies) verify({options.archive, options.quiet, false}, work);
+  } catch (const Failure& failure) {
+    if (failure.status() != Interrupted) throw;
+    throw Failure("interrupted (archive left unchecked at " + options.archive + ")", Interrupted);
+  }
+}
+
 }  // namespace
 
 void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
@@ -130,7 +142,7 @@ void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>&
     const ProgressLine line(!options.quiet, work, [&options] { return sizeOfFile(options.archive); });
     done = pack(&error);
   }
-  if (done) return;
+  if (done) return check(options, work);
   const bool isPartial = !existedBefore && existsAt(options.archive);
   const std::string trace = isPartial ? " (partial archive left at " + options.archive + ")" : "";
   if (work->isCancelled()) throw Failure("interrupted" + trace, Interrupted);

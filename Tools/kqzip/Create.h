@@ -14,10 +14,12 @@ struct CreateOptions {
   std::vector<std::string> sources;  ///< One folder, or files.
   bool keepParent = false;           ///< Names begin with the folder's own.
   bool quiet = false;                ///< No progress line.
+  bool verifies = false;             ///< Read everything back and compare it with its CRC-32.
 };
 
 /// Packs a folder, or files each under its last path component. Everything that can be told beforehand is
-/// told before an archive is made. Throws a Failure, which names a partial archive that is left.
+/// told before an archive is made, and the archive's records are checked afterwards. Throws a Failure, which
+/// names a partial archive that is left.
 void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work);
 
 }  // namespace Tool

@@ -23,7 +23,8 @@ std::string partialFile(const std::string& path) {
   return fs::exists(path, ignored) ? " (partial file left at " + path + ")" : "";
 }
 
-// A full disk may show only when the last bytes are flushed, which the export does not tell.
+// An archive that ends early yields a short file, which the export counts as a success; this one had all of
+// its bytes when it was scanned.
 void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = fs::file_size(path, error);

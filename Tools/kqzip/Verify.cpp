@@ -121,7 +121,7 @@ void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>&
   verifyTail(archive, report);
   if (report.problems() != 0)
     throw Failure(options.archive + ": " + counted(report.problems(), "problem", "problems") + " found");
-  if (!options.quiet) report.print(summary(archive));
+  if (options.summary && !options.quiet) report.print(summary(archive));
 }
 
 }  // namespace Tool

@@ -10,7 +10,8 @@ namespace Tool {
 /// What `kqzip verify` was asked for.
 struct VerifyOptions {
   std::string archive;  ///< The archive to check.
-  bool quiet = false;   ///< No progress line and no line when everything is right.
+  bool quiet = false;   ///< No progress line and no summary.
+  bool summary = true;  ///< A line when everything is right.
 };
 
 /// Compares every entry's data with its header, and the entries with the central directory. Prints one line

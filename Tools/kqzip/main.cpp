@@ -64,11 +64,13 @@ void defineCreate(CLI::App& app, Command& command) {
       app, "create", "Pack a folder or files into a new archive",
       "A folder is packed with every regular file below it whose own name does not begin with \".\"; links\n"
       "and empty folders are left out. Files are packed each under its last path component; of a symbolic\n"
-      "link, what it points to. An existing archive is never touched.");
+      "link, what it points to. An existing archive is never touched. A file that changed its length while\n"
+      "it was packed is named, with exit status 1; --verify also finds one whose contents changed.");
   addPositional(create, "ARCHIVE", options->archive, "The archive to make")->required();
   addPositional(create, "SOURCE", options->sources, "One folder, or files")->required();
   create->add_flag("-k,--keep-parent", options->keepParent,
                    "Put the folder's own name in front of all names");
+  create->add_flag("--verify", options->verifies, "Then read everything back and compare it with its CRC-32");
   addQuiet(create, options->quiet, "Show no progress");
   create->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::create(*options, work); }; });
@@ -242,7 +244,9 @@ void holdStandardStreams() {
 void prepareProcess() {
   holdStandardStreams();
   blockInterruptions();
+  // A closed pipe and a file that may not grow are errors to be told, not ends of the process.
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
   // Failures are told in one line; the library's log would tell them twice.
   KQ::NSSetLogSink([](const std::string&) {});
 }

@@ -8,6 +8,8 @@ static std::uint32_t saturatedTo32Bits(std::uint64_t value) {
   return value < saturated ? static_cast<std::uint32_t>(value) : saturated;
 }
 
+KQZipCentralDirectory::~KQZipCentralDirectory() = default;
+
 std::shared_ptr<KQZipCentralDirectory> KQZipCentralDirectory::centralDirectoryWithFileEntries(
     const std::vector<std::shared_ptr<KQZipFileLocalHeader>>& entries) {
   std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> headers;
@@ -45,13 +47,18 @@ bool KQZipCentralDirectory::parseFromStream(KQ::NSInputStream& stream, KQ::NSErr
   return true;
 }
 
+void KQZipCentralDirectory::_takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> header) {
+  fileHeaders_.push_back(std::move(header));
+}
+
 bool KQZipCentralDirectory::_parseRecord(std::uint32_t signature, KQ::NSInputStream& stream,
                                          KQ::NSErrorSlot error) {
   switch (signature) {
     case KQZipCentralDirectoryFileHeader::signature: {
       auto header = KQZipCentralDirectoryFileHeader::initWithStream(stream, error);
-      if (header) fileHeaders_.push_back(header);
-      return header != nullptr;
+      if (!header) return false;
+      _takeFileHeader(std::move(header));
+      return true;
     }
     case digitalSignatureSignature:
       digitalSignature_ = KQZipExtraField::extraFieldWithStream(stream, error);

@@ -20,6 +20,7 @@ class KQZIP_EXPORT KQZipCentralDirectory {
 
   /// An empty directory without end records.
   KQZipCentralDirectory() = default;
+  virtual ~KQZipCentralDirectory();
   KQZipCentralDirectory(const KQZipCentralDirectory&) = delete;             ///< Owns its records.
   KQZipCentralDirectory& operator=(const KQZipCentralDirectory&) = delete;  ///< Owns its records.
 
@@ -79,6 +80,10 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   void setZipEoCDRecord(std::shared_ptr<KQZipEndOfCentralDirectoryRecord> value) {
     zipEoCDRecord_ = std::move(value);
   }
+
+ protected:
+  /// Keeps a header that was parsed, behind those parsed before.
+  virtual void _takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> header);
 
  private:
   bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);

@@ -10,7 +10,7 @@ std::shared_ptr<KQZipEndOfCentralDirectoryRecord> KQZipEndOfCentralDirectoryReco
 }
 
 bool KQZipEndOfCentralDirectoryRecord::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  std::optional<std::string> comment;
+  KQ::NSSharedString comment;
   const bool parsed = KQZipReadBlock16(stream, &diskNumber_, error) &&                     // 4
                       KQZipReadBlock16(stream, &diskNumberContainingCD_, error) &&         // 6
                       KQZipReadBlock16(stream, &entriesInCDOnThisDisk_, error) &&          // 8
@@ -19,13 +19,13 @@ bool KQZipEndOfCentralDirectoryRecord::parseFromStream(KQ::NSInputStream& stream
                       KQZipReadBlock32(stream, &offsetOfCD_, error) &&                     // 16
                       KQZipReadBlock16(stream, &zipFileCommentLength_, error) &&           // 20
                       KQZipReadTextBlock(stream, zipFileCommentLength_, &comment, error);  // 22
-  if (parsed) setZipFileComment(std::move(comment));
+  if (parsed) setZipFileComment(comment.string());
   return parsed;
 }
 
 bool KQZipEndOfCentralDirectoryRecord::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
   const std::string comment = zipFileComment().value_or("");
-  zipFileCommentLength_ = KQZipTextLength(comment);
+  zipFileCommentLength_ = static_cast<std::uint16_t>(comment.size());
   return KQZipWriteBlock32(stream, &signature, error) &&                              // 0
          KQZipWriteBlock16(stream, &diskNumber_, error) &&                            // 4
          KQZipWriteBlock16(stream, &diskNumberContainingCD_, error) &&                // 6

@@ -5,6 +5,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "KQZipFieldData.h"
 #include "Platform/KQExport.h"
 #include "Platform/NSAtomicProperty.h"
 #include "Platform/NSData.h"
@@ -93,9 +94,11 @@ class KQZIP_EXPORT KQZipExtraField {
   void setFieldSize(std::uint16_t value) { fieldSize_ = value; }  ///< Stored as it is.
 
   /// The field's data, empty when there is none. Atomic.
-  std::shared_ptr<const KQ::NSData> fieldData() const { return fieldData_.get(); }
+  std::shared_ptr<const KQ::NSData> fieldData() const {
+    return fieldData_.with([](KQZipFieldData& data) { return data.buffer(); });
+  }
   void setFieldData(std::shared_ptr<const KQ::NSData> value) {
-    fieldData_.set(std::move(value));
+    fieldData_.set(KQZipFieldData(std::move(value)));
   }  ///< Atomic.
 
  protected:
@@ -108,8 +111,13 @@ class KQZIP_EXPORT KQZipExtraField {
   /// returns one of its own.
   virtual std::shared_ptr<KQZipExtraField> _newInstance() const;
 
+  /// The field's data for those who only read it now: no buffer is made. Atomic.
+  KQZipFieldData _fieldData() const { return fieldData_.get(); }
+  void _setFieldData(KQZipFieldData data) { fieldData_.set(std::move(data)); }  ///< Atomic.
+
  private:
   std::uint16_t fieldSignature_ = 0;
   std::uint16_t fieldSize_ = 0;
-  KQ::NSAtomicProperty<std::shared_ptr<const KQ::NSData>> fieldData_;
+  // Mutable because the buffer is made for the first who asks for it.
+  mutable KQ::NSAtomicProperty<KQZipFieldData> fieldData_;
 };

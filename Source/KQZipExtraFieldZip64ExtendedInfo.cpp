@@ -40,11 +40,10 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipExtraFieldZip64ExtendedIn
 
 bool KQZipExtraFieldZip64ExtendedInfo::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipExtraField::parseFromStream(stream, error)) return false;
-  const std::shared_ptr<const KQ::NSData> data = fieldData();
-  const std::uint64_t length = data->length();
-  decode(data->bytes(), length, 0, &uncompressedSize_);
-  decode(data->bytes(), length, 8, &compressedSize_);
-  decode(data->bytes(), length, 16, &offsetOfLocalHeaderRecord_);
+  const KQZipFieldData data = _fieldData();
+  decode(data.bytes(), data.length(), 0, &uncompressedSize_);
+  decode(data.bytes(), data.length(), 8, &compressedSize_);
+  decode(data.bytes(), data.length(), 16, &offsetOfLocalHeaderRecord_);
   return true;
 }
 
@@ -53,7 +52,7 @@ bool KQZipExtraFieldZip64ExtendedInfo::writeToStream(KQ::NSOutputStream& stream,
   encode(uncompressedSize_, &bytes[0]);
   encode(compressedSize_, &bytes[8]);
   encode(offsetOfLocalHeaderRecord_, &bytes[16]);
-  setFieldData(KQ::NSData::dataWithBytes(bytes.data(), bytes.size()));
+  _setFieldData(KQZipFieldData(bytes.data(), bytes.size()));
   return KQZipExtraField::writeToStream(stream, error);
 }
 

@@ -25,11 +25,13 @@ bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64
 
 template <class Integer>
 bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlot error) {
-  std::array<std::uint8_t, sizeof(Integer)> bytes{};
-  // Starts from the value as it is, so that bytes which are not delivered stay.
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
-  if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
+  std::array<std::uint8_t, sizeof(Integer)> bytes;
+  if (!stream.takeAtHand(bytes.data(), bytes.size())) {
+    // Starts from the value as it is, so that bytes which are not delivered stay.
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+      bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
+    if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
+  }
   Integer value = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i)
     value = static_cast<Integer>(value | static_cast<Integer>(static_cast<Integer>(bytes[i]) << (8 * i)));
@@ -37,11 +39,26 @@ bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlo
   return true;
 }
 
+// The directory as a reader keeps it. Its headers are parsed like any, but since no answer depends on them
+// they are let go: they would double the memory that an entry takes.
+class ParsedDirectory : public KQZipCentralDirectory {
+ public:
+  static std::shared_ptr<KQZipCentralDirectory> initWithStream(KQ::NSInputStream& stream,
+                                                               KQ::NSErrorSlot error) {
+    auto directory = std::make_shared<ParsedDirectory>();
+    return directory->parseFromStream(stream, error) ? directory : nullptr;
+  }
+
+ protected:
+  void _takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> /*header*/) override {}
+};
+
 }  // namespace
 
 bool KQZipReadBlockBytes(KQ::NSInputStream& stream, void* destination, std::uint64_t length,
                          KQ::NSErrorSlot error) {
-  return length == 0 || readBlock(stream, static_cast<std::uint8_t*>(destination), length, error);
+  return length == 0 || stream.takeAtHand(destination, length) ||
+         readBlock(stream, static_cast<std::uint8_t*>(destination), length, error);
 }
 
 bool KQZipReadBlock16(KQ::NSInputStream& stream, std::uint16_t* destination, KQ::NSErrorSlot error) {
@@ -99,13 +116,13 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
       auto header = KQZipFileLocalHeader::initWithStream(stream, error);
       if (!header) return false;
       // Without a path there is nothing to ask for the entry by.
-      if (const auto path = header->relativePath()) zipFileEntries_[*path] = std::move(header);
+      if (header->sharedFileName().isPresent()) _addEntry(std::move(header));
       return true;
     }
     case KQZipCentralDirectoryFileHeader::signature:
       // The directory's parse begins behind the signature, inside its first header. It is meant and harmless:
       // no answer depends on the directory, and one that cannot be parsed is passed over.
-      if (!centralDirectory_) centralDirectory_ = KQZipCentralDirectory::initWithStream(stream, error);
+      if (!centralDirectory_) centralDirectory_ = ParsedDirectory::initWithStream(stream, error);
       return true;
     default:
       return KQZipFail(error, KQZipErrorUnknownSignature,
@@ -114,10 +131,17 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
   }
 }
 
+// Of several entries with one path the last counts.
+void KQZipFileReader::_addEntry(std::shared_ptr<KQZipFileLocalHeader> entry) {
+  const std::string_view path = entry->sharedFileName().view();
+  zipFileEntries_.erase(path);
+  zipFileEntries_.emplace(path, std::move(entry));
+}
+
 std::vector<std::string> KQZipFileReader::relativePaths() const {
   std::vector<std::string> paths;
   paths.reserve(zipFileEntries_.size());
-  for (const auto& [path, entry] : zipFileEntries_) paths.push_back(path);
+  for (const auto& [path, entry] : zipFileEntries_) paths.emplace_back(path);
   std::sort(paths.begin(), paths.end(), KQ::NSStringLess());
   return paths;
 }
@@ -191,7 +215,7 @@ bool KQZipFileReader::_writeData(const KQZipFileLocalHeader& entry, const std::s
 
 bool KQZipFileReader::_copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
                                 KQ::NSOutputStream& output, KQ::NSProgress& progress, KQ::NSErrorSlot error) {
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+  const KQZipTransferBlock buffer;
   for (std::uint64_t remaining = entry.dataLengthFromHeader(); remaining != 0;) {
     const std::int64_t count = input.read(buffer.get(), std::min(remaining, KQZipBlockSize));
     if (count < 0) return false;

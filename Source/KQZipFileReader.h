@@ -1,8 +1,10 @@
 #pragma once
 
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -96,6 +98,7 @@ class KQZIP_EXPORT KQZipFileReader {
  private:
   bool _parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
   bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  void _addEntry(std::shared_ptr<KQZipFileLocalHeader> entry);
   std::shared_ptr<KQZipFileLocalHeader> _entryForRelativePath(const std::string& relativePath) const;
   std::shared_ptr<KQ::NSInputStream> _openArchive() const;
   bool _writeData(const KQZipFileLocalHeader& entry, const std::string& toPath, KQ::NSProgress& progress,
@@ -106,6 +109,9 @@ class KQZIP_EXPORT KQZipFileReader {
                 const KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
 
   std::optional<std::string> zipPath_;
-  std::unordered_map<std::string, std::shared_ptr<KQZipFileLocalHeader>> zipFileEntries_;
+  // The index of an archive with many entries is many small pieces that go at once.
+  std::pmr::monotonic_buffer_resource memory_;
+  // By path. The paths are the headers' own, which nobody changes here.
+  std::pmr::unordered_map<std::string_view, std::shared_ptr<KQZipFileLocalHeader>> zipFileEntries_{&memory_};
   std::shared_ptr<KQZipCentralDirectory> centralDirectory_;
 };

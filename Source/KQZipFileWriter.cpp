@@ -27,16 +27,18 @@ bool writeBlock(KQ::NSOutputStream& stream, const std::uint8_t* source, std::uin
 
 template <class Integer>
 bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot error) {
-  std::array<std::uint8_t, sizeof(Integer)> bytes{};
+  std::array<std::uint8_t, sizeof(Integer)> bytes;
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
-  return writeBlock(stream, bytes.data(), bytes.size(), error);
+  return stream.putIntoRoom(bytes.data(), bytes.size()) ||
+         writeBlock(stream, bytes.data(), bytes.size(), error);
 }
 
 }  // namespace
 
 bool KQZipWriteBlockBytes(KQ::NSOutputStream& stream, const void* source, std::uint64_t length,
                           KQ::NSErrorSlot error) {
-  return length == 0 || writeBlock(stream, static_cast<const std::uint8_t*>(source), length, error);
+  return length == 0 || stream.putIntoRoom(source, length) ||
+         writeBlock(stream, static_cast<const std::uint8_t*>(source), length, error);
 }
 
 bool KQZipWriteBlock16(KQ::NSOutputStream& stream, const std::uint16_t* value, KQ::NSErrorSlot error) {
@@ -54,7 +56,8 @@ bool KQZipWriteBlock64(KQ::NSOutputStream& stream, const std::uint64_t* value, K
 void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
   auto entry = KQZipFileLocalHeader::initWithSourceFile(filePath);
   entry->setFileName(relativePath);
-  fileEntries_[relativePath] = std::move(entry);
+  // A tree is added in the order of its names for the greater part, which makes the end the likely place.
+  fileEntries_.insert_or_assign(fileEntries_.end(), relativePath, std::move(entry));
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {

@@ -3,14 +3,11 @@
 #include "KQZipStreamPrimitives.h"
 #include "Platform/NSString.h"
 
-bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, std::optional<std::string>* text,
+bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, KQ::NSSharedString* text,
                         KQ::NSErrorSlot error) {
-  std::string bytes(length, '\0');
-  if (!KQZipReadBlockBytes(stream, bytes.data(), length, error)) return false;
-  if (KQ::isValidUTF8(bytes)) {
-    *text = std::move(bytes);
-  } else {
-    text->reset();
-  }
+  auto bytes = KQ::NSSharedString::textFilledBy(
+      length, [&](char* first) { return KQZipReadBlockBytes(stream, first, length, error); });
+  if (!bytes.isPresent()) return false;
+  *text = KQ::isValidUTF8(bytes.view()) ? std::move(bytes) : KQ::NSSharedString();
   return true;
 }

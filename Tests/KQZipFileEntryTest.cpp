@@ -384,7 +384,7 @@ TEST(KQZipFileEntry, CopyingTakesEverythingBeforeTheExtraFieldsAndInstallsThemBe
       EXPECT_EQ(7, copy.extraFieldLength());
       EXPECT_EQ("/source", copy.sourceFilePath());
       EXPECT_EQ(1u, copy.extraFields().size()) << "the list is installed once it is whole";
-      EXPECT_EQ(old, copy.extraFields().at(0));
+      EXPECT_EQ(old, copy.extraFields()[0]);
       EXPECT_EQ(0x1234, copy.modDate()) << "the date comes last";
       EXPECT_EQ(0x5678, copy.modTime()) << "the date comes last";
     };

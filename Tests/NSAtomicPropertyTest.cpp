@@ -7,7 +7,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -55,13 +54,7 @@ TEST(NSAtomicProperty, DestroysTheEarlierValueOutsideOfTheLock) {
   NSAtomicProperty<std::shared_ptr<Value>> property;
   bool lockWasFree = false;
   property.set(std::make_shared<Value>(Value{[] {}}));
-  property.get()->whenDestroyed = [&] {
-    // Asked from another thread: a mutex is not to be tried by the thread that may hold it.
-    std::thread([&] {
-      const std::unique_lock<std::mutex> lock(KQ::NSPropertyLock(&property), std::try_to_lock);
-      lockWasFree = lock.owns_lock();
-    }).join();
-  };
+  property.get()->whenDestroyed = [&] { lockWasFree = !KQ::NSPropertyLock::flagOf(&property).test(); };
   property.set(nullptr);
   EXPECT_TRUE(lockWasFree);
 }
@@ -79,13 +72,13 @@ TEST(NSAtomicProperty, StaysWithItsObject) {
 
 TEST(NSAtomicProperty, TheLockOfAPropertyIsAlwaysTheSame) {
   const NSAtomicProperty<int> property;
-  EXPECT_EQ(&KQ::NSPropertyLock(&property), &KQ::NSPropertyLock(&property));
+  EXPECT_EQ(&KQ::NSPropertyLock::flagOf(&property), &KQ::NSPropertyLock::flagOf(&property));
 }
 
 TEST(NSAtomicProperty, ManyPropertiesShareASmallTableOfLocks) {
   const std::vector<std::string> memory(20000);
-  std::set<std::mutex*> locks;
-  for (const std::string& value : memory) locks.insert(&KQ::NSPropertyLock(&value));
+  std::set<const std::atomic_flag*> locks;
+  for (const std::string& value : memory) locks.insert(&KQ::NSPropertyLock::flagOf(&value));
   EXPECT_LE(locks.size(), 1024U);
   EXPECT_GE(locks.size(), 8U) << "properties side by side should rarely wait for each other";
 }

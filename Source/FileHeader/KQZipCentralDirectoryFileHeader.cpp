@@ -6,7 +6,13 @@
 
 static constexpr std::uint32_t saturated = 0xFFFFFFFF;
 
-KQZipCentralDirectoryFileHeader::KQZipCentralDirectoryFileHeader() : fileComment_("") {}
+// Shared by all headers without a comment.
+static const KQ::NSSharedString& emptyComment() {
+  static const KQ::NSSharedString text{std::string_view()};
+  return text;
+}
+
+KQZipCentralDirectoryFileHeader::KQZipCentralDirectoryFileHeader() : fileComment_(emptyComment()) {}
 
 std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader::initWithStream(
     KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
@@ -24,8 +30,9 @@ void KQZipCentralDirectoryFileHeader::copyPropertiesFromHeader(const KQZipFileEn
 bool KQZipCentralDirectoryFileHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipFileEntry::writeToStream(stream, error)) return false;
   _takeOffsetOfLocalHeader();
-  const std::string comment = fileComment().value_or("");
-  fileCommentLength_ = KQZipTextLength(comment);
+  const KQ::NSSharedString shared = fileComment_.get();
+  const std::string_view comment = shared.view();
+  fileCommentLength_ = KQZipTextLength(shared);
   return KQZipWriteBlock32(stream, &signature, error) &&                       // 0
          KQZipWriteBlock16(stream, &versionMadeBy_, error) &&                  // 4
          KQZipWriteBlock16(stream, &versionNeeded_, error) &&                  // 6
@@ -87,14 +94,15 @@ bool KQZipCentralDirectoryFileHeader::parseFromStream(KQ::NSInputStream& stream,
 }
 
 bool KQZipCentralDirectoryFileHeader::_parseFileComment(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  std::optional<std::string> comment;
-  if (!KQZipReadTextBlock(stream, fileCommentLength_, &comment, error)) return false;
-  setFileComment(std::move(comment));
+  KQ::NSSharedString comment = emptyComment();
+  if (fileCommentLength_ != 0 && !KQZipReadTextBlock(stream, fileCommentLength_, &comment, error))
+    return false;
+  fileComment_.set(std::move(comment));
   return true;
 }
 
 std::uint64_t KQZipCentralDirectoryFileHeader::outputSize() const {
-  return 46 + _sizeOfNameAndExtraFields() + fileComment().value_or("").size();
+  return 46 + _sizeOfNameAndExtraFields() + fileComment_.get().view().size();
 }
 
 const char* KQZipCentralDirectoryFileHeader::_className() const { return "KQZipCentralDirectoryFileHeader"; }

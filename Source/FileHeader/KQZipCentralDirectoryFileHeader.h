@@ -79,8 +79,10 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   void setOffsetOfLocalHeader(std::uint32_t value) { offsetOfLocalHeader_ = value; }  ///< Stored as it is.
 
   /// The entry's comment. Atomic.
-  std::optional<std::string> fileComment() const { return fileComment_.get(); }
-  void setFileComment(std::optional<std::string> value) { fileComment_.set(std::move(value)); }  ///< Atomic.
+  std::optional<std::string> fileComment() const { return fileComment_.get().string(); }
+  void setFileComment(const std::optional<std::string>& value) {
+    fileComment_.set(KQ::NSSharedString(value));
+  }  ///< Atomic.
 
  protected:
   const char* _className() const override;
@@ -95,6 +97,6 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   std::uint16_t internalFileAttributes_ = 0;
   std::uint32_t externalFileAttributes_ = 0;
   std::uint32_t offsetOfLocalHeader_ = 0;
-  KQ::NSAtomicProperty<std::optional<std::string>> fileComment_;
+  KQ::NSAtomicProperty<KQ::NSSharedString> fileComment_;
   std::weak_ptr<KQZipFileLocalHeader> localHeader_;
 };

@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <typeinfo>
 
 #include "../KQZipError.h"
 #include "../KQZipStreamPrimitives.h"
@@ -10,6 +11,15 @@
 #include "../KQZipTransfer.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
+
+// The field as a Zip64 field, or null when its id or its class is another. The library's own class is nearly
+// always the one, and comparing it costs less than a cast that would also find what is derived from it.
+static const KQZipExtraFieldZip64ExtendedInfo* asZip64(const KQZipExtraField& field) {
+  using Zip64 = KQZipExtraFieldZip64ExtendedInfo;
+  if (field.fieldSignature() != Zip64::identifier) return nullptr;
+  return typeid(field) == typeid(Zip64) ? static_cast<const Zip64*>(&field)
+                                        : dynamic_cast<const Zip64*>(&field);
+}
 
 KQZipFileEntry::~KQZipFileEntry() = default;
 
@@ -34,17 +44,22 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   uncompressedSize_ = header.uncompressedSize_;
   fileNameLength_ = header.fileNameLength_;
   extraFieldLength_ = header.extraFieldLength_;
-  setFileName(header.fileName());
+  fileName_.set(header.sharedFileName());
   fileNameLength_ = header.fileNameLength_;
-  setSourceFilePath(header.sourceFilePath());
+  sourceFilePath_.set(header._sharedSourceFilePath());
 
   std::vector<std::shared_ptr<KQZipExtraField>> copies;
   copies.reserve(header.extraFields_.size());
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
   setExtraFields(std::move(copies));
 
-  // By way of the date, so that impossible fields are normalised in the copy.
-  setModificationDate(header.modificationDate());
+  // By way of the date, so that impossible fields are normalised in the copy. Fields that came from a date
+  // would come back as they are.
+  possibleDateAndTime_ = header.possibleDateAndTime_;
+  modTime_ = header.modTime_;
+  modDate_ = header.modDate_;
+  if (possibleDateAndTime_ == 0 || possibleDateAndTime_ != _dateAndTime())
+    setModificationDate(header.modificationDate());
 }
 
 bool KQZipFileEntry::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
@@ -61,26 +76,26 @@ void KQZipFileEntry::addExtraField(std::shared_ptr<KQZipExtraField> field) {
 }
 
 void KQZipFileEntry::setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields) {
-  extraFields_ = std::move(fields);
+  extraFields_.assign(std::move(fields));
 }
 
 std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipFileEntry::findZip64InfoField() const {
   for (const auto& field : extraFields_) {
-    if (field->fieldSignature() != KQZipExtraFieldZip64ExtendedInfo::identifier) continue;
-    if (auto zip64Field = std::dynamic_pointer_cast<KQZipExtraFieldZip64ExtendedInfo>(field))
-      return zip64Field;
+    if (asZip64(*field) != nullptr) return std::static_pointer_cast<KQZipExtraFieldZip64ExtendedInfo>(field);
   }
   return nullptr;
 }
 
 void KQZipFileEntry::setRelativePath(std::optional<std::string> path) {
-  fileNameLength_ = KQZipTextLength(path);
-  setFileName(std::move(path));
+  setFileName(path);
+  fileNameLength_ = KQZipTextLength(sharedFileName());
 }
 
 std::uint64_t KQZipFileEntry::dataLengthFromHeader() const {
-  const auto zip64Field = findZip64InfoField();
-  return zip64Field ? zip64Field->compressedSize() : compressedSize_;
+  for (const auto& field : extraFields_) {
+    if (const auto* const zip64Field = asZip64(*field)) return zip64Field->compressedSize();
+  }
+  return compressedSize_;
 }
 
 std::uint64_t KQZipFileEntry::outputSize() const {
@@ -111,18 +126,21 @@ void KQZipFileEntry::setModificationDate(KQ::NSDate date) {
   // The bits of a year outside 1980 to 2107 that do not fit are dropped, nothing is clamped.
   modDate_ =
       static_cast<std::uint16_t>(components.day | components.month << 5 | ((components.year << 9) - 0x7800));
+  const bool wrapped = components.year < 1980 || components.year > 2107;
+  possibleDateAndTime_ = wrapped ? 0 : _dateAndTime();
 }
 
 bool KQZipFileEntry::calculateCRCOfSourceFile() {
-  const std::optional<std::string> path = sourceFilePath();
+  const auto path = _sharedSourceFilePath();
   const auto stream = path ? KQ::NSInputStream::inputStreamWithFileAtPath(*path) : nullptr;
   if (!stream) {
-    KQ::NSLog(KQ::stringWithFormat("failed to calculate crc: failed to open stream at %@", {path}));
+    KQ::NSLog(
+        KQ::stringWithFormat("failed to calculate crc: failed to open stream at %@", {sourceFilePath()}));
     return false;
   }
   stream->open();
 
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+  const KQZipTransferBlock buffer;
   std::int64_t count = stream->read(buffer.get(), KQZipBlockSize);
   uLong crc = 0;
   while (count > 0) {
@@ -153,6 +171,15 @@ void KQZipFileEntry::updateModificationDate() {
   if (const auto attributes = _attributesOfSourceFile()) _updateModificationDateFromAttributes(*attributes);
 }
 
+std::optional<std::string> KQZipFileEntry::sourceFilePath() const {
+  const auto path = _sharedSourceFilePath();
+  return path ? std::optional(*path) : std::nullopt;
+}
+
+void KQZipFileEntry::setSourceFilePath(std::optional<std::string> value) {
+  sourceFilePath_.set(value ? std::make_shared<const std::string>(*std::move(value)) : nullptr);
+}
+
 void KQZipFileEntry::setCrc32(std::uint32_t value) {
   crc32_ = value;
   needsToCalculateCRC_ = false;
@@ -173,16 +200,15 @@ bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot err
 }
 
 bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
-  const std::optional<std::string> path = sourceFilePath();
-  if (!path) {
-    // Filled with no path, which is meant: there is none to name.
-    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat("Source file doesn't exist: %@", {path}));
-  }
-  if (needsToCalculateCRC() && !calculateCRCOfSourceFile())
-    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat("Can't calculate CRC of %@", {path}));
+  const auto fail = [&](const char* format) {
+    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat(format, {sourceFilePath()}));
+  };
+  // Filled with no path, which is meant: there is none to name.
+  if (!_sharedSourceFilePath()) return fail("Source file doesn't exist: %@");
+  if (needsToCalculateCRC() && !calculateCRCOfSourceFile()) return fail("Can't calculate CRC of %@");
   if (needsToUpdateAttributesFromSourceFile()) updateAttributesFromSourceFile();
 
-  fileNameLength_ = KQZipTextLength(fileName());
+  fileNameLength_ = KQZipTextLength(sharedFileName());
   auto zip64Field = findZip64InfoField();
   if (!zip64Field) {
     zip64Field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
@@ -209,9 +235,9 @@ void KQZipFileEntry::_updateModificationDateFromAttributes(const KQ::NSFileAttri
 }
 
 bool KQZipFileEntry::_parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  std::optional<std::string> name;
+  KQ::NSSharedString name;
   if (!KQZipReadTextBlock(stream, fileNameLength_, &name, error)) return false;
-  setFileName(std::move(name));
+  fileName_.set(std::move(name));
   return true;
 }
 
@@ -227,21 +253,25 @@ bool KQZipFileEntry::_parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlo
 }
 
 bool KQZipFileEntry::_writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const {
-  const std::string name = fileName().value_or("");
-  return KQZipWriteBlockBytes(stream, name.data(), name.size(), error) &&
+  const KQ::NSSharedString name = sharedFileName();
+  return KQZipWriteBlockBytes(stream, name.view().data(), name.view().size(), error) &&
          std::all_of(extraFields_.begin(), extraFields_.end(),
                      [&](const auto& field) { return field->writeToStream(stream, error); });
 }
 
 std::uint64_t KQZipFileEntry::_sizeOfNameAndExtraFields() const {
-  std::uint64_t size = fileName().value_or("").size();
+  std::uint64_t size = sharedFileName().view().size();
   for (const auto& field : extraFields_) size += field->outputSize();
   return size;
 }
 
 std::optional<KQ::NSFileAttributes> KQZipFileEntry::_attributesOfSourceFile() const {
-  const std::optional<std::string> path = sourceFilePath();
+  const auto path = _sharedSourceFilePath();
   auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
-  if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {path}));
+  if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {sourceFilePath()}));
   return attributes;
+}
+
+std::uint32_t KQZipFileEntry::_dateAndTime() const {
+  return static_cast<std::uint32_t>(modDate_) << 16 | modTime_;
 }

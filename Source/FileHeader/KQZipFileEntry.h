@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "../KQZipExtraField.h"
+#include "../KQZipExtraFieldList.h"
 #include "../KQZipExtraFieldZip64ExtendedInfo.h"
 #include "../Platform/KQExport.h"
 #include "../Platform/NSAtomicProperty.h"
@@ -14,6 +15,7 @@
 #include "../Platform/NSError.h"
 #include "../Platform/NSFileManager.h"
 #include "../Platform/NSProgress.h"
+#include "../Platform/NSSharedString.h"
 #include "../Platform/NSStream.h"
 
 /// What the local and the central header of an entry share: the common fields, the extra fields, the source
@@ -53,7 +55,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   virtual bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// The extra fields in the order in which they stand on disk. A reference to the entry's own list.
-  const std::vector<std::shared_ptr<KQZipExtraField>>& extraFields() const { return extraFields_; }
+  const KQZipExtraFieldList& extraFields() const { return extraFields_; }
   /// Appends a field.
   void addExtraField(std::shared_ptr<KQZipExtraField> field);
   /// Replaces the contents of the list.
@@ -156,14 +158,16 @@ class KQZIP_EXPORT KQZipFileEntry {
   void setExtraFieldLength(std::uint16_t value) { extraFieldLength_ = value; }  ///< Stored as it is.
 
   /// The entry's path inside the archive. Atomic.
-  std::optional<std::string> fileName() const { return fileName_.get(); }
-  void setFileName(std::optional<std::string> value) { fileName_.set(std::move(value)); }  ///< Atomic.
+  std::optional<std::string> fileName() const { return sharedFileName().string(); }
+  void setFileName(const std::optional<std::string>& value) {
+    fileName_.set(KQ::NSSharedString(value));
+  }  ///< Atomic.
+  /// fileName() without a copy of its bytes. Atomic.
+  KQ::NSSharedString sharedFileName() const { return fileName_.get(); }
 
   /// The path of the file that the entry's data comes from, for writing. Atomic.
-  std::optional<std::string> sourceFilePath() const { return sourceFilePath_.get(); }
-  void setSourceFilePath(std::optional<std::string> value) {
-    sourceFilePath_.set(std::move(value));
-  }  ///< Atomic.
+  std::optional<std::string> sourceFilePath() const;
+  void setSourceFilePath(std::optional<std::string> value);  ///< Atomic.
 
   /// Size of the source file in bytes, once taken from it.
   std::uint64_t sourceFileSize() const { return sourceFileSize_; }
@@ -197,6 +201,9 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// Sets the date from `attributes`.
   void _updateModificationDateFromAttributes(const KQ::NSFileAttributes& attributes);
 
+  /// sourceFilePath() without a copy; null when there is none.
+  std::shared_ptr<const std::string> _sharedSourceFilePath() const { return sourceFilePath_.get(); }
+
   /// Reads fileNameLength() bytes and makes them the name, absent when they are not valid UTF-8.
   bool _parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
   /// Reads extra fields until the stream stands extraFieldLength() bytes from here or further.
@@ -212,23 +219,26 @@ class KQZIP_EXPORT KQZipFileEntry {
   std::uint16_t compression_ = 0;
   std::uint16_t modTime_ = 0;
   std::uint16_t modDate_ = 0;
+  std::uint16_t fileNameLength_ = 0;
   std::uint32_t crc32_ = 0;
   std::uint32_t compressedSize_ = 0xFFFFFFFF;
   std::uint32_t uncompressedSize_ = 0xFFFFFFFF;
-  std::uint16_t fileNameLength_ = 0;
-  std::uint16_t extraFieldLength_ = 0;
   std::uint64_t fileDataOffset_ = 0;
   std::uint64_t offset_ = 0;
   std::shared_ptr<KQ::NSProgress> progress_;
+  std::uint16_t extraFieldLength_ = 0;
 
  private:
   std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
+  std::uint32_t _dateAndTime() const;
 
-  KQ::NSAtomicProperty<std::optional<std::string>> fileName_;
-  KQ::NSAtomicProperty<std::optional<std::string>> sourceFilePath_;
-  std::vector<std::shared_ptr<KQZipExtraField>> extraFields_;
   bool needsToCalculateCRC_ = true;
   bool needsToSetModificationDate_ = true;
   bool needsToSetFileSize_ = true;
+  // The date and time fields that came from a date, and so are possible ones; 0 is none.
+  std::uint32_t possibleDateAndTime_ = 0;
   std::uint64_t sourceFileSize_ = 0;
+  KQ::NSAtomicProperty<KQ::NSSharedString> fileName_;
+  KQ::NSAtomicProperty<std::shared_ptr<const std::string>> sourceFilePath_;
+  KQZipExtraFieldList extraFields_;
 };

@@ -24,7 +24,7 @@ std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithStream(KQ::N
 }
 
 bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  const std::optional<std::string> path = sourceFilePath();
+  const auto path = _sharedSourceFilePath();
   const auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
   const std::uint64_t size = attributes ? attributes->NSFileSize.value_or(0) : 0;
   // One pass for the CRC, one for the copy.
@@ -38,7 +38,7 @@ bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSError
   if (!KQZipFileEntry::writeToStream(stream, error) || !_writeHeader(stream, error)) return false;
   const auto source = KQ::NSInputStream::inputStreamWithFileAtPath(*path);
   if (!source) {
-    KQ::NSLog(KQ::stringWithFormat("%@ failed to open file at %@", {description(), path}));
+    KQ::NSLog(KQ::stringWithFormat("%@ failed to open file at %@", {description(), *path}));
     return false;
   }
   source->open();
@@ -65,7 +65,7 @@ bool KQZipFileLocalHeader::_writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorS
 
 bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream,
                                            KQ::NSErrorSlot error) const {
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+  const KQZipTransferBlock buffer;
   std::int64_t count = source.read(buffer.get(), KQZipBlockSize);
   // A write that takes nothing ends the copy as a success and one that takes a part is not completed. It is
   // meant: a stream that has failed says so at the next header's first write.

@@ -37,6 +37,7 @@ void NSFileInputStream::open() {
 }
 
 void NSFileInputStream::close() {
+  _holdBack();
   file_.close();
   buffer_.reset();
   open_ = false;
@@ -44,7 +45,7 @@ void NSFileInputStream::close() {
 }
 
 std::optional<std::uint64_t> NSFileInputStream::NSStreamFileCurrentOffsetKey() const {
-  return _isSeekable() ? std::optional(position_) : std::nullopt;
+  return _isSeekable() ? std::optional(_position()) : std::nullopt;
 }
 
 bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
@@ -53,14 +54,18 @@ bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
     error_ = NSError::errorWithPOSIXCode(seekable ? EOVERFLOW : ESPIPE, path_);
     return false;
   }
+  _holdBack();
   position_ = offset;
   end_.reset();
+  _offerBuffered();
   return true;
 }
 
 std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLength) {
   if (!open_) return _fail(EBADF);
   maxLength = std::min(maxLength, largestOffset);
+  if (takeAtHand(buffer, maxLength)) return static_cast<std::int64_t>(maxLength);
+  _holdBack();
   const std::uint64_t start = position_;
   std::uint64_t total = _takeBuffered(buffer, maxLength);
   while (total < maxLength) {
@@ -75,19 +80,44 @@ std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLeng
     total += static_cast<std::uint64_t>(count);
   }
   status_ = total == 0 && maxLength > 0 ? NSStreamStatusAtEnd : NSStreamStatusOpen;
+  _offerBuffered();
   return static_cast<std::int64_t>(total);
 }
 
 bool NSFileInputStream::hasBytesAvailable() {
   if (!open_) return false;
+  if (atHand_ != atHandEnd_) return true;
+  _holdBack();
   const bool buffered = position_ >= bufferOffset_ && position_ - bufferOffset_ < bufferLength_;
   // An error counts as bytes: the read that follows reports it.
-  return buffered || (end_ != position_ && _fillBuffer(1) != 0);
+  const bool available = buffered || (end_ != position_ && _fillBuffer(1) != 0);
+  _offerBuffered();
+  return available;
 }
 
 bool NSFileInputStream::_isSeekable() const {
   if (!seekable_) seekable_ = file_.isSeekable();
   return *seekable_;
+}
+
+std::uint64_t NSFileInputStream::_position() const {
+  if (atHand_ == nullptr) return position_;
+  return bufferOffset_ + static_cast<std::uint64_t>(atHand_ - buffer_.get());
+}
+
+// Takes back what is at hand, so that position_ tells where the stream stands.
+void NSFileInputStream::_holdBack() {
+  position_ = _position();
+  atHand_ = nullptr;
+  atHandEnd_ = nullptr;
+}
+
+// Bytes taken at hand leave the status as it is, so none are offered while it must change with the next read.
+void NSFileInputStream::_offerBuffered() {
+  if (status_ != NSStreamStatusOpen) return;
+  if (position_ < bufferOffset_ || position_ - bufferOffset_ >= bufferLength_) return;
+  atHand_ = buffer_.get() + (position_ - bufferOffset_);
+  atHandEnd_ = buffer_.get() + bufferLength_;
 }
 
 std::uint64_t NSFileInputStream::_takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength) {

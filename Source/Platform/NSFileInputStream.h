@@ -31,6 +31,9 @@ class NSFileInputStream final : public NSInputStream {
 
  private:
   bool _isSeekable() const;
+  std::uint64_t _position() const;
+  void _holdBack();
+  void _offerBuffered();
   std::uint64_t _takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength);
   std::int64_t _readMore(std::uint8_t* buffer, std::uint64_t maxLength);
   std::int64_t _fillBuffer(std::uint64_t atLeast);
@@ -47,8 +50,9 @@ class NSFileInputStream final : public NSInputStream {
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;
 
-  // Where the next read starts, and which bytes of the file the buffer holds.
+  // Where the next read starts, unless bytes of the buffer are at hand: then their number tells.
   std::uint64_t position_ = 0;
+  // Which bytes of the file the buffer holds.
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t bufferOffset_ = 0;
   std::uint64_t bufferLength_ = 0;

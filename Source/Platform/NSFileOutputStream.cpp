@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace KQ {
@@ -23,18 +22,21 @@ void NSFileOutputStream::open() {
     return;
   }
   buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bufferCapacity);
+  room_ = buffer_.get();
+  roomEnd_ = room_ + bufferCapacity;
   status_ = NSStreamStatusOpen;
 }
 
 void NSFileOutputStream::close() {
   if (status_ == NSStreamStatusOpen) flush();
   const bool closed = file_.close();
-  buffer_.reset();
   if (!closed) {
     _fail(errno);
   } else if (status_ != NSStreamStatusError) {
+    _offerNoRoom();
     status_ = NSStreamStatusClosed;
   }
+  buffer_.reset();
 }
 
 std::int64_t NSFileOutputStream::write(const std::uint8_t* buffer, std::uint64_t maxLength) {
@@ -43,13 +45,7 @@ std::int64_t NSFileOutputStream::write(const std::uint8_t* buffer, std::uint64_t
     return -1;
   }
   const std::uint64_t length = std::min(maxLength, static_cast<std::uint64_t>(INT64_MAX));
-  if (length <= bufferCapacity - buffered_) {
-    if (length != 0) std::memcpy(buffer_.get() + buffered_, buffer, length);
-    buffered_ += length;
-  } else if (!_writeThrough(buffer, length)) {
-    return -1;
-  }
-  accepted_ += length;
+  if (length != 0 && !putIntoRoom(buffer, length) && !_writeThrough(buffer, length)) return -1;
   return static_cast<std::int64_t>(length);
 }
 
@@ -58,16 +54,29 @@ bool NSFileOutputStream::flush() {
   return status_ != NSStreamStatusError;
 }
 
+std::uint64_t NSFileOutputStream::_buffered() const {
+  return room_ == nullptr ? 0 : static_cast<std::uint64_t>(room_ - buffer_.get());
+}
+
+// From here on passedOn_ counts all that was accepted.
+void NSFileOutputStream::_offerNoRoom() {
+  passedOn_ += _buffered();
+  room_ = nullptr;
+  roomEnd_ = nullptr;
+}
+
 // Writes what is buffered and `length` bytes behind it with one call.
 bool NSFileOutputStream::_writeThrough(const std::uint8_t* buffer, std::uint64_t length) {
-  std::array<iovec, 2> pieces{iovec{buffer_.get(), buffered_},
+  std::array<iovec, 2> pieces{iovec{buffer_.get(), _buffered()},
                               iovec{const_cast<std::uint8_t*>(buffer), length}};
   if (!file_.writeAll(pieces.data(), static_cast<int>(pieces.size()))) return _fail(errno);
-  buffered_ = 0;
+  passedOn_ += _buffered() + length;
+  room_ = buffer_.get();
   return true;
 }
 
 bool NSFileOutputStream::_fail(int code) {
+  _offerNoRoom();
   error_ = NSError::errorWithPOSIXCode(code, path_);
   status_ = NSStreamStatusError;
   return false;

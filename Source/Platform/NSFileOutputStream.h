@@ -21,11 +21,15 @@ class NSFileOutputStream final : public NSOutputStream {
   void close() override;
   NSStreamStatus streamStatus() const override { return status_; }
   std::shared_ptr<const NSError> streamError() const override { return error_; }
-  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override { return accepted_; }
+  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override {
+    return passedOn_ + _buffered();
+  }
   std::int64_t write(const std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool flush() override;
 
  private:
+  std::uint64_t _buffered() const;
+  void _offerNoRoom();
   bool _writeThrough(const std::uint8_t* buffer, std::uint64_t length);
   bool _fail(int code);
 
@@ -33,9 +37,9 @@ class NSFileOutputStream final : public NSOutputStream {
   NSFileDescriptor file_;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;
+  // Filled from the front; the room behind what it holds is offered.
   std::unique_ptr<std::uint8_t[]> buffer_;
-  std::uint64_t buffered_ = 0;
-  std::uint64_t accepted_ = 0;
+  std::uint64_t passedOn_ = 0;
 };
 
 }  // namespace KQ

@@ -13,17 +13,22 @@ std::shared_ptr<NSInputStream> NSInputStream::inputStreamWithData(std::shared_pt
 }
 
 void NSMemoryInputStream::open() {
-  if (status_ == NSStreamStatusNotOpen) status_ = NSStreamStatusOpen;
+  if (status_ != NSStreamStatusNotOpen) return;
+  status_ = NSStreamStatusOpen;
+  _standAt(position_);
 }
 
-void NSMemoryInputStream::close() { status_ = NSStreamStatusClosed; }
+void NSMemoryInputStream::close() {
+  status_ = NSStreamStatusClosed;
+  _standAt(_position());
+}
 
 bool NSMemoryInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
   if (offset > INT64_MAX) {
     error_ = NSError::errorWithPOSIXCode(EOVERFLOW, memoryName);
     return false;
   }
-  position_ = offset;
+  _standAt(offset);
   return true;
 }
 
@@ -33,9 +38,10 @@ std::int64_t NSMemoryInputStream::read(std::uint8_t* buffer, std::uint64_t maxLe
     return -1;
   }
   const std::uint64_t count = std::min(maxLength, _bytesLeft());
-  if (count != 0) std::memcpy(buffer, data_->bytes() + position_, count);
-  position_ += count;
+  const std::uint64_t start = _position();
+  if (count != 0) std::memcpy(buffer, data_->bytes() + start, count);
   status_ = count == 0 && maxLength > 0 ? NSStreamStatusAtEnd : NSStreamStatusOpen;
+  _standAt(start + count);
   return static_cast<std::int64_t>(count);
 }
 
@@ -43,9 +49,24 @@ bool NSMemoryInputStream::hasBytesAvailable() {
   return status_ != NSStreamStatusNotOpen && status_ != NSStreamStatusClosed && _bytesLeft() > 0;
 }
 
+std::uint64_t NSMemoryInputStream::_position() const {
+  return atHand_ == nullptr ? position_ : static_cast<std::uint64_t>(atHand_ - data_->bytes());
+}
+
 std::uint64_t NSMemoryInputStream::_bytesLeft() const {
   const std::uint64_t length = data_ ? data_->length() : 0;
-  return position_ < length ? length - position_ : 0;
+  const std::uint64_t position = _position();
+  return position < length ? length - position : 0;
+}
+
+// Bytes taken at hand leave the status as it is, so none are offered while it must change with the next read.
+void NSMemoryInputStream::_standAt(std::uint64_t position) {
+  position_ = position;
+  atHand_ = nullptr;
+  atHandEnd_ = nullptr;
+  if (status_ != NSStreamStatusOpen || _bytesLeft() == 0) return;
+  atHand_ = data_->bytes() + position;
+  atHandEnd_ = data_->bytes() + data_->length();
 }
 
 }  // namespace KQ

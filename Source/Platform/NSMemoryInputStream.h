@@ -18,15 +18,18 @@ class NSMemoryInputStream final : public NSInputStream {
   void close() override;
   NSStreamStatus streamStatus() const override { return status_; }
   std::shared_ptr<const NSError> streamError() const override { return error_; }
-  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override { return position_; }
+  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override { return _position(); }
   bool setNSStreamFileCurrentOffsetKey(std::uint64_t offset) override;
   std::int64_t read(std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool hasBytesAvailable() override;
 
  private:
+  std::uint64_t _position() const;
   std::uint64_t _bytesLeft() const;
+  void _standAt(std::uint64_t position);
 
   std::shared_ptr<const NSData> data_;
+  // Where the next read starts, unless bytes are at hand: then their number tells.
   std::uint64_t position_ = 0;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;

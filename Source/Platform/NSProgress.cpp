@@ -83,10 +83,11 @@ void NSProgress::resignCurrent() {
   if (found == stack.rend()) return;
   const auto own = std::prev(found.base());
 
-  // Kept alive until the end: the stack may hold the last reference to the receiver.
-  const std::vector<Frame> taken(std::make_move_iterator(own), std::make_move_iterator(stack.end()));
+  // The stack may hold the last reference to the receiver.
+  const std::shared_ptr<NSProgress> keptAlive = shared_from_this();
+  const std::uint64_t scope = own->scope;
   stack.erase(own, stack.end());
-  _settleChildrenOfScope(taken.front().scope);
+  _settleChildrenOfScope(scope);
 }
 
 std::int64_t NSProgress::totalUnitCount() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -76,6 +77,23 @@ class KQZIP_EXPORT NSInputStream : public NSStream {
 
   /// False when a read would certainly meet the end; true when there are bytes, or only a read can tell.
   virtual bool hasBytesAvailable() = 0;
+
+  /// Takes `length` bytes out of what the stream has at hand, as a read() of them would, but inline: most
+  /// reads are of 2 to 8 bytes. False, and nothing is taken, when the stream has fewer at hand or `length` is
+  /// 0; read() then fetches more.
+  bool takeAtHand(void* destination, std::uint64_t length) {
+    if (length == 0 || static_cast<std::uint64_t>(atHandEnd_ - atHand_) < length) return false;
+    std::memcpy(destination, atHand_, length);
+    atHand_ += length;
+    return true;
+  }
+
+ protected:
+  /// The bytes at hand, which the stream's next reads would deliver: a part of its buffer. Both are null for
+  /// a stream that offers none, as a host's own does unless it sets them. A stream that counts its offset
+  /// takes the bytes that have gone into account, and offers none while its status is not Open.
+  const std::uint8_t* atHand_ = nullptr;
+  const std::uint8_t* atHandEnd_ = nullptr;  ///< Behind the last of them.
 };
 
 /// A stream to write to.
@@ -101,6 +119,22 @@ class KQZIP_EXPORT NSOutputStream : public NSStream {
 
   /// Everything written so far, for a stream to memory; empty for every other.
   virtual std::shared_ptr<const NSData> NSStreamDataWrittenToMemoryStreamKey() const;
+
+  /// Puts `length` bytes into the room that the stream's buffer has left, as a write() of them would, but
+  /// inline: most writes are of 2 to 8 bytes. False, and nothing is taken, when there is not enough room or
+  /// `length` is 0; write() then makes some.
+  bool putIntoRoom(const void* source, std::uint64_t length) {
+    if (length == 0 || static_cast<std::uint64_t>(roomEnd_ - room_) < length) return false;
+    std::memcpy(room_, source, length);
+    room_ += length;
+    return true;
+  }
+
+ protected:
+  /// Where the next bytes go in the stream's buffer. Both are null for a stream that offers no room, as a
+  /// host's own does unless it sets them, and for one that cannot be written to or has failed.
+  std::uint8_t* room_ = nullptr;
+  std::uint8_t* roomEnd_ = nullptr;  ///< Behind the last byte of the room.
 };
 
 }  // namespace KQ

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,33 @@ namespace KQ {
 namespace {
 
 bool isASCII(char byte) { return static_cast<unsigned char>(byte) < 0x80; }
+
+using Word = std::uint64_t;
+
+Word wordAt(std::string_view bytes, std::size_t position) {
+  Word word = 0;
+  std::memcpy(&word, bytes.data() + position, sizeof(Word));
+  return word;
+}
+
+// How many bytes at the front are surely ASCII: whole words, eight bytes at a time.
+std::size_t lengthOfASCIIWords(std::string_view bytes) {
+  constexpr Word highBits = 0x8080808080808080;
+  std::size_t length = 0;
+  while (length + sizeof(Word) <= bytes.size() && (wordAt(bytes, length) & highBits) == 0)
+    length += sizeof(Word);
+  return length;
+}
+
+// How many bytes at the front are the same.
+std::size_t commonLength(std::string_view left, std::string_view right) {
+  const std::size_t limit = std::min(left.size(), right.size());
+  std::size_t length = 0;
+  while (length + sizeof(Word) <= limit && wordAt(left, length) == wordAt(right, length))
+    length += sizeof(Word);
+  while (length < limit && left[length] == right[length]) ++length;
+  return length;
+}
 
 // The code point at the front of `bytes` and its length, or nothing when the bytes are not valid UTF-8.
 struct CodePoint {
@@ -125,6 +153,7 @@ void appendEscaped(std::string_view bytes, std::string& result) {
 }  // namespace
 
 bool isValidUTF8(std::string_view bytes) {
+  bytes.remove_prefix(lengthOfASCIIWords(bytes));
   while (!bytes.empty()) {
     const auto codePoint = firstCodePoint(bytes);
     if (!codePoint) return false;
@@ -140,19 +169,17 @@ std::optional<std::string> stringWithUTF8Bytes(const void* bytes, std::size_t le
 }
 
 NSComparisonResult compare(std::string_view left, std::string_view right) {
-  const std::size_t common = std::min(left.size(), right.size());
-  const auto difference =
-      std::mismatch(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(common), right.begin());
-  const bool leftEnds = difference.first == left.end();
-  const bool rightEnds = difference.second == right.end();
+  const std::size_t common = commonLength(left, right);
+  const bool leftEnds = common == left.size();
+  const bool rightEnds = common == right.size();
   if (leftEnds && rightEnds) return NSOrderedSame;
 
   // An ASCII character is its own decomposition and no mark moves across it, so a first difference between
   // two of them, or between one and the end, decides.
-  const bool decided = (leftEnds || isASCII(*difference.first)) && (rightEnds || isASCII(*difference.second));
+  const bool decided = (leftEnds || isASCII(left[common])) && (rightEnds || isASCII(right[common]));
   if (!decided) return compareDecomposed(left, right);
   if (leftEnds || rightEnds) return leftEnds ? NSOrderedAscending : NSOrderedDescending;
-  return resultOf(*difference.first - *difference.second);
+  return resultOf(left[common] - right[common]);
 }
 
 bool hasPrefix(std::string_view string, std::string_view prefix) {

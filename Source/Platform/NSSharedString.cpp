@@ -1,0 +1,33 @@
+#include "NSSharedString.h"
+
+#include <algorithm>
+#include <new>
+
+namespace KQ {
+
+NSSharedString::NSSharedString(std::string_view bytes) : block_(_newBlock(bytes.size())) {
+  std::copy(bytes.begin(), bytes.end(), block_->bytes());
+}
+
+NSSharedString::NSSharedString(const std::optional<std::string>& text) {
+  if (text) *this = NSSharedString(std::string_view(*text));
+}
+
+std::optional<std::string> NSSharedString::string() const {
+  if (!isPresent()) return std::nullopt;
+  return std::string(view());
+}
+
+NSSharedString::Block* NSSharedString::_newBlock(std::size_t length) {
+  auto* const block = ::new (::operator new(sizeof(Block) + length)) Block{1, length};
+  std::fill_n(block->bytes(), length, '\0');
+  return block;
+}
+
+void NSSharedString::_release() {
+  if (block_->owners.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  block_->~Block();
+  ::operator delete(block_);
+}
+
+}  // namespace KQ

@@ -1,4 +1,4 @@
-// Packs a folder, lists the archive and reads it back, to a file of its own and to a stream of its own: Consumer FOLDER
+// Packs a folder, lists the archive and reads it back, and writes to a stream of its own: Consumer FOLDER
 #include <KQZip/KQZip.h>
 
 #include <cstdio>
@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
   writer.addFilePath(folder / "tree/sub/b.txt", "sub/b.txt");
   CountingStream stream;
   const bool written = writer.writeToStream(stream, &error);
-  std::printf("%s\n", written && stream.count == std::filesystem::file_size(archive) ? "same size" : "different");
+  std::printf("%s\n",
+              written && stream.count == std::filesystem::file_size(archive) ? "same size" : "different");
   return 0;
 }

@@ -6,19 +6,19 @@ counts, which no noise touches. Every program reads the archives that it meets i
 those of KQZip, the others those of zip or of Python's zipfile. Ratios below 1 mean that KQZip takes less.
 """
 import argparse
-import ctypes
-import datetime
 import json
-import os
-import platform
-import shutil
 import signal
 import sys
 import tempfile
+import time
 
-import programs
-from programs import LIMIT, OURS, RIVALS
+import growth
+import machine
+from programs import LIMIT, OURS, RIVALS, ROOT
 from rows import MIB, QUICK, ROWS, Sizes
+
+
+GROWTH = str(ROOT / "Documentation" / "Growth.svg")
 
 
 def parse_arguments():
@@ -26,6 +26,7 @@ def parse_arguments():
     parser.add_argument("names", metavar="ROW", nargs="*", help="what to measure; everything unless given")
     parser.add_argument("--rows", action="store_true", help="print the names of the rows")
     parser.add_argument("--quick", action="store_true", help="little data, to see whether it works")
+    parser.add_argument("--plot", nargs="?", metavar="FILE", const=GROWTH, help="draw how time grows")
     parser.add_argument("--rounds", type=int, help="runs of each program, 5 unless given")
     parser.add_argument("--json", metavar="FILE", help="write the figures there too")
     parser.add_argument("--folder", help="where the data lies, /dev/shm unless given")
@@ -34,39 +35,6 @@ def parse_arguments():
     if unknown:
         parser.error(f"no row named {', '.join(sorted(unknown))}; --rows names them all")
     return arguments
-
-
-# Where the data lies
-
-
-def free_space(folder):
-    space = shutil.disk_usage(folder).free
-    return min(space, available_memory()) if on_ram_disk(folder) else space
-
-
-def memory_line(name):
-    with open("/proc/meminfo", encoding="ascii") as lines:
-        return next(1024 * int(line.split()[1]) for line in lines if line.startswith(name + ":"))
-
-
-def available_memory():
-    return memory_line("MemAvailable")
-
-
-def on_ram_disk(folder):
-    with open("/proc/mounts", encoding="utf-8") as mounts:
-        points = [line.split()[1] for line in mounts if line.split()[2] == "tmpfs"]
-    return any(os.path.realpath(folder).startswith(point.rstrip("/") + "/") or os.path.realpath(folder) == point
-               for point in points)
-
-
-def choose_folder(given, needed):
-    candidates = [given] if given else ["/dev/shm", tempfile.gettempdir()]
-    for folder in candidates:
-        if os.access(folder, os.W_OK) and free_space(folder) >= needed:
-            return folder
-        print(f"{folder} lacks room for {needed / MIB:,.0f} MiB of data", file=sys.stderr)
-    sys.exit("Give a folder with --folder, or name rows that take less.")
 
 
 # The table
@@ -88,17 +56,19 @@ def title(row, sizes):
     return row.title.format(large=large, **numbers)
 
 
-def ratios(result):
-    """KQZip's figure as a part of the fastest rival's and of the raw limit's, where there are such."""
+def ratios(row, result):
+    """KQZip's time as a part of the fastest rival's and of the raw limit's, where there are such."""
+    if row.unit != "s":
+        return None, None
     ours = result.figures[OURS]
     rivals = [result.figures[name] for name in RIVALS if name in result.figures]
     limit = result.figures.get(LIMIT)
-    return (ours / min(rivals) if rivals and min(rivals) > 0 else None, ours / limit if limit else None)
+    return (ours / min(rivals) if rivals else None, ours / limit if limit else None)
 
 
 def judge(row, result):
     """The targets as text, and whether all of them are met; nothing for a row without a target."""
-    of_rival, of_limit = ratios(result)
+    of_rival, of_limit = ratios(row, result)
     ours = result.figures[OURS]
     targets = [
         (row.of_rival, of_rival, lambda target: f"≤ {target:g} of the fastest rival"),
@@ -118,7 +88,7 @@ def judge(row, result):
 def cells(row, result, sizes):
     columns = [OURS, *RIVALS, LIMIT]
     figures = [formatted(result.figures[name], row.unit) if name in result.figures else "" for name in columns]
-    parts = ["" if ratio is None else f"{ratio:.2f}" for ratio in ratios(result)]
+    parts = ["" if ratio is None else f"{ratio:.2f}" for ratio in ratios(row, result)]
     return [title(row, sizes), *figures, *parts, *judge(row, result)]
 
 
@@ -129,27 +99,38 @@ def table(results, sizes):
     return "\n".join("| " + " | ".join(line) + " |" for line in lines)
 
 
-def machine(folder, rounds):
-    with open("/proc/cpuinfo", encoding="utf-8") as lines:
-        model = next((line.split(":", 1)[1].strip() for line in lines if line.startswith("model name")), platform.machine())
-    zlib = ctypes.CDLL("libz.so.1")
-    zlib.zlibVersion.restype = ctypes.c_char_p
-    place = "a RAM disk" if on_ram_disk(folder) else "a disk"
-    return (f"{datetime.date.today().isoformat()}, {model}, {os.cpu_count()} cores, "
-            f"{memory_line('MemTotal') / 1024 / MIB:.0f} GiB, Linux {platform.release()}, data on {place}, "
-            f"zlib {zlib.zlibVersion().decode()}; times are medians of {rounds} alternating runs.")
-
-
 # The run
 
 
 def measure(row, parent, sizes, rounds):
     with tempfile.TemporaryDirectory(dir=parent) as folder:
-        print(f"{row.name} ...", end="", file=sys.stderr, flush=True)
-        started = datetime.datetime.now()
+        started = time.monotonic()
         result = row.measure(folder, sizes, rounds)
-        print(f" {(datetime.datetime.now() - started).total_seconds():.0f} s", file=sys.stderr)
+    verdict = " ".join(judge(row, result))
+    print(f"{row.name}: {formatted(result.figures[OURS], row.unit)} {verdict} ({time.monotonic() - started:.0f} s)",
+          file=sys.stderr)
     return result
+
+
+def print_table(arguments):
+    sizes = QUICK if arguments.quick else Sizes()
+    rounds = arguments.rounds or (1 if arguments.quick else 5)
+    rows = [row for row in ROWS if not arguments.names or row.name in arguments.names]
+    parent = machine.choose_folder(arguments.folder, max(row.space(sizes) for row in rows))
+    with tempfile.TemporaryDirectory(prefix="kqzip-bench-", dir=parent) as folder:
+        results = [(row, measure(row, folder, sizes, rounds)) for row in rows]
+    print(table(results, sizes))
+    print()
+    print(f"{machine.description(parent)}; times are medians of {rounds} alternating runs.")
+    if arguments.quick:
+        print("A quick run: what is met here says nothing.")
+    return {row.name: {"figures": result.figures, "reference": result.reference} for row, result in results}
+
+
+def draw_growth(arguments):
+    parent = machine.choose_folder(arguments.folder, growth.least_space(arguments.quick))
+    with tempfile.TemporaryDirectory(prefix="kqzip-bench-", dir=parent) as folder:
+        return growth.plot(folder, arguments.plot, machine.description(parent), arguments.quick)
 
 
 def main():
@@ -157,23 +138,11 @@ def main():
     if arguments.rows:
         print("\n".join(row.name for row in ROWS))
         return
-    sizes = QUICK if arguments.quick else Sizes()
-    rounds = arguments.rounds or (1 if arguments.quick else 5)
-    rows = [row for row in ROWS if not arguments.names or row.name in arguments.names]
-    parent = choose_folder(arguments.folder, max(row.space(sizes) for row in rows))
     # A signal ends the program like an error, so that the data goes.
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda number, frame: sys.exit(128 + number))
-
-    with tempfile.TemporaryDirectory(prefix="kqzip-bench-", dir=parent) as folder:
-        results = [(row, measure(row, folder, sizes, rounds)) for row in rows]
-        print(table(results, sizes))
-        print()
-        print(machine(folder, rounds))
-    if arguments.quick:
-        print("A quick run: what is met here says nothing.")
+    figures = draw_growth(arguments) if arguments.plot else print_table(arguments)
     if arguments.json:
-        figures = {row.name: {"figures": result.figures, "reference": result.reference} for row, result in results}
         with open(arguments.json, "w", encoding="utf-8") as file:
             json.dump(figures, file, indent=2)
 

@@ -39,7 +39,7 @@ const Scratch& scratch() {
 
 // A file of that many zero bytes.
 std::string sourceOfSize(std::int64_t size) {
-  const std::string path = scratch().path("source-" + std::to_string(size));
+  std::string path = scratch().path("source-" + std::to_string(size));
   if (!std::filesystem::exists(path)) {
     std::ofstream(path).close();
     std::filesystem::resize_file(path, static_cast<std::uintmax_t>(size));
@@ -61,8 +61,7 @@ void addEntries(KQZipFileWriter& writer, std::int64_t count, std::int64_t size) 
 
 // An archive of that many entries of that size.
 std::string archiveOf(std::int64_t count, std::int64_t size) {
-  const std::string path =
-      scratch().path("archive-" + std::to_string(count) + "-" + std::to_string(size) + ".zip");
+  std::string path = scratch().path("archive-" + std::to_string(count) + "-" + std::to_string(size) + ".zip");
   if (std::filesystem::exists(path)) return path;
   KQZipFileWriter writer;
   addEntries(writer, count, size);

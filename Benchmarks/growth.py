@@ -17,7 +17,7 @@ QUICK_ENTRIES, QUICK_BYTES = [100, 300, 1000, 3000], [size * MIB for size in (1,
 WORKLOADS = ["Packing", "Listing", "Extracting"]
 PROGRAMS = [OURS, *RIVALS]
 # A rival that would take longer for one run is left out from there on.
-PATIENCE = 25
+PATIENCE = 15
 # What one small file takes on a RAM disk, with its archives.
 SPACE_BY_FILE = 6400
 FILES_SIZE = 100
@@ -105,7 +105,7 @@ def measure_bytes(parent, amounts):
 
 COLOURS = dict(zip(PROGRAMS, ["#0b57d0", "#c0392b", "#1e8449", "#b9770e", "#7d3c98"]))
 PANEL_WIDTH, PANEL_HEIGHT = 320, 270
-LEFT, TOP, GAP_X, GAP_Y = 76, 104, 60, 92
+LEFT, TOP, GAP_X, GAP_Y = 76, 104, 78, 92
 WIDTH, HEIGHT = LEFT + 3 * PANEL_WIDTH + 2 * GAP_X + 30, TOP + 2 * PANEL_HEIGHT + GAP_Y + 84
 
 
@@ -156,7 +156,7 @@ class Panel:
         parts.append(f'<rect x="{self.x}" y="{self.y}" width="{PANEL_WIDTH}" height="{PANEL_HEIGHT}" fill="none" '
                      f'stroke="#9a9a9a"/>')
         parts.append(text(self.x + PANEL_WIDTH / 2, self.y - 12, title, font_size=15, font_weight="bold"))
-        parts.append(text(self.x + PANEL_WIDTH / 2, self.y + PANEL_HEIGHT + 38, caption, fill="#555555"))
+        parts.append(text(self.x, self.y + PANEL_HEIGHT + 40, caption, "start", fill="#555555"))
         return parts
 
     def decades(self):
@@ -185,8 +185,8 @@ class Panel:
             parts += [f'<circle cx="{x:.1f}" cy="{y:.1f}" r="{radius}" fill="{COLOURS[name]}"/>' for x, y in points]
         exponent = series.exponent()
         if exponent is not None:
-            parts.append(text(self.x + PANEL_WIDTH - 10, self.y + PANEL_HEIGHT - 12,
-                              f"kqzip: slope {abs(exponent) if abs(exponent) < 0.005 else exponent:.2f}", "end", fill=COLOURS[OURS]))
+            parts.append(text(self.x + PANEL_WIDTH, self.y + PANEL_HEIGHT + 40, f"kqzip: slope {exponent:.2f}", "end",
+                              fill=COLOURS[OURS]))
         return parts
 
 

@@ -78,7 +78,8 @@ def run(command, folder, **options):
 
 def time_in_rounds(commands, folder, prepare, rounds):
     """The seconds of every run of every command. Each round is one call of hyperfine that runs every command once, so
-    what disturbs the machine for a while disturbs all of them; every round begins with another command."""
+    what disturbs the machine for a while disturbs all of them; every round begins with another command. What a command
+    prints goes to /dev/null."""
     names = list(commands)
     seconds = {name: [] for name in names}
     for number in range(rounds):

@@ -244,26 +244,28 @@ def memory_extracting(folder, sizes, rounds):
     return peaks_over_empty(commands, folder, rounds, "rm -rf out && mkdir out")
 
 
-def memory_by_entry(folder, sizes, make_commands):
+def memory_by_entry(folder, sizes, commands):
     """From the difference of two archives, so that what a program needs without entries falls away."""
     few, many = 10, sizes.remembered
     peaks = {}
     for count in (few, many):
         path = f"{folder}/{count}"
         os.mkdir(path)
-        make_archives(path, count, 16)
-        peaks[count] = {name: programs.peak_memory(command, path) for name, command in make_commands().items()}
+        run([programs.MAKE_ARCHIVE, "own.zip", str(count), "16"], path)
+        if ZIP in commands:
+            run([*programs.PYTHON, "make", "foreign.zip", str(count), "16"], path)
+        peaks[count] = {name: programs.peak_memory(command, path) for name, command in commands.items()}
     return Result({name: (peaks[many][name] - peaks[few][name]) / (many - few) for name in peaks[few]})
 
 
 def memory_listing(folder, sizes, rounds):
     commands = programs.list_commands("own.zip", "foreign.zip")
     del commands[LIMIT]
-    return memory_by_entry(folder, sizes, lambda: commands)
+    return memory_by_entry(folder, sizes, commands)
 
 
 def memory_reader(folder, sizes, rounds):
-    return memory_by_entry(folder, sizes, lambda: {OURS: [programs.READ_ENTRIES, "own.zip", "0"]})
+    return memory_by_entry(folder, sizes, {OURS: [programs.READ_ENTRIES, "own.zip", "0"]})
 
 
 # The rows

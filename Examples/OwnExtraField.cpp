@@ -56,7 +56,10 @@ static void list(const std::string& archive) {
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
   KQZipExtraField::registerSubclass<AuthorField>();  // before the first archive is read
-  if (!pack(argv[1], argv[2], argv[3])) return 1;
-  list(argv[1]);
-  return 0;
+  const bool packed = pack(argv[1], argv[2], argv[3]);
+  if (packed)
+    list(argv[1]);
+  else
+    std::fprintf(stderr, "the archive could not be written\n");
+  return packed ? 0 : 1;
 }

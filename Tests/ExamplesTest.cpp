@@ -1,6 +1,10 @@
 // The examples do what they say, and the README shows them as they are.
 
+#include <KQZip/KQZip.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -8,9 +12,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "Support/GoldenArchive.h"
+#include "Support/NamedPipe.h"
+#include "Support/RunningProgram.h"
 #include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -58,6 +65,46 @@ TEST(Examples, AFailureIsToldWithItsReason) {
       KQTest::runProcess({example("ListAndExtract"), directory / "taken.zip", directory / "out"});
   EXPECT_EQ(1, extracted.exitStatus);
   EXPECT_EQ("got unexpected bytes looking for known signatures: 46445025\n", extracted.errors);
+}
+
+TEST(Examples, ListAndExtractStopsAtTheNextBlockWhenReturnIsPressed) {
+  const KQTest::SourceTree tree;
+  const std::string large = KQTest::patternBytes(3 * 1048576);
+  KQZipFileWriter writer;
+  writer.addFilePath(tree.file("in/a", large), "a");
+  writer.addFilePath(tree.file("in/b", "hello"), "b");
+  ASSERT_TRUE(writer.writeToZipPath(tree / "two.zip"));
+  fs::create_directory(tree / "out");
+  KQTest::NamedPipe target(tree / "out/a");
+  const std::string keyboard = tree / "keyboard";
+  ASSERT_EQ(0, mkfifo(keyboard.c_str(), 0600));
+  const int keys = open(keyboard.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(keys, 0);
+
+  std::string extracted;
+  const auto result =
+      KQTest::runProcess({"sh", "-c", "exec \"$0\" two.zip out < keyboard", example("ListAndExtract")},
+                         tree.path().string(), [&](int process) {
+                           const auto threads = [process] {
+                             const fs::directory_iterator list("/proc/" + std::to_string(process) + "/task");
+                             return std::distance(begin(list), end(list));
+                           };
+                           // In the first block, and it cannot go on; so the thread that waits for Return is
+                           // there.
+                           extracted = target.read(1);
+                           const auto before = threads();
+                           EXPECT_EQ(1, write(keys, "\n", 1));
+                           // That thread has cancelled when it is gone.
+                           KQTest::waitUntil([&] { return threads() < before; });
+                           extracted += target.readToEnd();
+                         });
+  close(keys);
+
+  EXPECT_EQ(1, result.exitStatus);
+  EXPECT_EQ("     3145728  a\n           5  b\n", result.output);
+  EXPECT_EQ("Cancelled By User.\n", result.errors);
+  EXPECT_TRUE(large.substr(0, 1048576) == extracted) << extracted.size();
+  EXPECT_FALSE(fs::exists(tree / "out/b"));
 }
 
 TEST(Examples, ReadInPlacePrintsThePartAskedForAndNothingBehindTheEntry) {
@@ -147,6 +194,15 @@ TEST(Examples, OwnExtraFieldReadsItsFieldBackAndLeavesAnArchiveLikeAnyOther) {
   const auto data = reader->dataForRelativePath("a.txt");
   ASSERT_NE(nullptr, data);
   EXPECT_EQ("hello", std::string(data->bytes(), data->bytes() + data->length()));
+}
+
+TEST(Examples, OwnExtraFieldSaysThatItFailed) {
+  const KQTest::SourceTree tree;
+  const auto failed = KQTest::runProcess(
+      {example("OwnExtraField"), tree / "none/one.zip", tree.file("a.txt", "hello"), "Ada Lovelace"});
+  EXPECT_EQ(1, failed.exitStatus);
+  EXPECT_EQ("", failed.output);
+  EXPECT_NE(std::string::npos, failed.errors.find("the archive could not be written\n"));
 }
 
 TEST(Examples, TakeOverLogKeepsTheLinesToItself) {

@@ -8,15 +8,15 @@
 class AuthorField : public KQZipExtraField {
  public:
   static constexpr std::uint16_t identifier = 0x514B;
-  AuthorField() { setFieldSignature(identifier); }
+  explicit AuthorField(const std::string& author = "") {
+    setFieldSignature(identifier);
+    setFieldData(KQ::NSData::dataWithBytes(author.data(), author.size()));
+  }
   static bool isValidForIdentifier(std::uint16_t candidate) { return candidate == identifier; }
 
   std::string author() const {
     const auto data = fieldData();
-    return data ? std::string(data->bytes(), data->bytes() + data->length()) : "";
-  }
-  void setAuthor(const std::string& name) {
-    setFieldData(KQ::NSData::dataWithBytes(name.data(), name.size()));
+    return std::string(data->bytes(), data->bytes() + data->length());
   }
 
  protected:
@@ -28,9 +28,7 @@ class AuthorField : public KQZipExtraField {
 static bool pack(const std::string& archive, const std::string& file, const std::string& author) {
   const auto entry = KQZipFileLocalHeader::initWithSourceFile(file);
   entry->setFileName(KQ::lastPathComponent(file));
-  const auto field = std::make_shared<AuthorField>();
-  field->setAuthor(author);
-  entry->addExtraField(field);
+  entry->addExtraField(std::make_shared<AuthorField>(author));
 
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(archive);
   stream->open();

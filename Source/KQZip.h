@@ -9,6 +9,10 @@
 /// exception that may leave the library is `std::bad_alloc`. Progress and cancellation go through
 /// KQ::NSProgress, log lines through KQ::NSSetLogSink().
 
+/// @namespace KQ
+/// What the library needs of the system: streams, files, progress, errors, the log, dates and strings. None
+/// of it knows of archives.
+
 #include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "FileHeader/KQZipFileEntry.h"
 #include "FileHeader/KQZipFileLocalHeader.h"

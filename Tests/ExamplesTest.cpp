@@ -39,6 +39,12 @@ TEST(Examples, PackTreePacksAFolderAndListAndExtractGivesItBack) {
   const auto packed = KQTest::runProcess({example("PackTree"), archive, directory / "tree"});
   EXPECT_EQ(0, packed.exitStatus) << packed.errors;
   EXPECT_EQ("", packed.output);
+  const std::string bar = "\r[" + std::string(40, '#') + "] 100 %";
+  const std::string full = bar + "\n";
+  EXPECT_EQ('\r', packed.errors.front());
+  ASSERT_LE(bar.size() + full.size(), packed.errors.size());
+  EXPECT_EQ(full, packed.errors.substr(packed.errors.size() - full.size()));
+  EXPECT_EQ(0U, (packed.errors.size() - full.size()) % bar.size()) << "every bar is as wide";
 
   const auto extracted = KQTest::runProcess({example("ListAndExtract"), archive, directory / "out"});
   EXPECT_EQ("           5  a.txt\n     3145729  deep/er/b.bin\n",
@@ -59,7 +65,7 @@ TEST(Examples, AFailureIsToldWithItsReason) {
   const auto packed = KQTest::runProcess({example("PackTree"), directory / "taken.zip", directory / "tree"});
   EXPECT_EQ(1, packed.exitStatus);
   EXPECT_NE(std::string::npos,
-            packed.errors.find("Could not write to zip path " + (directory / "taken.zip")));
+            packed.errors.find("\nCould not write to zip path " + (directory / "taken.zip") + "\n"));
 
   const auto extracted =
       KQTest::runProcess({example("ListAndExtract"), directory / "taken.zip", directory / "out"});

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Interruption.h"
+#include "Json.h"
 #include "Message.h"
 
 namespace fs = std::filesystem;
@@ -55,12 +56,28 @@ std::string number(std::uint64_t value) { return std::to_string(value); }
 
 std::string Problem::sentence() const { return entry ? inQuotes(*entry) + " " + text : text; }
 
+void Problem::addTo(Json& json) const {
+  json.beginObject();
+  if (entry)
+    json.addName("entry", *entry);
+  else
+    json.addNull("entry");
+  json.addText("problem", KQ::stringByEscapingUnprintables(text));
+  json.endObject();
+}
+
 ArchiveScan::ArchiveScan(std::string path, const KQ::NSProgress& work) : path_(std::move(path)) {
   fileSize_ = sizeOfArchive(path_);
   stream_ = KQ::NSInputStream::inputStreamWithFileAtPath(path_);
   if (!stream_) throw Failure(inQuotes(path_) + " cannot be opened");
   stream_->open();
   scan(work);
+}
+
+std::uint64_t ArchiveScan::totalLength() const {
+  std::uint64_t bytes = 0;
+  for (const ArchiveEntry& entry : entries_) bytes += entry.length();
+  return bytes;
 }
 
 std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {

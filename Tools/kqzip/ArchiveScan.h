@@ -20,11 +20,15 @@ struct ArchiveEntry {
 
   /// Bytes of data.
   std::uint64_t length() const { return header->dataLengthFromHeader(); }
+  /// Where its local header begins; a parsed header's offset is behind the 4 bytes of the signature.
+  std::uint64_t startInArchive() const { return header->offset() - 4; }
   /// True for a name that ends in "/".
   bool isFolder() const { return !name.empty() && name.back() == '/'; }
   /// True when the data is no use without a password.
   bool isEncrypted() const { return (header->flags() & 1U) != 0; }
 };
+
+class Json;
 
 /// What is wrong with an archive, or with one entry of it.
 struct Problem {
@@ -33,6 +37,9 @@ struct Problem {
 
   /// As one sentence.
   std::string sentence() const;
+
+  /// As an object of the array that is open: "entry", null where there is none, and "problem".
+  void addTo(Json& json) const;
 };
 
 /// Reads an archive's records from its first byte to its last, as the library's reader does, but keeps what
@@ -55,6 +62,9 @@ class ArchiveScan {
 
   /// The entries that count, in the order of the archive: of several with one name the last.
   std::vector<const ArchiveEntry*> currentEntries() const;
+
+  /// Bytes of data of all entries together.
+  std::uint64_t totalLength() const;
 
   /// The archive's central directory as far as it was read.
   const std::vector<CentralRecord>& centralRecords() const { return centralRecords_; }

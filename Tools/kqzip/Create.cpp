@@ -114,10 +114,10 @@ bool existsAt(const std::string& path) {
   return fs::exists(path, ignored);
 }
 
-std::string sizeOfFile(const std::string& path) {
+ProgressLine::Amount sizeOfFile(const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = fs::file_size(path, error);
-  return readableSize(error ? 0 : size);
+  return error ? ProgressLine::Amount{readableSize(0), 0} : ProgressLine::Amount{readableSize(size), size};
 }
 
 void check(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {

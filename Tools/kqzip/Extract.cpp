@@ -7,6 +7,7 @@
 
 #include "ArchiveScan.h"
 #include "Destination.h"
+#include "EntryProgress.h"
 #include "ExtractionPlan.h"
 #include "Interruption.h"
 #include "Message.h"
@@ -53,17 +54,23 @@ void setDate(const ArchiveEntry& entry, const std::string& path) {
     throw Failure(errorText(error, inQuotes(path) + " cannot be given its date"));
 }
 
+std::uint64_t lengthOf(const ExtractionPlan& plan) {
+  std::uint64_t bytes = 0;
+  for (const ExtractionItem& item : plan.items) bytes += item.entry->length();
+  return bytes;
+}
+
 void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
-                  KQ::NSProgress& entries) {
+                  EntryProgress& progress) {
   std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
   for (const ExtractionItem& item : plan.items) {
-    requireNotInterrupted(entries);
-    entries.becomeCurrentWithPendingUnitCount(1);
+    requireNotInterrupted(progress.work());
+    progress.begin(*item.entry);
     if (item.entry->isFolder())
       folders.emplace_back(item.entry, destination.folder(item.target));
     else
-      extractFile(archive, *item.entry, destination.placeForFile(item.target), entries);
-    entries.resignCurrent();
+      extractFile(archive, *item.entry, destination.placeForFile(item.target), progress.work());
+    progress.end();
   }
   // Last, because a folder's date changes with its contents.
   for (const auto& [entry, path] : folders) setDate(*entry, path);
@@ -87,10 +94,9 @@ void extract(const ExtractOptions& options, const std::shared_ptr<KQ::NSProgress
   const ExtractionPlan plan = planExtraction(archive, options.paths);
   const Destination destination(options.directory, options.unsafePaths);
   {
-    const auto entries =
-        KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(plan.items.size()));
-    const ProgressLine line(!options.quiet, work, entriesDone(entries));
-    extractItems(archive, plan, destination, *entries);
+    EntryProgress progress(plan.items.size(), lengthOf(plan));
+    const ProgressLine line(!options.quiet, work, progress.measure());
+    extractItems(archive, plan, destination, progress);
   }
   requireNothingLeftOut(archive, plan);
 }

@@ -52,6 +52,12 @@ std::string padded(std::uint64_t number, std::size_t width, char fill);
 /// Eight hexadecimal digits.
 std::string hexadecimal(std::uint32_t value);
 
+/// A text with blanks in front of it up to a width.
+std::string rightAligned(const std::string& text, std::size_t width);
+
+/// An amount of bytes as a person reads it, "12 B", "1.5 MiB".
+std::string readableSize(std::uint64_t bytes);
+
 /// Writes the text to standard error as it stands, in one call, so that lines of several programs do not mix.
 void printToStandardError(const std::string& text);
 

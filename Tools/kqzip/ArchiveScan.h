@@ -34,9 +34,13 @@ class Json;
 struct Problem {
   std::optional<std::string> entry;  ///< The entry's name, if one is concerned and its name is known.
   std::string text;                  ///< What is wrong; goes on from the name where there is one.
+  std::string advice = {};           ///< What to do about it, where that is not to verify the archive.
 
   /// As one sentence.
   std::string sentence() const;
+
+  /// What to do about it, for the end of a message.
+  std::string nextStep() const;
 
   /// As an object of the array that is open: "entry", null where there is none, and "problem".
   void addTo(Json& json) const;

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "Destination.h"
 #include "EntryProgress.h"
@@ -21,7 +22,7 @@ namespace {
 
 std::string partialFile(const std::string& path) {
   std::error_code ignored;
-  return fs::exists(path, ignored) ? " (partial file left at " + path + ")" : "";
+  return fs::exists(path, ignored) ? "partial file left at " + path : "";
 }
 
 // An archive that ends early yields a short file, which the export counts as a success; this one had all of
@@ -31,8 +32,10 @@ void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
   const std::uintmax_t size = fs::file_size(path, error);
   if (error) failWithSystemError(error.value(), path);
   if (size != entry.length()) {
-    throw Failure(inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
-                  std::to_string(entry.length()) + " bytes" + partialFile(path));
+    const std::string text = inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
+                             std::to_string(entry.length()) + " bytes";
+    throw Failure(
+        withRemarks(text, {partialFile(path), "the archive was cut meanwhile, see if it is being changed"}));
   }
 }
 
@@ -40,8 +43,8 @@ void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const st
                  const KQ::NSProgress& work) {
   std::shared_ptr<const KQ::NSError> error;
   if (!entry.header->exportFileToPath(path, archive.stream(), &error)) {
-    if (work.isCancelled()) throw Failure("interrupted" + partialFile(path), Interrupted);
-    throw Failure(errorText(error, inQuotes(entry.name) + " cannot be read") + partialFile(path));
+    if (work.isCancelled()) throw Failure(withRemarks("interrupted", {partialFile(path)}), Interrupted);
+    failWithError(error, inQuotes(entry.name) + " cannot be read", {partialFile(path)});
   }
   requireWholeCopy(entry, path);
 }
@@ -51,7 +54,7 @@ void setDate(const ArchiveEntry& entry, const std::string& path) {
   attributes.NSFileModificationDate = entry.header->modificationDate();
   std::shared_ptr<const KQ::NSError> error;
   if (!KQ::NSFileManager::setAttributes(attributes, path, &error))
-    throw Failure(errorText(error, inQuotes(path) + " cannot be given its date"));
+    failWithError(error, inQuotes(path) + " cannot be given its date");
 }
 
 std::uint64_t lengthOf(const ExtractionPlan& plan) {
@@ -82,8 +85,9 @@ void requireNothingLeftOut(const ArchiveScan& archive, const ExtractionPlan& pla
   if (archive.problem()) problems.push_back(*archive.problem());
   if (problems.empty()) return;
   const std::string more =
-      problems.size() == 1 ? "" : " (and " + std::to_string(problems.size() - 1) + " more left out)";
-  throw Failure(archive.path() + ": " + problems.front().sentence() + more);
+      problems.size() == 1 ? "" : "and " + std::to_string(problems.size() - 1) + " more left out";
+  throw Failure(
+      withRemarks(archive.path() + ": " + problems.front().sentence(), {more, problems.front().nextStep()}));
 }
 
 }  // namespace

@@ -6,12 +6,25 @@
 #include <array>
 #include <cmath>
 
+#include "Advice.h"
 #include "Colour.h"
 
 namespace Tool {
 
 void failWithSystemError(int code, const std::string& path) {
-  throw Failure(KQ::NSError::errorWithPOSIXCode(code, path)->localizedDescription());
+  failWithSystemError(code, path, adviceFor(code));
+}
+
+void failWithSystemError(int code, const std::string& path, const std::string& advice) {
+  const std::string text = KQ::NSError::errorWithPOSIXCode(code, path)->localizedDescription();
+  throw Failure(withRemarks(text, {advice}));
+}
+
+void failWithError(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise,
+                   const std::vector<std::string>& remarks) {
+  std::vector<std::string> all = remarks;
+  all.push_back(adviceFor(error));
+  throw Failure(withRemarks(errorText(error, otherwise), all));
 }
 
 std::string errorText(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise) {

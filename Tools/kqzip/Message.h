@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Tool {
 
@@ -30,8 +31,14 @@ class Failure : public std::runtime_error {
   ExitStatus status_;
 };
 
-/// Throws the system's reason `code` for what could not be done with `path`.
+/// Throws the system's reason `code` for what could not be done with `path`, and what to do about it.
 [[noreturn]] void failWithSystemError(int code, const std::string& path);
+[[noreturn]] void failWithSystemError(int code, const std::string& path, const std::string& advice);
+
+/// Throws an error of the library, or `otherwise` where it gives none, with `remarks` and what to do about
+/// it.
+[[noreturn]] void failWithError(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise,
+                                const std::vector<std::string>& remarks = {});
 
 /// The text of an error of the library, or `otherwise` where it gives none.
 std::string errorText(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise);

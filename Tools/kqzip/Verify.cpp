@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "DirectoryComparison.h"
 #include "EntryProgress.h"
@@ -103,8 +104,11 @@ void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>&
     throw;
   }
   report->end();
-  if (report->problems() != 0)
-    throw Failure(options.archive + ": " + counted(report->problems(), "problem", "problems") + " found");
+  if (report->problems() == 0) return;
+  const std::string text =
+      options.archive + ": " + counted(report->problems(), "problem", "problems") + " found";
+  throw Failure(withRemarks(
+      text, {options.summary ? "kqzip extract gives back what is whole" : "remove it and pack again"}));
 }
 
 }  // namespace Tool

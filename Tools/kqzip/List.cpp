@@ -106,6 +106,8 @@ void printLines(const ListOptions& options, const ArchiveScan& archive, Standard
 }  // namespace
 
 void list(const ListOptions& options, const KQ::NSProgress& work) {
+  if (options.isJson && (options.isLong || options.endsNull || options.isHuman))
+    throw Failure("--json goes without --long, --null and --human-readable", WrongUsage);
   const ArchiveScan archive(options.archive, work);
   StandardOutput output;
   if (options.isJson)

@@ -92,6 +92,7 @@ std::unique_ptr<VerifyReport> makeReport(const VerifyOptions& options, const Arc
 }  // namespace
 
 void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+  if (options.isJson && options.isHuman) throw Failure("--json goes without --human-readable", WrongUsage);
   const ArchiveScan archive(options.archive, *work);
   EntryProgress progress(archive.entries().size(), archive.totalLength());
   ProgressLine line(!options.quiet, work, progress.measure());

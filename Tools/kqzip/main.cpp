@@ -97,8 +97,7 @@ void defineList(CLI::App& app, Command& command) {
   list->add_flag("-l,--long", options->isLong, "With type ('-' file, 'd' folder), size in bytes and date");
   list->add_flag("-0,--null", options->endsNull, "Names as they stand, each with a NUL behind it");
   addHumanReadable(list, options->isHuman);
-  list->add_flag("--json", options->isJson, "All there is to know, as one JSON document")
-      ->excludes("--long", "--null", "--human-readable");
+  list->add_flag("--json", options->isJson, "All there is to know, as one JSON document");
   list->callback([options, &command] {
     command.run = [options](const auto& work) { Tool::list(*options, *work); };
     command.onInterruption = OnInterruption::EndAtOnce;
@@ -146,8 +145,7 @@ void defineVerify(CLI::App& app, Command& command) {
   addPositional(verify, "ARCHIVE", options->archive, "The archive to check")->required();
   addQuiet(verify, options->quiet, "Show no progress, and print nothing when all is right");
   addHumanReadable(verify, options->isHuman);
-  verify->add_flag("--json", options->isJson, "Always print one JSON document instead")
-      ->excludes("--human-readable");
+  verify->add_flag("--json", options->isJson, "Always print one JSON document instead");
   verify->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::verify(*options, work); }; });
 }

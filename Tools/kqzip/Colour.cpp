@@ -9,9 +9,9 @@ namespace Tool {
 
 namespace {
 
-// Empty for a variable that is not set.
+// Empty for a variable that is not set. No thread of the tool sets any.
 std::string_view environmentVariable(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
   return value == nullptr ? std::string_view() : value;
 }
 

@@ -18,10 +18,10 @@ struct ArchiveEntry {
   std::string name;                              ///< The bytes of the name as stored, valid UTF-8 or not.
   std::shared_ptr<KQZipFileLocalHeader> header;  ///< Everything else.
 
+  /// Offset of the local header's first byte; a parsed header's own offset is 4 bytes past it.
+  std::uint64_t localHeaderAt() const { return header->offset() - 4; }
   /// Bytes of data.
   std::uint64_t length() const { return header->dataLengthFromHeader(); }
-  /// Where its local header begins; a parsed header's offset is behind the 4 bytes of the signature.
-  std::uint64_t startInArchive() const { return header->offset() - 4; }
   /// True for a name that ends in "/".
   bool isFolder() const { return !name.empty() && name.back() == '/'; }
   /// True when the data is no use without a password.

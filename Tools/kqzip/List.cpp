@@ -75,7 +75,7 @@ void addEntry(Json& json, const ArchiveEntry& entry) {
   json.addNumber("size", entry.length());
   json.addText("modified", isoDate(entry.header->modificationDate()));
   json.addText("crc32", hexadecimal(entry.header->crc32()));
-  json.addNumber("offset", entry.startInArchive());
+  json.addNumber("offset", entry.localHeaderAt());
   json.addNumber("dataOffset", entry.header->offsetOfDataInArchive());
   json.endObject();
 }

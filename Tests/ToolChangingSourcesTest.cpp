@@ -18,7 +18,7 @@ namespace {
 
 std::string changed(const std::string& name, const std::string& archive) {
   return "\"" + name + "\" changed while it was packed, so the archive cannot be read back (left at " +
-         archive + ")";
+         archive + "; remove it and pack again)";
 }
 
 // A file of the system that has bytes and claims to have none, like one that grows while it is packed.

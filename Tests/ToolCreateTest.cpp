@@ -24,7 +24,7 @@ namespace {
 const std::string createUsage = "kqzip create [OPTIONS] ARCHIVE SOURCE...";
 const std::string anyUsage = "kqzip [OPTIONS] COMMAND";
 
-std::string reason(int code) { return std::string(": ") + std::strerror(code); }
+std::string reason(int code) { return systemReason(code); }
 
 void expectArchive(const std::string& path, const std::vector<GoldenEntry>& entries) {
   expectSameBytes(goldenArchive(entries), readFile(path), path);
@@ -141,7 +141,8 @@ TEST(ToolCreate, TwoFilesWithOneNameAreAnErrorThatNamesBoth) {
   const std::string first = folder.file("x/a.txt", "1");
   const std::string second = folder.file("y/a.txt", "2");
   expectRefused(folder, {first, second},
-                "\"" + first + "\" and \"" + second + "\" would have the same name, \"a.txt\"");
+                "\"" + first + "\" and \"" + second +
+                    "\" would have the same name, \"a.txt\" (rename one, or pack their folder)");
 }
 
 TEST(ToolCreate, WhatDoesNotExistIsAnErrorBeforeAnArchiveIsMade) {
@@ -165,9 +166,9 @@ TEST(ToolCreate, SpecialFilesAreAnErrorBeforeAnArchiveIsMade) {
   const std::string fifo = folder / "fifo";
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
 
-  expectRefused(folder, {fifo}, "\"" + fifo + "\" is not a regular file");
-  expectRefused(folder, {file, fifo}, "\"" + fifo + "\" is not a regular file");
-  expectRefused(folder, {"/dev/null"}, "\"/dev/null\" is not a regular file");
+  expectRefused(folder, {fifo}, "\"" + fifo + "\" is not a regular file (leave it out)");
+  expectRefused(folder, {file, fifo}, "\"" + fifo + "\" is not a regular file (leave it out)");
+  expectRefused(folder, {"/dev/null"}, "\"/dev/null\" is not a regular file (leave it out)");
 }
 
 TEST(ToolCreate, WhatMayNotBeReadOrWrittenIsAnErrorAndNeverAnEmptyArchive) {
@@ -205,7 +206,8 @@ TEST(ToolCreate, AnExistingArchiveIsRefusedAndLeftAsItIs) {
   const SourceTree folder;
   folder.file("tree/a.txt", "text");
   const std::string archive = folder.file("out.zip", "something else");
-  const std::string message = "Could not write to zip path " + archive;
+  const std::string message =
+      "Could not write to zip path " + archive + " (it exists, remove it or choose another name)";
 
   expectFailed(runTool({"create", archive, folder / "tree"}), message);
   expectFailed(runTool({"create", archive, folder / "tree/a.txt"}), message);
@@ -219,7 +221,8 @@ TEST(ToolCreate, AnArchiveWithoutAParentFolderIsRefused) {
   folder.file("tree/a.txt", "text");
   const std::string archive = folder / "missing/out.zip";
   expectFailed(runTool({"create", archive, folder / "tree"}),
-               "Could not write to zip path " + archive + " because parent directory doesn't exist");
+               "Could not write to zip path " + archive +
+                   " because parent directory doesn't exist (make that folder first)");
   expectNothingAt(folder / "missing");
 }
 
@@ -253,7 +256,8 @@ TEST(ToolCreate, APartialArchiveThatAFailureLeavesIsNamed) {
     const rlimit limit{100000, 100000};
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
     expectFailed(runTool({"create", archive, folder / "tree"}),
-                 "Error writing file (partial archive left at " + archive + ")");
+                 "Error writing file (partial archive left at " + archive +
+                     "; remove it before another try; check that there is room for it)");
   });
   EXPECT_LE(fs::file_size(archive), 100000U);
 }

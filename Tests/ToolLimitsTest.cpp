@@ -26,7 +26,9 @@ TEST(ToolLimits, CreateFailsAndNamesThePartialArchive) {
   const auto result = runLimited({"create", archive, directory / "tree"});
   EXPECT_EQ(1, result.exitStatus);
   EXPECT_EQ("", result.output);
-  EXPECT_EQ("kqzip: Error writing file (partial archive left at " + archive + ")\n", result.errors);
+  EXPECT_EQ("kqzip: Error writing file (partial archive left at " + archive +
+                "; remove it before another try; check that there is room for it)\n",
+            result.errors);
 }
 
 TEST(ToolLimits, ExtractFailsForASmallFileAndForALargeOne) {
@@ -40,7 +42,8 @@ TEST(ToolLimits, ExtractFailsForASmallFileAndForALargeOne) {
     const std::string target = directory / "out/a.bin";
     const auto result = runLimited({"extract", "-C", directory / "out", archive});
     EXPECT_EQ(1, result.exitStatus);
-    EXPECT_EQ("kqzip: Failed to write to stream at " + target + " (partial file left at " + target + ")\n",
+    EXPECT_EQ("kqzip: Failed to write to stream at " + target + " (partial file left at " + target +
+                  "; check that there is room for it)\n",
               result.errors);
   }
 }

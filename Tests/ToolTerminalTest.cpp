@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -86,6 +88,57 @@ bool showsLine(const std::string& printed, const std::string& shape) {
   return std::regex_search(printed, std::regex("\r" + shape + " *(\r|$)"));
 }
 
+const std::string bar = "\\[#*\\.*\\]  ";
+const std::string size = "[0-9.]+ ([KMG]i)?B";
+const std::string duration = "[0-9:]*[0-9]:[0-9][0-9]";
+
+/// The tool with these arguments on a terminal that can rewrite a line; `environment` changes what else it
+/// finds.
+std::vector<std::string> onTerminal(const std::vector<std::string>& arguments,
+                                    const std::vector<std::string>& environment = {"NO_COLOR=1"}) {
+  std::vector<std::string> command{"/usr/bin/env", "-u", "NO_COLOR", "TERM=xterm"};
+  command.insert(command.end(), environment.begin(), environment.end());
+  const std::vector<std::string> tool = toolCommand(arguments);
+  command.insert(command.end(), tool.begin(), tool.end());
+  return command;
+}
+
+/// What the tool prints on one terminal for both streams.
+std::string printedBy(const std::vector<std::string>& command) {
+  return RunningProgram(command, Streams::BothOnTerminal, 300).finish().errors;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// A file that no other process can open for some time.
+class LeasedFile {
+ public:
+  explicit LeasedFile(const std::string& path) : file_(open(path.c_str(), O_RDWR | O_CLOEXEC)) {
+    // Sent when another process wants to open the file.
+    std::signal(SIGIO, SIG_IGN);
+    isHeld_ = fcntl(file_, F_SETLEASE, F_WRLCK) == 0;
+  }
+  ~LeasedFile() { close(file_); }
+  LeasedFile(const LeasedFile&) = delete;
+  LeasedFile& operator=(const LeasedFile&) = delete;
+
+  bool isHeld() const { return isHeld_; }
+
+ private:
+  int file_;
+  bool isHeld_ = false;
+};
+
+/// An archive with one entry that is right and one that is not.
+std::string wrongArchive(const std::string& path) {
+  std::string bytes = archiveBytes({plainRecord("a", "1"), plainRecord("b", "xyz")});
+  bytes.replace(bytes.find("xyz"), 3, "XYZ");
+  writeFile(path, bytes);
+  return path;
+}
+
 /// An archive whose entry "a" is small, and "large" takes several times as long to read as the line takes to
 /// appear. Its checksum is wrong, and there is no central directory.
 std::string slowArchive(const std::string& path, std::uint64_t length = gibibyte) {
@@ -101,15 +154,14 @@ std::string slowArchive(const std::string& path, std::uint64_t length = gibibyte
 TEST(ToolTerminal, CreateShowsOneLineThatIsErasedAtTheEnd) {
   const TemporaryDirectory folder;
   const std::string archive = folder / "a.zip";
-  RunningProgram tool(toolCommand({"create", archive, sparseFile(folder / "large", 64 * gibibyte)}),
+  RunningProgram tool(onTerminal({"create", archive, sparseFile(folder / "large", 64 * gibibyte)}),
                       Streams::ErrorsOnTerminal, 300);
   tool.readErrorsUntil("%");
   tool.send(SIGINT);
   const ProcessResult result = tool.finish();
   EXPECT_EQ(130, result.exitStatus);
   EXPECT_EQ("", result.output);
-  EXPECT_TRUE(showsLine(result.errors, "[0-9]+%  [0-9.]+ (bytes|[KMG]iB)  [0-9]+:[0-9][0-9]"))
-      << result.errors;
+  EXPECT_TRUE(showsLine(result.errors, bar + "[0-9]+%  " + size + ".*")) << result.errors;
   EXPECT_EQ((Lines{"kqzip: interrupted (partial archive left at " + archive + ")", ""}),
             Screen(result.errors).lines());
 }
@@ -118,13 +170,13 @@ TEST(ToolTerminal, ExtractCountsEntriesAndErasesItsLine) {
   const TemporaryDirectory folder;
   const std::string target = folder / "out/large";
   RunningProgram tool(
-      toolCommand({"extract", "-C", folder / "out", slowArchive(folder / "a.zip", 16 * gibibyte)}),
+      onTerminal({"extract", "-C", folder / "out", slowArchive(folder / "a.zip", 16 * gibibyte)}),
       Streams::ErrorsOnTerminal, 300);
   tool.readErrorsUntil("1/2 entries");
   tool.send(SIGINT);
   const ProcessResult result = tool.finish();
   EXPECT_EQ(130, result.exitStatus);
-  EXPECT_TRUE(showsLine(result.errors, "[5-9][0-9]%  1/2 entries  [0-9]+:[0-9][0-9]")) << result.errors;
+  EXPECT_TRUE(showsLine(result.errors, bar + "[0-9]+%  1/2 entries.*")) << result.errors;
   EXPECT_EQ((Lines{"kqzip: interrupted (partial file left at " + target + ")", ""}),
             Screen(result.errors).lines());
 }
@@ -132,46 +184,94 @@ TEST(ToolTerminal, ExtractCountsEntriesAndErasesItsLine) {
 TEST(ToolTerminal, VerifyPrintsItsLinesBesideTheProgress) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip", 2 * gibibyte);
-  RunningProgram tool(toolCommand({"verify", archive}), Streams::BothOnTerminal, 300);
+  RunningProgram tool(onTerminal({"verify", archive}), Streams::BothOnTerminal, 300);
   const ProcessResult result = tool.finish();
   EXPECT_EQ(1, result.exitStatus);
-  EXPECT_TRUE(showsLine(result.errors, "[5-9][0-9]%  1/2 entries  [0-9]+:[0-9][0-9]")) << result.errors;
+  EXPECT_TRUE(showsLine(result.errors, bar + "[0-9]+%  1/2 entries.*")) << result.errors;
   const Lines lines = Screen(result.errors).lines();
   ASSERT_EQ(5U, lines.size()) << result.errors;
   EXPECT_EQ(0U, lines[0].find("large: CRC-32 is "));
   EXPECT_EQ("a: is not in the central directory", lines[1]);
   EXPECT_EQ("large: is not in the central directory", lines[2]);
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found", lines[3]);
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)", lines[3]);
   EXPECT_EQ("", lines[4]);
+}
+
+TEST(ToolTerminal, TheLineHasABarARateAndTheTimeThatIsLeft) {
+  const TemporaryDirectory folder;
+  RunningProgram tool(onTerminal({"verify", slowArchive(folder / "a.zip", 256 * gibibyte)}),
+                      Streams::ErrorsOnTerminal, 80);
+  tool.readErrorsUntil(" left");
+  tool.send(SIGINT);
+  const std::string printed = tool.finish().errors;
+  EXPECT_TRUE(
+      showsLine(printed, "\\[#*\\.{20,30}\\]  [0-9]+%  1/2 entries  " + size + "/s  " + duration + " left"))
+      << printed;
+  EXPECT_EQ((Lines{"kqzip: interrupted", ""}), Screen(printed).lines());
+}
+
+TEST(ToolTerminal, ALargeEntryCountsForMoreThanASmallOne) {
+  const TemporaryDirectory folder;
+  RunningProgram tool(onTerminal({"verify", slowArchive(folder / "a.zip", 256 * gibibyte)}),
+                      Streams::ErrorsOnTerminal, 80);
+  tool.readErrorsUntil("1/2 entries");
+  tool.send(SIGINT);
+  const std::string printed = tool.finish().errors;
+  EXPECT_TRUE(showsLine(printed, bar + "0%  1/2 entries.*")) << printed;
 }
 
 TEST(ToolTerminal, TheLineIsNeverAsWideAsTheTerminal) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip", 256 * gibibyte);
   const std::string message = "kqzip: interrupted";
-  for (const int columns : {2, 9}) {
-    RunningProgram tool(toolCommand({"verify", archive}), Streams::ErrorsOnTerminal,
-                        static_cast<unsigned short>(columns));
-    // The first character of the percentage is as good a sign as any.
-    tool.readErrorsUntil("\r5");
+  struct Narrow {
+    unsigned short columns;
+    std::string sign;
+    std::string shape;
+  };
+  const std::vector<Narrow> terminals{{2, "\r0", "0"},
+                                      {9, "0%", "0%"},
+                                      {16, "1/2 entries", "0%  1/2 entries"},
+                                      {30, "1/2 entries", "\\[\\.{10}\\]  0%  1/2 entries"}};
+  for (const auto& [columns, sign, shape] : terminals) {
+    SCOPED_TRACE(columns);
+    RunningProgram tool(onTerminal({"verify", archive}), Streams::ErrorsOnTerminal, columns);
+    tool.readErrorsUntil(sign);
     tool.send(SIGINT);
     const std::string printed = tool.finish().errors;
     const std::string line = printed.substr(0, printed.find(message));
-    EXPECT_EQ(static_cast<std::size_t>(columns - 1), Screen(line).width()) << printed;
+    EXPECT_LT(Screen(line).width(), std::size_t{columns}) << printed;
+    EXPECT_TRUE(showsLine(printed, shape)) << printed;
     EXPECT_EQ((Lines{message, ""}), Screen(printed).lines());
   }
+}
+
+TEST(ToolTerminal, ASecondInterruptionErasesTheLineToo) {
+  const TemporaryDirectory folder;
+  writeFile(folder / "file", "text");
+  const LeasedFile lease(folder / "file");
+  if (!lease.isHeld()) GTEST_SKIP() << "no file can be leased here";
+  // What waits to open the file does not end by itself.
+  RunningProgram tool(onTerminal({"create", folder / "a.zip", folder / "file"}), Streams::ErrorsOnTerminal,
+                      80);
+  tool.readErrorsUntil("%");
+  tool.sendUntilItEnds(SIGINT);
+  const ProcessResult result = tool.finish();
+  EXPECT_EQ(130, result.exitStatus);
+  EXPECT_EQ((Lines{"kqzip: interrupted", ""}), Screen(result.errors).lines());
 }
 
 TEST(ToolTerminal, QuietShowsNothingHoweverLongItTakes) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip");
-  RunningProgram verify(toolCommand({"verify", "-q", archive}), Streams::ErrorsOnTerminal);
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found\r\n", verify.finish().errors);
+  RunningProgram verify(onTerminal({"verify", "-q", archive}), Streams::ErrorsOnTerminal);
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\r\n",
+            verify.finish().errors);
 
   // So much is not written before a line would have been shown.
   constexpr std::uint64_t much = gibibyte / 2;
   const std::string target = folder / "out/large";
-  RunningProgram extract(toolCommand({"extract", "-q", "-C", folder / "out", archive}),
+  RunningProgram extract(onTerminal({"extract", "-q", "-C", folder / "out", archive}),
                          Streams::ErrorsOnTerminal);
   waitUntil([&] { return sizeOf(target) > much; });
   extract.send(SIGINT);
@@ -180,7 +280,7 @@ TEST(ToolTerminal, QuietShowsNothingHoweverLongItTakes) {
 
   const std::string created = folder / "b.zip";
   RunningProgram create(
-      toolCommand({"create", "--quiet", created, sparseFile(folder / "large", 2 * gibibyte)}),
+      onTerminal({"create", "--quiet", created, sparseFile(folder / "large", 2 * gibibyte)}),
       Streams::ErrorsOnTerminal);
   waitUntil([&] { return sizeOf(created) > 0; });
   create.send(SIGINT);
@@ -191,15 +291,72 @@ TEST(ToolTerminal, NothingIsShownWhereStandardErrorIsNoTerminal) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip");
   const ProcessResult result = runTool({"verify", archive});
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found\n", result.errors);
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\n",
+            result.errors);
   EXPECT_EQ(0U, result.output.find("large: CRC-32 is "));
 }
 
 TEST(ToolTerminal, ListAndCatShowNoProgress) {
   const TemporaryDirectory folder;
   writeFile(folder / "a.zip", archiveBytes({plainRecord("a", "text\n")}));
-  RunningProgram list(toolCommand({"list", folder / "a.zip"}), Streams::BothOnTerminal);
+  RunningProgram list(onTerminal({"list", folder / "a.zip"}), Streams::BothOnTerminal);
   EXPECT_EQ("a\r\n", list.finish().errors);
-  RunningProgram cat(toolCommand({"cat", folder / "a.zip", "a"}), Streams::BothOnTerminal);
+  RunningProgram cat(onTerminal({"cat", folder / "a.zip", "a"}), Streams::BothOnTerminal);
   EXPECT_EQ("text\r\n", cat.finish().errors);
+}
+
+TEST(ToolTerminal, ATerminalThatCannotRewriteALineShowsNoProgress) {
+  const TemporaryDirectory folder;
+  const std::string archive = slowArchive(folder / "a.zip");
+  for (const std::vector<std::string>& environment :
+       std::vector<std::vector<std::string>>{{"TERM=dumb"}, {"TERM="}, {"-u", "TERM"}}) {
+    SCOPED_TRACE(environment.back());
+    std::vector<std::string> command{"/usr/bin/env"};
+    command.insert(command.end(), environment.begin(), environment.end());
+    const std::vector<std::string> tool = toolCommand({"verify", archive});
+    command.insert(command.end(), tool.begin(), tool.end());
+    RunningProgram verify(command, Streams::ErrorsOnTerminal, 300);
+    EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\r\n",
+              verify.finish().errors);
+  }
+}
+
+TEST(ToolColour, MarksOnATerminalWhatIsWrongAndWhatIsRight) {
+  const TemporaryDirectory folder;
+  writeFile(folder / "a.zip", archiveBytes({plainRecord("a", "1")}));
+  EXPECT_EQ("1 entry, 1 byte: \x1B[32mall right\x1B[0m\r\n",
+            printedBy(onTerminal({"verify", folder / "a.zip"}, {})));
+  const std::string printed = printedBy(onTerminal({"verify", wrongArchive(folder / "b.zip")}, {}));
+  EXPECT_TRUE(contains(printed, "b: \x1B[31mCRC-32 is ")) << printed;
+  EXPECT_TRUE(contains(printed, "\x1B[31mkqzip:\x1B[0m " + (folder / "b.zip") + ": 1 problem found"))
+      << printed;
+  EXPECT_EQ(0U, printedBy(onTerminal({"pack"}, {})).find("\x1B[31mkqzip:\x1B[0m there is no command"));
+}
+
+TEST(ToolColour, IsNotUsedWhereItIsNotWantedOrNotUnderstood) {
+  const TemporaryDirectory folder;
+  const std::string archive = wrongArchive(folder / "a.zip");
+  const std::vector<std::vector<std::string>> environments{
+      {"NO_COLOR=1"}, {"NO_COLOR=0"}, {"TERM=dumb"}, {"TERM="}, {"NO_COLOR=", "TERM=dumb"}};
+  for (const auto& environment : environments) {
+    SCOPED_TRACE(environment.front());
+    const std::string printed = printedBy(onTerminal({"verify", archive}, environment));
+    EXPECT_TRUE(contains(printed, "b: CRC-32 is ")) << printed;
+    EXPECT_FALSE(contains(printed, "\x1B")) << printed;
+  }
+  // An empty NO_COLOR is none.
+  EXPECT_TRUE(contains(printedBy(onTerminal({"verify", archive}, {"NO_COLOR="})), "\x1B[31m"));
+}
+
+TEST(ToolColour, GoesToNoPipe) {
+  const TemporaryDirectory folder;
+  const std::string archive = wrongArchive(folder / "a.zip");
+  const ProcessResult piped = runProcess(onTerminal({"verify", archive}, {}));
+  EXPECT_EQ(1, piped.exitStatus);
+  EXPECT_FALSE(contains(piped.output + piped.errors, "\x1B"));
+  // Each stream is looked at by itself.
+  const ProcessResult half =
+      RunningProgram(onTerminal({"verify", archive}, {}), Streams::ErrorsOnTerminal, 300).finish();
+  EXPECT_FALSE(contains(half.output, "\x1B")) << half.output;
+  EXPECT_TRUE(contains(half.errors, "\x1B[31mkqzip:")) << half.errors;
 }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +22,19 @@ inline std::vector<std::string> toolCommand(const std::vector<std::string>& argu
 /// Runs the tool to its end, in `directory` if one is given.
 inline ProcessResult runTool(const std::vector<std::string>& arguments, const std::string& directory = {}) {
   return runProcess(toolCommand(arguments), directory);
+}
+
+/// What the tool puts behind a path for a reason of the system: the reason, and what to do about it.
+inline std::string systemReason(int code) {
+  static const std::map<int, std::string> advice{{ENOENT, "check the path"},
+                                                 {ENOTDIR, "check the path"},
+                                                 {EACCES, "check the permissions"},
+                                                 {EEXIST, "choose another path"},
+                                                 {EILSEQ, "rename it, names must be UTF-8"},
+                                                 {ENAMETOOLONG, "a shorter name is needed"},
+                                                 {ENOSPC, "check that there is room for it"}};
+  const auto found = advice.find(code);
+  return std::string(": ") + std::strerror(code) + (found == advice.end() ? "" : " (" + found->second + ")");
 }
 
 /// Expects that the tool did what it was told and printed `output`, and nothing on standard error.

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "DirectoryComparison.h"
 #include "Message.h"
@@ -31,8 +32,9 @@ void requireReadableArchive(const std::string& archive, const KQ::NSProgress& wo
   const ArchiveScan scan(archive, work);
   const std::optional<Problem> problem = firstProblem(scan);
   if (!problem) return;
-  throw Failure(culprit(scan, *problem) +
-                " changed while it was packed, so the archive cannot be read back (left at " + archive + ")");
+  const std::string text =
+      culprit(scan, *problem) + " changed while it was packed, so the archive cannot be read back";
+  throw Failure(withRemarks(text, {"left at " + archive, "remove it and pack again"}));
 }
 
 }  // namespace Tool

@@ -12,7 +12,9 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Advice.h"
 #include "Interruption.h"
+#include "Json.h"
 #include "Message.h"
 
 namespace fs = std::filesystem;
@@ -38,11 +40,13 @@ constexpr std::int64_t unsupportedCompression = -101;
 constexpr unsigned dataDescriptorFlag = 8;
 
 std::uint64_t sizeOfArchive(const std::string& path) {
+  if (!KQ::isValidUTF8(path)) failWithSystemError(EILSEQ, path);
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (error) failWithSystemError(error.value(), path);
-  if (fs::is_directory(status)) failWithSystemError(EISDIR, path);
-  if (!fs::is_regular_file(status)) throw Failure(inQuotes(path) + " is not a regular file");
+  if (fs::is_directory(status)) failWithSystemError(EISDIR, path, "kqzip create packs a folder");
+  if (!fs::is_regular_file(status))
+    throw Failure(withRemarks(inQuotes(path) + " is not a regular file", {"copy it to one"}));
   if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
   const std::uint64_t size = fs::file_size(path, error);
   if (error) failWithSystemError(error.value(), path);
@@ -55,12 +59,30 @@ std::string number(std::uint64_t value) { return std::to_string(value); }
 
 std::string Problem::sentence() const { return entry ? inQuotes(*entry) + " " + text : text; }
 
+std::string Problem::nextStep() const { return advice.empty() ? verifyTellsMore : advice; }
+
+void Problem::addTo(Json& json) const {
+  json.beginObject();
+  if (entry)
+    json.addName("entry", *entry);
+  else
+    json.addNull("entry");
+  json.addText("problem", KQ::stringByEscapingUnprintables(text));
+  json.endObject();
+}
+
 ArchiveScan::ArchiveScan(std::string path, const KQ::NSProgress& work) : path_(std::move(path)) {
   fileSize_ = sizeOfArchive(path_);
   stream_ = KQ::NSInputStream::inputStreamWithFileAtPath(path_);
   if (!stream_) throw Failure(inQuotes(path_) + " cannot be opened");
   stream_->open();
   scan(work);
+}
+
+std::uint64_t ArchiveScan::totalLength() const {
+  std::uint64_t bytes = 0;
+  for (const ArchiveEntry& entry : entries_) bytes += entry.length();
+  return bytes;
 }
 
 std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {
@@ -73,12 +95,14 @@ std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {
 }
 
 void ArchiveScan::requireNoProblem() const {
-  if (problem_) throw Failure(path_ + ": " + problem_->sentence());
+  if (problem_) throw Failure(withRemarks(path_ + ": " + problem_->sentence(), {problem_->nextStep()}));
 }
 
 Failure ArchiveScan::missing(const std::string& name) const {
   const std::string text = path_ + ": " + inQuotes(name) + " is not in the archive";
-  return Failure(problem_ ? text + " as far as it can be read: " + problem_->sentence() : text);
+  if (!problem_) return Failure(withRemarks(text, {"kqzip list shows what is"}));
+  return Failure(
+      withRemarks(text + " as far as it can be read: " + problem_->sentence(), {problem_->nextStep()}));
 }
 
 void ArchiveScan::scan(const KQ::NSProgress& work) {
@@ -222,7 +246,7 @@ bool ArchiveScan::stopInsideLocalHeader(std::uint64_t start,
   const auto reason = error ? error : stream_->streamError();
   if (!reason) return stop({name, "has extra fields that do not fit its header"});
   if (reason->code() == unsupportedCompression)
-    return stop({name, "is compressed; only stored entries can be read"});
+    return stop({name, "is compressed; only stored entries can be read", otherProgramNeeded});
   return stop({name, "cannot be read: " + reason->localizedDescription()});
 }
 
@@ -241,8 +265,9 @@ bool ArchiveScan::stopAtUnknownBytes(std::uint32_t signature, std::uint64_t star
   }
   if (stopBehindEntryWithoutSize(start)) return false;
   const std::string unknown = "unknown signature " + hexadecimal(signature) + " at offset " + number(start);
-  return stop({std::nullopt,
-               start == 0 ? "this is no archive, or something stands in front of it: " + unknown : unknown});
+  if (start != 0) return stop({std::nullopt, unknown});
+  return stop({std::nullopt, "this is no archive, or something stands in front of it: " + unknown,
+               "check that it is the right file"});
 }
 
 // Where no record follows an entry that says that its sizes come behind its data, they do: then its end is
@@ -253,7 +278,8 @@ bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
   const bool endsHere = last.header->offsetOfDataInArchive() + last.length() == start;
   if (!endsHere || (last.header->flags() & dataDescriptorFlag) == 0) return false;
   if (last.length() == 0) entries_.pop_back();
-  stop({last.name, "has its size behind its data, in a data descriptor, which cannot be read"});
+  stop({last.name, "has its size behind its data, in a data descriptor, which cannot be read",
+        otherProgramNeeded});
   return true;
 }
 

@@ -18,6 +18,8 @@ struct ArchiveEntry {
   std::string name;                              ///< The bytes of the name as stored, valid UTF-8 or not.
   std::shared_ptr<KQZipFileLocalHeader> header;  ///< Everything else.
 
+  /// Offset of the local header's first byte; a parsed header's own offset is 4 bytes past it.
+  std::uint64_t localHeaderAt() const { return header->offset() - 4; }
   /// Bytes of data.
   std::uint64_t length() const { return header->dataLengthFromHeader(); }
   /// True for a name that ends in "/".
@@ -26,13 +28,22 @@ struct ArchiveEntry {
   bool isEncrypted() const { return (header->flags() & 1U) != 0; }
 };
 
+class Json;
+
 /// What is wrong with an archive, or with one entry of it.
 struct Problem {
   std::optional<std::string> entry;  ///< The entry's name, if one is concerned and its name is known.
   std::string text;                  ///< What is wrong; goes on from the name where there is one.
+  std::string advice = {};           ///< What to do about it, where that is not to verify the archive.
 
   /// As one sentence.
   std::string sentence() const;
+
+  /// What to do about it, for the end of a message.
+  std::string nextStep() const;
+
+  /// As an object of the array that is open: "entry", null where there is none, and "problem".
+  void addTo(Json& json) const;
 };
 
 /// Reads an archive's records from its first byte to its last, as the library's reader does, but keeps what
@@ -55,6 +66,9 @@ class ArchiveScan {
 
   /// The entries that count, in the order of the archive: of several with one name the last.
   std::vector<const ArchiveEntry*> currentEntries() const;
+
+  /// Bytes of data of all entries together.
+  std::uint64_t totalLength() const;
 
   /// The archive's central directory as far as it was read.
   const std::vector<CentralRecord>& centralRecords() const { return centralRecords_; }

@@ -1,5 +1,6 @@
 #include "Cat.h"
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "EntryReading.h"
 #include "Message.h"
@@ -21,14 +22,16 @@ const ArchiveEntry& entryNamed(const ArchiveScan& archive, const std::string& na
 void cat(const CatOptions& options, const KQ::NSProgress& work) {
   const ArchiveScan archive(options.archive, work);
   const ArchiveEntry& entry = entryNamed(archive, options.path);
-  if (entry.isEncrypted()) throw Failure(inQuotes(entry.name) + " is encrypted");
+  if (entry.isEncrypted())
+    throw Failure(withRemarks(inQuotes(entry.name) + " is encrypted", {otherProgramNeeded}));
   StandardOutput output;
   const std::uint64_t count =
       readEntry(archive, entry, [&output](std::string_view block) { output.write(block); });
   output.flush();
-  if (count != entry.length())
-    throw Failure(inQuotes(entry.name) + " ends after " + std::to_string(count) + " of " +
-                  std::to_string(entry.length()) + " bytes");
+  if (count == entry.length()) return;
+  const std::string text = inQuotes(entry.name) + " ends after " + std::to_string(count) + " of " +
+                           std::to_string(entry.length()) + " bytes";
+  throw Failure(withRemarks(text, {"the archive was cut meanwhile, see if it is being changed"}));
 }
 
 }  // namespace Tool

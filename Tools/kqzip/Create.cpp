@@ -10,6 +10,7 @@
 #include <map>
 #include <system_error>
 
+#include "Advice.h"
 #include "ArchiveCheck.h"
 #include "Message.h"
 #include "ProgressLine.h"
@@ -55,7 +56,8 @@ Packing packingOfDirectory(const CreateOptions& options) {
 }
 
 void requireReadableFile(const std::string& path) {
-  if (!fs::is_regular_file(statusOf(path))) throw Failure(inQuotes(path) + " is not a regular file");
+  if (!fs::is_regular_file(statusOf(path)))
+    throw Failure(withRemarks(inQuotes(path) + " is not a regular file", {"leave it out"}));
   if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
 }
 
@@ -72,8 +74,9 @@ std::map<std::string, std::string> namesOfFiles(const std::vector<std::string>& 
     requireFaithfulText(name, file);
     const auto [known, isNew] = argumentOfName.emplace(name, file);
     if (!isNew) {
-      throw Failure(inQuotes(known->second) + " and " + inQuotes(file) + " would have the same name, " +
-                    inQuotes(name));
+      const std::string text =
+          inQuotes(known->second) + " and " + inQuotes(file) + " would have the same name, " + inQuotes(name);
+      throw Failure(withRemarks(text, {"rename one, or pack their folder"}));
     }
   }
   return argumentOfName;
@@ -114,10 +117,19 @@ bool existsAt(const std::string& path) {
   return fs::exists(path, ignored);
 }
 
-std::string sizeOfFile(const std::string& path) {
+// The library refuses a path that exists, and one without a folder to be in, with the same code.
+std::string adviceOnArchive(const std::shared_ptr<const KQ::NSError>& error, bool existedBefore,
+                            bool isPartial) {
+  constexpr std::int64_t refusedPath = -1;
+  if (isPartial) return "remove it before another try";
+  if (!error || error->code() != refusedPath) return {};
+  return existedBefore ? "it exists, remove it or choose another name" : "make that folder first";
+}
+
+ProgressLine::Amount sizeOfFile(const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = fs::file_size(path, error);
-  return readableSize(error ? 0 : size);
+  return error ? ProgressLine::Amount{readableSize(0), 0} : ProgressLine::Amount{readableSize(size), size};
 }
 
 void check(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
@@ -144,9 +156,10 @@ void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>&
   }
   if (done) return check(options, work);
   const bool isPartial = !existedBefore && existsAt(options.archive);
-  const std::string trace = isPartial ? " (partial archive left at " + options.archive + ")" : "";
-  if (work->isCancelled()) throw Failure("interrupted" + trace, Interrupted);
-  throw Failure(errorText(error, "a file could not be read while it was packed") + trace);
+  const std::string trace = isPartial ? "partial archive left at " + options.archive : "";
+  if (work->isCancelled()) throw Failure(withRemarks("interrupted", {trace}), Interrupted);
+  failWithError(error, "a file could not be read while it was packed",
+                {trace, adviceOnArchive(error, existedBefore, isPartial)});
 }
 
 }  // namespace Tool

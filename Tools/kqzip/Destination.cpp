@@ -7,6 +7,7 @@
 #include <memory>
 #include <system_error>
 
+#include "Advice.h"
 #include "Message.h"
 
 namespace fs = std::filesystem;
@@ -18,7 +19,7 @@ namespace {
 void createFolders(const std::string& path) {
   std::shared_ptr<const KQ::NSError> error;
   if (!KQ::NSFileManager::createDirectoryAtPath(path, true, &error))
-    throw Failure(errorText(error, inQuotes(path) + " cannot be created"));
+    failWithError(error, inQuotes(path) + " cannot be created");
 }
 
 void createFolder(const fs::path& path) {
@@ -36,7 +37,7 @@ fs::file_status statusOf(const fs::path& path) {
 
 void requireFolderBehind(const fs::path& path) {
   std::error_code ignored;
-  if (!fs::is_directory(path, ignored)) failWithSystemError(ENOTDIR, path.string());
+  if (!fs::is_directory(path, ignored)) failWithSystemError(ENOTDIR, path.string(), inTheWay);
 }
 
 void remove(const fs::path& path) {
@@ -74,12 +75,12 @@ std::string Destination::placeForFile(const std::string& path) const {
   std::string full = KQ::stringByAppendingPathComponent(directory_.string(), path);
   const fs::file_status status = statusOf(full);
   if (status.type() == fs::file_type::not_found) return full;
-  if (fs::is_directory(status)) failWithSystemError(EISDIR, full);
+  if (fs::is_directory(status)) failWithSystemError(EISDIR, full, inTheWay);
   if (fs::is_symlink(status)) {
     if (followLinks_) return full;
     requireInside(full);
   } else if (!fs::is_regular_file(status)) {
-    throw Failure(inQuotes(full) + " is in the way and is not a regular file");
+    throw Failure(withRemarks(inQuotes(full) + " is in the way and is not a regular file", {inTheWay}));
   }
   remove(full);
   return full;
@@ -99,8 +100,9 @@ void Destination::requireInside(const fs::path& link) const {
   const auto difference =
       std::mismatch(realDirectory_.begin(), realDirectory_.end(), real.begin(), real.end());
   if (error || difference.first != realDirectory_.end()) {
-    throw Failure(inQuotes(link.string()) + " is a symbolic link that leads out of " +
-                  inQuotes(directory_.string()));
+    const std::string text =
+        inQuotes(link.string()) + " is a symbolic link that leads out of " + inQuotes(directory_.string());
+    throw Failure(withRemarks(text, {"remove it, or --unsafe-paths follows it"}));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "Advice.h"
 #include "Message.h"
 
 namespace Tool {
@@ -12,8 +13,9 @@ namespace {
 constexpr std::uint64_t blockSize = 1048576;
 
 [[noreturn]] void failReading(const ArchiveScan& archive, const ArchiveEntry& entry) {
-  throw Failure(inQuotes(entry.name) +
-                " cannot be read: " + errorText(archive.stream().streamError(), "unknown reason"));
+  const auto error = archive.stream().streamError();
+  const std::string text = inQuotes(entry.name) + " cannot be read: " + errorText(error, "unknown reason");
+  throw Failure(withRemarks(text, {adviceFor(error)}));
 }
 
 }  // namespace

@@ -5,8 +5,10 @@
 #include <system_error>
 #include <utility>
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "Destination.h"
+#include "EntryProgress.h"
 #include "ExtractionPlan.h"
 #include "Interruption.h"
 #include "Message.h"
@@ -20,7 +22,7 @@ namespace {
 
 std::string partialFile(const std::string& path) {
   std::error_code ignored;
-  return fs::exists(path, ignored) ? " (partial file left at " + path + ")" : "";
+  return fs::exists(path, ignored) ? "partial file left at " + path : "";
 }
 
 // An archive that ends early yields a short file, which the export counts as a success; this one had all of
@@ -30,8 +32,10 @@ void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
   const std::uintmax_t size = fs::file_size(path, error);
   if (error) failWithSystemError(error.value(), path);
   if (size != entry.length()) {
-    throw Failure(inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
-                  std::to_string(entry.length()) + " bytes" + partialFile(path));
+    const std::string text = inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
+                             std::to_string(entry.length()) + " bytes";
+    throw Failure(
+        withRemarks(text, {partialFile(path), "the archive was cut meanwhile, see if it is being changed"}));
   }
 }
 
@@ -39,8 +43,8 @@ void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const st
                  const KQ::NSProgress& work) {
   std::shared_ptr<const KQ::NSError> error;
   if (!entry.header->exportFileToPath(path, archive.stream(), &error)) {
-    if (work.isCancelled()) throw Failure("interrupted" + partialFile(path), Interrupted);
-    throw Failure(errorText(error, inQuotes(entry.name) + " cannot be read") + partialFile(path));
+    if (work.isCancelled()) throw Failure(withRemarks("interrupted", {partialFile(path)}), Interrupted);
+    failWithError(error, inQuotes(entry.name) + " cannot be read", {partialFile(path)});
   }
   requireWholeCopy(entry, path);
 }
@@ -50,20 +54,26 @@ void setDate(const ArchiveEntry& entry, const std::string& path) {
   attributes.NSFileModificationDate = entry.header->modificationDate();
   std::shared_ptr<const KQ::NSError> error;
   if (!KQ::NSFileManager::setAttributes(attributes, path, &error))
-    throw Failure(errorText(error, inQuotes(path) + " cannot be given its date"));
+    failWithError(error, inQuotes(path) + " cannot be given its date");
+}
+
+std::uint64_t lengthOf(const ExtractionPlan& plan) {
+  std::uint64_t bytes = 0;
+  for (const ExtractionItem& item : plan.items) bytes += item.entry->length();
+  return bytes;
 }
 
 void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
-                  KQ::NSProgress& entries) {
+                  EntryProgress& progress) {
   std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
   for (const ExtractionItem& item : plan.items) {
-    requireNotInterrupted(entries);
-    entries.becomeCurrentWithPendingUnitCount(1);
+    requireNotInterrupted(progress.work());
+    progress.begin(*item.entry);
     if (item.entry->isFolder())
       folders.emplace_back(item.entry, destination.folder(item.target));
     else
-      extractFile(archive, *item.entry, destination.placeForFile(item.target), entries);
-    entries.resignCurrent();
+      extractFile(archive, *item.entry, destination.placeForFile(item.target), progress.work());
+    progress.end();
   }
   // Last, because a folder's date changes with its contents.
   for (const auto& [entry, path] : folders) setDate(*entry, path);
@@ -75,8 +85,9 @@ void requireNothingLeftOut(const ArchiveScan& archive, const ExtractionPlan& pla
   if (archive.problem()) problems.push_back(*archive.problem());
   if (problems.empty()) return;
   const std::string more =
-      problems.size() == 1 ? "" : " (and " + std::to_string(problems.size() - 1) + " more left out)";
-  throw Failure(archive.path() + ": " + problems.front().sentence() + more);
+      problems.size() == 1 ? "" : "and " + std::to_string(problems.size() - 1) + " more left out";
+  throw Failure(
+      withRemarks(archive.path() + ": " + problems.front().sentence(), {more, problems.front().nextStep()}));
 }
 
 }  // namespace
@@ -87,10 +98,9 @@ void extract(const ExtractOptions& options, const std::shared_ptr<KQ::NSProgress
   const ExtractionPlan plan = planExtraction(archive, options.paths);
   const Destination destination(options.directory, options.unsafePaths);
   {
-    const auto entries =
-        KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(plan.items.size()));
-    const ProgressLine line(!options.quiet, work, entriesDone(entries));
-    extractItems(archive, plan, destination, *entries);
+    EntryProgress progress(plan.items.size(), lengthOf(plan));
+    const ProgressLine line(!options.quiet, work, progress.measure());
+    extractItems(archive, plan, destination, progress);
   }
   requireNothingLeftOut(archive, plan);
 }

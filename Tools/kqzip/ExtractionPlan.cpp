@@ -5,6 +5,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "Advice.h"
 #include "Message.h"
 #include "PathSelection.h"
 
@@ -41,10 +42,13 @@ std::string targetOf(std::string_view name) {
   return target;
 }
 
+constexpr char catGivesIt[] = "kqzip cat gives its data";
+
 std::optional<Problem> whyNotExtractable(const ArchiveEntry& entry) {
-  if (entry.isEncrypted()) return Problem{entry.name, "is encrypted"};
-  if (!KQ::isValidUTF8(entry.name)) return Problem{entry.name, "is not valid UTF-8"};
-  if (entry.isFolder() && entry.length() != 0) return Problem{entry.name, "is a folder, but has data"};
+  if (entry.isEncrypted()) return Problem{entry.name, "is encrypted", otherProgramNeeded};
+  if (!KQ::isValidUTF8(entry.name)) return Problem{entry.name, "is not valid UTF-8", catGivesIt};
+  if (entry.isFolder() && entry.length() != 0)
+    return Problem{entry.name, "is a folder, but has data", catGivesIt};
   return std::nullopt;
 }
 
@@ -53,8 +57,10 @@ using FilesByTarget = std::unordered_map<std::string_view, const ArchiveEntry*>;
 void requireNoFileAt(std::string_view target, const ExtractionItem& item, const FilesByTarget& files) {
   const auto found = files.find(target);
   if (found == files.end()) return;
-  throw Failure(inQuotes(found->second->name) + " is a file where " + inQuotes(item.entry->name) +
-                " needs a folder");
+  const std::string text =
+      inQuotes(found->second->name) + " is a file where " + inQuotes(item.entry->name) + " needs a folder";
+  throw Failure(
+      withRemarks(text, {"extract what is below the folder by its PATH, and the file with kqzip cat"}));
 }
 
 void refuseFilesInTheWay(const std::vector<ExtractionItem>& items) {
@@ -86,9 +92,10 @@ std::vector<ExtractionItem> lastOfEachTarget(const std::vector<ExtractionItem>& 
 void refuseUnsafeNames(const ArchiveScan& archive, bool unsafePaths) {
   for (const ArchiveEntry& entry : archive.entries()) {
     const std::string refusal = "unsafe name " + inQuotes(entry.name) + ": it ";
-    if (entry.name.find('\0') != std::string::npos) throw Failure(refusal + "has a NUL");
+    if (entry.name.find('\0') != std::string::npos)
+      throw Failure(withRemarks(refusal + "has a NUL", {"kqzip cat gives the other entries"}));
     const auto reason = unsafePaths ? std::nullopt : whyUnsafe(entry.name);
-    if (reason) throw Failure(refusal + *reason);
+    if (reason) throw Failure(withRemarks(refusal + *reason, {"--unsafe-paths takes names as they stand"}));
   }
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Message.h"
+#include "ProgressLine.h"
 
 namespace Tool {
 
@@ -46,6 +47,7 @@ void InterruptionWatch::run(KQ::NSProgress& work, OnInterruption action) const {
     work.cancel();
     if (!isInterrupted()) return;
   }
+  ProgressLine::eraseForGood();
   printMessage("interrupted");
   _exit(Interrupted);
 }

@@ -1,11 +1,14 @@
 #include "List.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <vector>
 
 #include "ArchiveScan.h"
+#include "Json.h"
 #include "Message.h"
 #include "StandardOutput.h"
 
@@ -21,10 +24,16 @@ std::vector<const ArchiveEntry*> sortedEntries(const ArchiveScan& archive) {
   return entries;
 }
 
-std::size_t widthOfSizes(const std::vector<const ArchiveEntry*>& entries) {
-  std::uint64_t largest = 0;
-  for (const ArchiveEntry* entry : entries) largest = std::max(largest, entry->length());
-  return std::to_string(largest).size();
+std::string sizeText(std::uint64_t size, bool isHuman) {
+  return isHuman ? readableSize(size) : std::to_string(size);
+}
+
+// The largest size has the most digits, but not the longest text in units.
+std::size_t widthOfSizes(const std::vector<const ArchiveEntry*>& entries, bool isHuman) {
+  std::size_t width = 0;
+  for (const ArchiveEntry* entry : entries)
+    width = std::max(width, sizeText(entry->length(), isHuman).size());
+  return width;
 }
 
 std::string dateText(KQ::NSDate date) {
@@ -35,24 +44,76 @@ std::string dateText(KQ::NSDate date) {
 }
 
 // Type, size and date, with a blank behind each.
-std::string details(const ArchiveEntry& entry, std::size_t sizeWidth) {
+std::string details(const ArchiveEntry& entry, std::size_t sizeWidth, bool isHuman) {
   const std::string type = entry.isFolder() ? "d " : "- ";
-  return type + padded(entry.length(), sizeWidth, ' ') + " " + dateText(entry.header->modificationDate()) +
-         " ";
+  return type + rightAligned(sizeText(entry.length(), isHuman), sizeWidth) + " " +
+         dateText(entry.header->modificationDate()) + " ";
+}
+
+// How far local time was ahead of UTC at that date, "+01:00".
+std::string zoneText(KQ::NSDate date, const KQ::NSDateComponents& local) {
+  using namespace std::chrono;
+  const auto day = sys_days(year(local.year) / month(static_cast<unsigned>(local.month)) /
+                            std::chrono::day(static_cast<unsigned>(local.day)));
+  const auto asUTC = day + hours(local.hour) + minutes(local.minute) + seconds(local.second);
+  const auto ahead = duration_cast<minutes>(asUTC - floor<seconds>(date)).count();
+  const auto size = static_cast<std::uint64_t>(std::abs(ahead));
+  std::string text(1, ahead < 0 ? '-' : '+');
+  return text.append(padded(size / 60, 2, '0')).append(":").append(padded(size % 60, 2, '0'));
+}
+
+std::string isoDate(KQ::NSDate date) {
+  std::string text = dateText(date);
+  text[text.find(' ')] = 'T';
+  return text + zoneText(date, KQ::NSCalendar::componentsFromDate(date));
+}
+
+void addEntry(Json& json, const ArchiveEntry& entry) {
+  json.beginObject();
+  json.addName("name", entry.name);
+  json.addText("type", entry.isFolder() ? "folder" : "file");
+  json.addNumber("size", entry.length());
+  json.addText("modified", isoDate(entry.header->modificationDate()));
+  json.addText("crc32", hexadecimal(entry.header->crc32()));
+  json.addNumber("offset", entry.localHeaderAt());
+  json.addNumber("dataOffset", entry.header->offsetOfDataInArchive());
+  json.endObject();
+}
+
+void printDocument(const ArchiveScan& archive, StandardOutput& output) {
+  Json json(output);
+  json.beginObject();
+  json.addText("archive", archive.path());
+  json.beginArray("entries");
+  for (const ArchiveEntry* entry : sortedEntries(archive)) addEntry(json, *entry);
+  json.endArray();
+  json.beginArray("problems");
+  if (archive.problem()) archive.problem()->addTo(json);
+  json.endArray();
+  json.endObject();
+}
+
+void printLines(const ListOptions& options, const ArchiveScan& archive, StandardOutput& output) {
+  const std::vector<const ArchiveEntry*> entries = sortedEntries(archive);
+  const std::size_t sizeWidth = options.isLong ? widthOfSizes(entries, options.isHuman) : 0;
+  for (const ArchiveEntry* entry : entries) {
+    if (options.isLong) output.write(details(*entry, sizeWidth, options.isHuman));
+    output.write(options.endsNull ? entry->name : escapedName(entry->name));
+    output.write(options.endsNull ? std::string(1, '\0') : "\n");
+  }
 }
 
 }  // namespace
 
 void list(const ListOptions& options, const KQ::NSProgress& work) {
+  if (options.isJson && (options.isLong || options.endsNull || options.isHuman))
+    throw Failure("--json goes without --long, --null and --human-readable", WrongUsage);
   const ArchiveScan archive(options.archive, work);
-  const std::vector<const ArchiveEntry*> entries = sortedEntries(archive);
-  const std::size_t sizeWidth = options.isLong ? widthOfSizes(entries) : 0;
   StandardOutput output;
-  for (const ArchiveEntry* entry : entries) {
-    if (options.isLong) output.write(details(*entry, sizeWidth));
-    output.write(options.endsNull ? entry->name : escapedName(entry->name));
-    output.write(options.endsNull ? std::string(1, '\0') : "\n");
-  }
+  if (options.isJson)
+    printDocument(archive, output);
+  else
+    printLines(options, archive, output);
   output.flush();
   archive.requireNoProblem();
 }

@@ -11,9 +11,12 @@ struct ListOptions {
   std::string archive;    ///< The archive to list.
   bool isLong = false;    ///< With type, size and date.
   bool endsNull = false;  ///< Names as they stand, each with a NUL behind it.
+  bool isJson = false;    ///< One JSON document instead of lines.
+  bool isHuman = false;   ///< Sizes in units for a person.
 };
 
-/// Prints the names of all entries that are whole, in the order of the library's reader. Throws a Failure,
+/// Prints the names of all entries that are whole, or all there is to know of them, in the order of the
+/// library's reader. Throws a Failure,
 /// after printing, when the archive is damaged.
 void list(const ListOptions& options, const KQ::NSProgress& work);
 

@@ -3,11 +3,28 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "Advice.h"
+#include "Colour.h"
 
 namespace Tool {
 
 void failWithSystemError(int code, const std::string& path) {
-  throw Failure(KQ::NSError::errorWithPOSIXCode(code, path)->localizedDescription());
+  failWithSystemError(code, path, adviceFor(code));
+}
+
+void failWithSystemError(int code, const std::string& path, const std::string& advice) {
+  const std::string text = KQ::NSError::errorWithPOSIXCode(code, path)->localizedDescription();
+  throw Failure(withRemarks(text, {advice}));
+}
+
+void failWithError(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise,
+                   const std::vector<std::string>& remarks) {
+  std::vector<std::string> all = remarks;
+  all.push_back(adviceFor(error));
+  throw Failure(withRemarks(errorText(error, otherwise), all));
 }
 
 std::string errorText(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise) {
@@ -43,13 +60,30 @@ std::string hexadecimal(std::uint32_t value) {
   return digits;
 }
 
+std::string rightAligned(const std::string& text, std::size_t width) {
+  return std::string(std::max(width, text.size()) - text.size(), ' ') + text;
+}
+
+std::string readableSize(std::uint64_t bytes) {
+  static constexpr std::array<const char*, 6> units = {" KiB", " MiB", " GiB", " TiB", " PiB", " EiB"};
+  // What would be rounded up to 1024 is 1 of the next unit.
+  constexpr double limit = 1023.95;
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  double value = static_cast<double>(bytes) / 1024;
+  std::size_t unit = 0;
+  for (; value >= limit && unit + 1 < units.size(); ++unit) value /= 1024;
+  const std::string tenths = std::to_string(std::llround(value * 10));
+  return tenths.substr(0, tenths.size() - 1) + "." + tenths.back() + units[unit];
+}
+
 void printToStandardError(const std::string& text) {
   // Nobody is left to hear that it failed.
   [[maybe_unused]] const ssize_t count = ::write(STDERR_FILENO, text.data(), text.size());
 }
 
 void printMessage(const std::string& text) {
-  printToStandardError("kqzip: " + KQ::stringByEscapingUnprintables(text) + "\n");
+  printToStandardError(coloured("kqzip:", Colour::Red, STDERR_FILENO) + " " +
+                       KQ::stringByEscapingUnprintables(text) + "\n");
 }
 
 }  // namespace Tool

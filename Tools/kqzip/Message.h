@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Tool {
 
@@ -30,8 +31,14 @@ class Failure : public std::runtime_error {
   ExitStatus status_;
 };
 
-/// Throws the system's reason `code` for what could not be done with `path`.
+/// Throws the system's reason `code` for what could not be done with `path`, and what to do about it.
 [[noreturn]] void failWithSystemError(int code, const std::string& path);
+[[noreturn]] void failWithSystemError(int code, const std::string& path, const std::string& advice);
+
+/// Throws an error of the library, or `otherwise` where it gives none, with `remarks` and what to do about
+/// it.
+[[noreturn]] void failWithError(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise,
+                                const std::vector<std::string>& remarks = {});
 
 /// The text of an error of the library, or `otherwise` where it gives none.
 std::string errorText(const std::shared_ptr<const KQ::NSError>& error, const std::string& otherwise);
@@ -51,6 +58,12 @@ std::string padded(std::uint64_t number, std::size_t width, char fill);
 
 /// Eight hexadecimal digits.
 std::string hexadecimal(std::uint32_t value);
+
+/// A text with blanks in front of it up to a width.
+std::string rightAligned(const std::string& text, std::size_t width);
+
+/// An amount of bytes as a person reads it, "12 B", "1.5 MiB".
+std::string readableSize(std::uint64_t bytes);
 
 /// Writes the text to standard error as it stands, in one call, so that lines of several programs do not mix.
 void printToStandardError(const std::string& text);

@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <iomanip>
-#include <sstream>
+#include <chrono>
+#include <mutex>
 #include <utility>
 
+#include "Colour.h"
 #include "Message.h"
 
 namespace Tool {
@@ -17,6 +17,12 @@ namespace Tool {
 namespace {
 
 constexpr std::chrono::milliseconds interval(100);
+constexpr std::size_t narrowestBar = 10;
+constexpr std::size_t widestBar = 30;
+
+// Guards the line that there is and whatever is printed beside it.
+std::mutex lineMutex;
+ProgressLine* currentLine = nullptr;
 
 // One column is left free: a character in the last one makes some terminals go to the next line.
 std::size_t usableColumns() {
@@ -25,39 +31,67 @@ std::size_t usableColumns() {
   return known ? size.ws_col - 1U : 79U;
 }
 
-std::string elapsedSince(std::chrono::steady_clock::time_point start) {
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  const auto seconds =
-      static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count());
-  return std::to_string(seconds / 60) + ":" + padded(seconds % 60, 2, '0');
+// "0:09", "12:34", "1:02:03".
+std::string timeText(std::chrono::seconds time) {
+  const auto seconds = static_cast<std::uint64_t>(time.count());
+  std::string text = std::to_string(seconds / 60);
+  if (seconds >= 3600)
+    text = std::to_string(seconds / 3600).append(1, ':').append(padded(seconds / 60 % 60, 2, '0'));
+  return text.append(1, ':').append(padded(seconds % 60, 2, '0'));
+}
+
+// A bar for what columns there are, with the blanks that part it from what follows; nothing for too few.
+std::string barText(double fraction, std::size_t columns) {
+  constexpr std::size_t frame = 4;
+  if (columns < narrowestBar + frame) return {};
+  const std::size_t width = std::min(columns - frame, widestBar);
+  const auto full = static_cast<std::size_t>(fraction * static_cast<double>(width));
+  return std::string(1, '[').append(full, '#').append(width - full, '.').append("]  ");
 }
 
 }  // namespace
 
-ProgressLine::ProgressLine(bool wanted, std::shared_ptr<KQ::NSProgress> work, Amount amount)
-    : work_(std::move(work)), amount_(std::move(amount)) {
-  if (wanted && isatty(STDERR_FILENO) != 0) thread_ = std::thread([this] { run(); });
+ProgressLine::ProgressLine(bool wanted, std::shared_ptr<KQ::NSProgress> work, Measure measure)
+    : work_(std::move(work)), measure_(std::move(measure)) {
+  if (!wanted || !isCapableTerminal(STDERR_FILENO)) return;
+  const std::lock_guard<std::mutex> guard(lineMutex);
+  currentLine = this;
+  thread_ = std::thread([this] { run(); });
 }
 
 ProgressLine::~ProgressLine() {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const std::lock_guard<std::mutex> guard(lineMutex);
     stop_ = true;
+    currentLine = nullptr;
+    show({});
   }
   stopped_.notify_all();
   if (thread_.joinable()) thread_.join();
-  show({});
 }
 
 void ProgressLine::eraseWhile(const std::function<void()>& print) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const std::lock_guard<std::mutex> guard(lineMutex);
   show({});
   print();
 }
 
+void ProgressLine::eraseForGood() {
+  // Whoever has the mutex may be printing to a terminal or a pipe that takes nothing: it gets a moment.
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::unique_lock<std::mutex> lock(lineMutex, std::try_to_lock);
+    if (lock.owns_lock()) {
+      if (currentLine != nullptr) currentLine->show({});
+      lock.release();
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
 void ProgressLine::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!stopped_.wait_for(lock, interval, [this] { return stop_; })) show(text());
+  std::unique_lock<std::mutex> lock(lineMutex);
+  while (!stopped_.wait_for(lock, interval, [this] { return stop_; })) show(text(usableColumns()));
 }
 
 // Blanks go over what the earlier text leaves; an empty text puts the cursor back to the start of the line.
@@ -72,26 +106,19 @@ void ProgressLine::show(const std::string& text) {
   printToStandardError(line);
 }
 
-std::string ProgressLine::text() const {
-  const int percent = static_cast<int>(work_->fractionCompleted() * 100);
-  return std::to_string(percent) + "%  " + amount_() + "  " + elapsedSince(start_);
-}
-
-std::string readableSize(std::uint64_t bytes) {
-  static constexpr std::array<const char*, 7> units = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  auto value = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  for (; value >= 1024 && unit + 1 < units.size(); ++unit) value /= 1024;
-  std::ostringstream text;
-  text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << value << ' ' << units[unit];
-  return text.str();
-}
-
-ProgressLine::Amount entriesDone(std::shared_ptr<const KQ::NSProgress> entries) {
-  return [entries = std::move(entries)] {
-    return std::to_string(entries->completedUnitCount()) + "/" + std::to_string(entries->totalUnitCount()) +
-           " entries";
-  };
+std::string ProgressLine::text(std::size_t columns) {
+  const double fraction = work_->fractionCompleted();
+  const Amount amount = measure_();
+  pace_.add(Pace::Clock::now(), fraction, amount.bytes);
+  const auto rate = pace_.bytesPerSecond();
+  const auto remaining = pace_.remaining();
+  const std::array<std::string, 3> parts{amount.text, rate ? readableSize(*rate) + "/s" : "",
+                                         remaining ? timeText(*remaining) + " left" : ""};
+  std::string line = std::to_string(static_cast<int>(fraction * 100)) + "%";
+  for (const std::string& part : parts) {
+    if (!part.empty() && line.size() + 2 + part.size() <= columns) line.append(2, ' ').append(part);
+  }
+  return barText(fraction, columns - std::min(columns, line.size())) + line;
 }
 
 }  // namespace Tool

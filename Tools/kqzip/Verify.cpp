@@ -3,49 +3,23 @@
 #include <zlib.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
+#include "Advice.h"
 #include "ArchiveScan.h"
 #include "DirectoryComparison.h"
+#include "EntryProgress.h"
 #include "EntryReading.h"
 #include "Interruption.h"
 #include "Message.h"
 #include "ProgressLine.h"
-#include "StandardOutput.h"
+#include "VerifyReport.h"
 
 namespace Tool {
 
 namespace {
-
-// Prints what is found as it is found, with the progress line out of the way.
-class Report {
- public:
-  explicit Report(ProgressLine& line) : line_(line) {}
-
-  void add(const Problem& problem) {
-    ++problems_;
-    print((problem.entry ? escapedName(*problem.entry) + ": " : "") + problem.text + "\n");
-  }
-
-  void print(const std::string& text) {
-    line_.eraseWhile([this, &text] {
-      try {
-        output_.write(text);
-        output_.flush();
-      } catch (const OutputClosed&) {
-        // The exit status still says whether the archive is right.
-      }
-    });
-  }
-
-  std::uint64_t problems() const { return problems_; }
-
- private:
-  ProgressLine& line_;
-  StandardOutput output_;
-  std::uint64_t problems_ = 0;
-};
 
 std::uint64_t uncompressedLength(const KQZipFileLocalHeader& header) {
   const auto field = header.findZip64InfoField();
@@ -78,19 +52,19 @@ std::optional<Problem> problemOfData(const ArchiveScan& archive, const ArchiveEn
                                  hexadecimal(entry.header->crc32())};
 }
 
-void verifyEntries(const ArchiveScan& archive, KQ::NSProgress& entries, Report& report) {
+void verifyEntries(const ArchiveScan& archive, EntryProgress& progress, VerifyReport& report) {
   for (const ArchiveEntry& entry : archive.entries()) {
-    requireNotInterrupted(entries);
-    entries.becomeCurrentWithPendingUnitCount(1);
+    requireNotInterrupted(progress.work());
+    progress.begin(entry);
     std::optional<Problem> problem = problemOfHeader(entry);
-    if (!problem) problem = problemOfData(archive, entry, entries);
-    entries.resignCurrent();
+    if (!problem) problem = problemOfData(archive, entry, progress.work());
+    progress.end();
     if (problem) report.add(*problem);
   }
 }
 
 // A directory that was not read to its end is told of as the archive's problem, not entry by entry.
-void verifyTail(const ArchiveScan& archive, Report& report) {
+void verifyTail(const ArchiveScan& archive, VerifyReport& report) {
   if (archive.problem()) {
     report.add(*archive.problem());
     return;
@@ -102,26 +76,40 @@ void verifyTail(const ArchiveScan& archive, Report& report) {
   }
 }
 
-std::string summary(const ArchiveScan& archive) {
-  std::uint64_t bytes = 0;
-  for (const ArchiveEntry& entry : archive.entries()) bytes += entry.length();
-  return counted(archive.entries().size(), "entry", "entries") + ", " + counted(bytes, "byte", "bytes") +
-         ": all right\n";
+std::string summary(const VerifyOptions& options, const ArchiveScan& archive) {
+  const std::uint64_t bytes = archive.totalLength();
+  return counted(archive.entries().size(), "entry", "entries") + ", " +
+         (options.isHuman ? readableSize(bytes) : counted(bytes, "byte", "bytes"));
+}
+
+std::unique_ptr<VerifyReport> makeReport(const VerifyOptions& options, const ArchiveScan& archive,
+                                         ProgressLine& line) {
+  if (options.isJson) return std::make_unique<VerifyDocument>(line, archive);
+  const bool isSummed = options.summary && !options.quiet;
+  return std::make_unique<VerifyLines>(line, isSummed ? summary(options, archive) : "");
 }
 
 }  // namespace
 
 void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+  if (options.isJson && options.isHuman) throw Failure("--json goes without --human-readable", WrongUsage);
   const ArchiveScan archive(options.archive, *work);
-  const auto entries =
-      KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(archive.entries().size()));
-  ProgressLine line(!options.quiet, work, entriesDone(entries));
-  Report report(line);
-  verifyEntries(archive, *entries, report);
-  verifyTail(archive, report);
-  if (report.problems() != 0)
-    throw Failure(options.archive + ": " + counted(report.problems(), "problem", "problems") + " found");
-  if (options.summary && !options.quiet) report.print(summary(archive));
+  EntryProgress progress(archive.entries().size(), archive.totalLength());
+  ProgressLine line(!options.quiet, work, progress.measure());
+  const std::unique_ptr<VerifyReport> report = makeReport(options, archive, line);
+  try {
+    verifyEntries(archive, progress, *report);
+    verifyTail(archive, *report);
+  } catch (const Failure& failure) {
+    report->abandon(failure.what());
+    throw;
+  }
+  report->end();
+  if (report->problems() == 0) return;
+  const std::string text =
+      options.archive + ": " + counted(report->problems(), "problem", "problems") + " found";
+  throw Failure(withRemarks(
+      text, {options.summary ? "kqzip extract gives back what is whole" : "remove it and pack again"}));
 }
 
 }  // namespace Tool

@@ -9,9 +9,11 @@ namespace Tool {
 
 /// What `kqzip verify` was asked for.
 struct VerifyOptions {
-  std::string archive;  ///< The archive to check.
-  bool quiet = false;   ///< No progress line and no summary.
-  bool summary = true;  ///< A line when everything is right.
+  std::string archive;   ///< The archive to check.
+  bool quiet = false;    ///< No progress line and no summary.
+  bool summary = true;   ///< A line when everything is right.
+  bool isJson = false;   ///< One JSON document instead of lines and summary.
+  bool isHuman = false;  ///< Sizes in units for a person.
 };
 
 /// Compares every entry's data with its header, and the entries with the central directory. Prints one line

@@ -39,17 +39,28 @@ struct Command {
   OnInterruption onInterruption = OnInterruption::CancelWork;
 };
 
+void printText(const std::string& text) {
+  StandardOutput output;
+  output.write(text);
+  output.flush();
+}
+
 CLI::App* addCommand(CLI::App& app, const std::string& name, const std::string& description,
                      const std::string& details) {
   CLI::App* command = app.add_subcommand(name, description);
   command->group("Commands");
-  command->set_help_flag("-h,--help", "Print this help and exit");
+  // Not -h, which means readable sizes wherever sizes are printed.
+  command->set_help_flag("--help", "Print this help and exit");
   command->footer(details + "\n\n" + exitStatuses);
   return command;
 }
 
 void addQuiet(CLI::App* command, bool& quiet, const std::string& effect) {
   command->add_flag("-q,--quiet", quiet, effect);
+}
+
+void addHumanReadable(CLI::App* command, bool& isHuman) {
+  command->add_flag("-h,--human-readable", isHuman, "Sizes in units, as 12 B or 1.5 MiB");
 }
 
 template <class Value>
@@ -85,6 +96,8 @@ void defineList(CLI::App& app, Command& command) {
   addPositional(list, "ARCHIVE", options->archive, "The archive to list")->required();
   list->add_flag("-l,--long", options->isLong, "With type ('-' file, 'd' folder), size in bytes and date");
   list->add_flag("-0,--null", options->endsNull, "Names as they stand, each with a NUL behind it");
+  addHumanReadable(list, options->isHuman);
+  list->add_flag("--json", options->isJson, "All there is to know, as one JSON document");
   list->callback([options, &command] {
     command.run = [options](const auto& work) { Tool::list(*options, *work); };
     command.onInterruption = OnInterruption::EndAtOnce;
@@ -131,14 +144,10 @@ void defineVerify(CLI::App& app, Command& command) {
       "directory. Prints a line for each thing that is wrong, and fails if there is any.");
   addPositional(verify, "ARCHIVE", options->archive, "The archive to check")->required();
   addQuiet(verify, options->quiet, "Show no progress, and print nothing when all is right");
+  addHumanReadable(verify, options->isHuman);
+  verify->add_flag("--json", options->isJson, "Always print one JSON document instead");
   verify->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::verify(*options, work); }; });
-}
-
-std::string versionText() {
-  std::ostringstream text;
-  text << "kqzip " << std::fixed << std::setprecision(1) << KQZipVersionNumber;
-  return text.str();
 }
 
 // CLI11's help in the words of this program.
@@ -148,6 +157,32 @@ CLI::Formatter wording() {
   formatter.label("REQUIRED", "");
   formatter.label("SUBCOMMAND", "COMMAND");
   return formatter;
+}
+
+// The help of a command, or with no name the tool's own.
+std::string helpText(const CLI::App& app, const std::string& name) {
+  if (name.empty()) return wording().make_help(&app, "kqzip", CLI::AppFormatMode::Normal);
+  const auto commands =
+      app.get_subcommands([&name](const CLI::App* each) { return each->get_name() == name; });
+  if (commands.empty()) throw Failure("there is no command " + inQuotes(name), WrongUsage);
+  return wording().make_help(commands.front(), "kqzip " + name, CLI::AppFormatMode::Normal);
+}
+
+void defineHelp(CLI::App& app, Command& command) {
+  const auto name = std::make_shared<std::string>();
+  CLI::App* help = addCommand(app, "help", "Print the help of a command",
+                              "The same text as that of kqzip COMMAND --help.");
+  addPositional(help, "COMMAND", *name, "The command to explain; otherwise the tool");
+  help->callback([&app, name, &command] {
+    command.run = [&app, name](const auto&) { printText(helpText(app, *name)); };
+    command.onInterruption = OnInterruption::EndAtOnce;
+  });
+}
+
+std::string versionText() {
+  std::ostringstream text;
+  text << "kqzip " << std::fixed << std::setprecision(1) << KQZipVersionNumber;
+  return text.str();
 }
 
 void defineAll(CLI::App& app, Command& command) {
@@ -162,6 +197,7 @@ void defineAll(CLI::App& app, Command& command) {
   defineExtract(app, command);
   defineCat(app, command);
   defineVerify(app, command);
+  defineHelp(app, command);
 }
 
 // The message, and how to do better: the usage of the command where one was named.
@@ -188,9 +224,7 @@ ExitStatus endOfParsing(const CLI::App& app, const CLI::ParseError& end) {
   if (end.get_exit_code() != 0) return reportWrongUsage(app, mistakeIn(app, end));
   std::ostringstream text;
   app.exit(end, text, text);
-  StandardOutput output;
-  output.write(text.str());
-  output.flush();
+  printText(text.str());
   return Done;
 }
 

@@ -154,13 +154,16 @@ std::map<std::string, std::string> errorCodes() {
 
 std::string inBackticks(const std::string& text) { return "`" + text + "`"; }
 
-// The archive of the example in Format.md.
-std::string exampleArchive() {
+// The archive of the example in Format.md, as written or made interoperable.
+std::string exampleArchive(bool interoperable = false) {
   const KQTest::TimeZone zone("UTC0");
   const KQTest::TemporaryDirectory directory;
   KQTest::writeFile(directory / "folder/hi.txt", "Hello\n");
   KQTest::setModificationDate(directory / "folder/hi.txt", 1709210096);
   EXPECT_TRUE(KQZipFileWriter::createZipFileAtPath(directory / "a.zip", directory / "folder", false));
+  if (interoperable) {
+    EXPECT_TRUE(KQZipMakeArchiveInteroperable(directory / "a.zip"));
+  }
   return KQTest::readFile(directory / "a.zip");
 }
 
@@ -211,6 +214,21 @@ TEST(Documentation, TheFieldsOfTheExampleFollowEachOtherAndAreItsBytes) {
     position += length;
   }
   EXPECT_EQ(archive.size(), position);
+}
+
+TEST(Documentation, TheInteroperableExampleDiffersInTheThreePlacesThatFormatNames) {
+  std::string expected = exampleArchive();
+  expected.replace(108, 4, std::string("\0\0\xA4\x81", 4));
+  expected[190] = '\x50';
+  expected[238] = '\x50';
+  EXPECT_EQ(dump(expected), dump(exampleArchive(true)));
+
+  std::string format = page("Format.md");
+  std::replace(format.begin(), format.end(), '\n', ' ');
+  EXPECT_NE(std::string::npos,
+            format.find(
+                "the external attributes at 108 become `00 00 A4 81`, and the sizes at 190 and at 238 begin "
+                "with `50` where they began with `B2`."));
 }
 
 TEST(Documentation, TheTablesOfTheRecordsAddUpToTheirSizes) {

@@ -47,19 +47,18 @@ bool KQZipCentralDirectory::parseFromStream(KQ::NSInputStream& stream, KQ::NSErr
   return true;
 }
 
-void KQZipCentralDirectory::_takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> header) {
+bool KQZipCentralDirectory::_parseFileHeader(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  auto header = KQZipCentralDirectoryFileHeader::initWithStream(stream, error);
+  if (!header) return false;
   fileHeaders_.push_back(std::move(header));
+  return true;
 }
 
 bool KQZipCentralDirectory::_parseRecord(std::uint32_t signature, KQ::NSInputStream& stream,
                                          KQ::NSErrorSlot error) {
   switch (signature) {
-    case KQZipCentralDirectoryFileHeader::signature: {
-      auto header = KQZipCentralDirectoryFileHeader::initWithStream(stream, error);
-      if (!header) return false;
-      _takeFileHeader(std::move(header));
-      return true;
-    }
+    case KQZipCentralDirectoryFileHeader::signature:
+      return _parseFileHeader(stream, error);
     case digitalSignatureSignature:
       digitalSignature_ = KQZipExtraField::extraFieldWithStream(stream, error);
       return digitalSignature_ != nullptr;

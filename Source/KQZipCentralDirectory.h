@@ -82,8 +82,8 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   }
 
  protected:
-  /// Keeps a header that was parsed, behind those parsed before.
-  virtual void _takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> header);
+  /// Parses the next header and keeps it, behind those parsed before.
+  virtual bool _parseFileHeader(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
  private:
   bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);

@@ -50,7 +50,9 @@ class ParsedDirectory : public KQZipCentralDirectory {
   }
 
  protected:
-  void _takeFileHeader(std::shared_ptr<KQZipCentralDirectoryFileHeader> /*header*/) override {}
+  bool _parseFileHeader(KQ::NSInputStream& stream, KQ::NSErrorSlot error) override {
+    return KQZipCentralDirectoryFileHeader::skipWithStream(stream, error);
+  }
 };
 
 }  // namespace

@@ -20,6 +20,10 @@ std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader
   return header->_parseLogged(stream, error) ? header : nullptr;
 }
 
+bool KQZipCentralDirectoryFileHeader::skipWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
+  return KQZipCentralDirectoryFileHeader()._parseLogged(stream, error);
+}
+
 void KQZipCentralDirectoryFileHeader::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   KQZipFileEntry::copyPropertiesFromHeader(header);
   // The reverse of what the name suggests, and meant: the write below sets the right value.

@@ -26,6 +26,9 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   static std::shared_ptr<KQZipCentralDirectoryFileHeader> initWithStream(KQ::NSInputStream& stream,
                                                                          KQ::NSErrorSlot error = nullptr);
 
+  /// Parses a header as initWithStream() does, with all its failures, and lets it go.
+  static bool skipWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
+
   /// The base's copy; then offsetOfLocalHeader() becomes 0xFFFFFFFF when the other header's offset fits 32
   /// bits and its low 32 bits when it does not. The reversed choice is meant: the value only lives until a
   /// write, which sets the right one.

@@ -24,6 +24,7 @@ namespace Tool {
 namespace {
 
 // Bytes of each record in front of its parts of variable length, the signature included.
+constexpr std::uint64_t signatureSize = 4;
 constexpr std::uint64_t localHeaderSize = 30;
 constexpr std::uint64_t centralHeaderSize = 46;
 constexpr std::uint64_t endRecordSize = 22;
@@ -37,7 +38,6 @@ constexpr std::uint64_t nameLengthAt = 26;
 constexpr std::uint64_t zip64SizeFieldEnd = 12;
 
 constexpr std::int64_t unsupportedCompression = -101;
-constexpr unsigned dataDescriptorFlag = 8;
 
 std::uint64_t sizeOfArchive(const std::string& path) {
   if (!KQ::isValidUTF8(path)) failWithSystemError(EILSEQ, path);
@@ -56,6 +56,27 @@ std::uint64_t sizeOfArchive(const std::string& path) {
 std::string number(std::uint64_t value) { return std::to_string(value); }
 
 }  // namespace
+
+ArchiveEntry::ArchiveEntry(std::string_view nameAsStored, const KQZipFileLocalHeader& header)
+    : name(nameAsStored),
+      // A parsed header's own offset is where its fields begin.
+      localHeaderAt_(header.offset() - signatureSize),
+      dataAt_(header.offsetOfDataInArchive()),
+      length_(header.dataLengthFromHeader()),
+      uncompressedLength_(header.uncompressedSize()),
+      crc32_(header.crc32()),
+      flags_(header.flags()),
+      modTime_(header.modTime()),
+      modDate_(header.modDate()) {
+  if (const auto field = header.findZip64InfoField()) uncompressedLength_ = field->uncompressedSize();
+}
+
+KQ::NSDate ArchiveEntry::modificationDate() const {
+  KQZipFileEntry fields;
+  fields.setModTime(modTime_);
+  fields.setModDate(modDate_);
+  return fields.modificationDate();
+}
 
 std::string Problem::sentence() const { return entry ? inQuotes(*entry) + " " + text : text; }
 
@@ -86,12 +107,19 @@ std::uint64_t ArchiveScan::totalLength() const {
 }
 
 std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {
-  std::unordered_set<std::string_view> seen;
   std::vector<const ArchiveEntry*> current;
+  current.reserve(entries_.size());
+  // Names in ascending order, as KQZip writes them, are all different.
+  const auto isNotAscending = [](const ArchiveEntry& left, const ArchiveEntry& right) {
+    return !KQ::NSStringLess()(left.name, right.name);
+  };
+  const bool ascend = std::adjacent_find(entries_.begin(), entries_.end(), isNotAscending) == entries_.end();
+  std::unordered_set<std::string_view> seen;
   for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
-    if (seen.insert(entry->name).second) current.push_back(&*entry);
+    if (ascend || seen.insert(entry->name).second) current.push_back(&*entry);
   }
-  return {current.rbegin(), current.rend()};
+  std::reverse(current.begin(), current.end());
+  return current;
 }
 
 void ArchiveScan::requireNoProblem() const {
@@ -103,6 +131,14 @@ Failure ArchiveScan::missing(const std::string& name) const {
   if (!problem_) return Failure(withRemarks(text, {"kqzip list shows what is"}));
   return Failure(
       withRemarks(text + " as far as it can be read: " + problem_->sentence(), {problem_->nextStep()}));
+}
+
+std::shared_ptr<KQZipFileLocalHeader> ArchiveScan::headerOf(const ArchiveEntry& entry) const {
+  std::shared_ptr<const KQ::NSError> error;
+  const bool isAtHeader = stream_->setNSStreamFileCurrentOffsetKey(entry.localHeaderAt() + signatureSize);
+  auto header = isAtHeader ? KQZipFileLocalHeader::initWithStream(*stream_, &error) : nullptr;
+  if (!header) throw Failure(inQuotes(entry.name) + " cannot be read: the archive has changed meanwhile");
+  return header;
 }
 
 void ArchiveScan::scan(const KQ::NSProgress& work) {
@@ -139,35 +175,33 @@ bool ArchiveScan::readRecord(std::uint32_t signature, std::uint64_t start) {
 }
 
 bool ArchiveScan::readLocalHeader(std::uint64_t start) {
+  KQZipFileLocalHeader header;
   std::shared_ptr<const KQ::NSError> error;
-  const auto header = KQZipFileLocalHeader::initWithStream(*stream_, &error);
-  if (!header) return stopInsideLocalHeader(start, error);
+  if (!header.parseFromStream(*stream_, &error)) return stopInsideLocalHeader(start, error);
   const std::uint64_t nameAt = start + localHeaderSize;
-  const std::uint64_t dataAt = nameAt + header->fileNameLength() + header->extraFieldLength();
+  const std::uint64_t dataAt = nameAt + header.fileNameLength() + header.extraFieldLength();
   // A read that the archive's end cuts short is no failure to the library; only the position tells.
-  if (header->offsetOfDataInArchive() != dataAt || dataAt > fileSize_)
+  if (header.offsetOfDataInArchive() != dataAt || dataAt > fileSize_)
     return stopInsideLocalHeader(start, nullptr);
 
-  const std::string name =
-      header->fileName() ? *header->fileName() : readBytes(nameAt, header->fileNameLength());
-  const std::uint64_t length = header->dataLengthFromHeader();
-  if (length > fileSize_ - dataAt)
-    return stop({name, "ends after " + number(fileSize_ - dataAt) + " of " + number(length) + " bytes"});
-  entries_.push_back({name, header});
+  const std::string_view name = nameOf(header, nameAt);
+  const std::uint64_t length = header.dataLengthFromHeader();
+  if (length > fileSize_ - dataAt) {
+    return stop(
+        {std::string(name), "ends after " + number(fileSize_ - dataAt) + " of " + number(length) + " bytes"});
+  }
+  entries_.emplace_back(name, header);
   return skipTo(dataAt + length);
 }
 
 bool ArchiveScan::readCentralHeader(std::uint64_t start) {
+  KQZipCentralDirectoryFileHeader header;
   std::shared_ptr<const KQ::NSError> error;
-  const auto header = KQZipCentralDirectoryFileHeader::initWithStream(*stream_, &error);
-  if (!header) return stopInsideTail(start, error);
+  if (!header.parseFromStream(*stream_, &error)) return stopInsideTail(start, error);
   const std::uint64_t size =
-      centralHeaderSize + header->fileNameLength() + header->extraFieldLength() + header->fileCommentLength();
+      centralHeaderSize + header.fileNameLength() + header.extraFieldLength() + header.fileCommentLength();
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
-  const std::string name = header->fileName()
-                               ? *header->fileName()
-                               : readBytes(start + centralHeaderSize, header->fileNameLength());
-  centralRecords_.push_back(centralRecord(*header, name));
+  centralRecords_.push_back(centralRecord(header, nameOf(header, start + centralHeaderSize)));
   return skipTailRecord(start, size);
 }
 
@@ -275,12 +309,29 @@ bool ArchiveScan::stopAtUnknownBytes(std::uint32_t signature, std::uint64_t star
 bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
   if (entries_.empty()) return false;
   const ArchiveEntry last = entries_.back();
-  const bool endsHere = last.header->offsetOfDataInArchive() + last.length() == start;
-  if (!endsHere || (last.header->flags() & dataDescriptorFlag) == 0) return false;
+  const bool endsHere = last.dataAt() + last.length() == start;
+  if (!endsHere || !last.hasDataDescriptor()) return false;
   if (last.length() == 0) entries_.pop_back();
-  stop({last.name, "has its size behind its data, in a data descriptor, which cannot be read",
+  stop({last.nameText(), "has its size behind its data, in a data descriptor, which cannot be read",
         otherProgramNeeded});
   return true;
+}
+
+// The name as stored: the library keeps none that is not valid UTF-8. A central header has the name of the
+// entry in the same place, as a rule, which is kept already.
+std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt) {
+  const KQ::NSSharedString text = header.sharedFileName();
+  if (!text.isPresent()) return keep(readBytes(nameAt, header.fileNameLength()));
+  const std::size_t place = centralRecords_.size();
+  const bool isKept = place < entries_.size() && entries_[place].name == text.view();
+  return isKept ? entries_[place].name : keep(text.view());
+}
+
+std::string_view ArchiveScan::keep(std::string_view name) {
+  if (name.empty()) return {};
+  auto* const bytes = static_cast<char*>(names_.allocate(name.size(), 1));
+  std::copy(name.begin(), name.end(), bytes);
+  return {bytes, name.size()};
 }
 
 // Reads what the library does not keep. The scan sets its own position afterwards.

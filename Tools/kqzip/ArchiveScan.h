@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "CentralRecord.h"
@@ -13,19 +15,44 @@
 
 namespace Tool {
 
-/// An entry that is whole: its header and all of its data are in the archive.
-struct ArchiveEntry {
-  std::string name;                              ///< The bytes of the name as stored, valid UTF-8 or not.
-  std::shared_ptr<KQZipFileLocalHeader> header;  ///< Everything else.
+/// An entry that is whole: its header and all of its data are in the archive. It keeps of the header what the
+/// commands need, which takes a fraction of the header's memory.
+class ArchiveEntry {
+ public:
+  ArchiveEntry(std::string_view name, const KQZipFileLocalHeader& header);
 
-  /// Offset of the local header's first byte; a parsed header's own offset is 4 bytes past it.
-  std::uint64_t localHeaderAt() const { return header->offset() - 4; }
+  std::string_view name;  ///< The bytes of the name as stored, valid UTF-8 or not. The scan keeps them.
+
+  /// The name as a string of its own.
+  std::string nameText() const { return std::string(name); }
+  /// Offset of the local header's first byte.
+  std::uint64_t localHeaderAt() const { return localHeaderAt_; }
+  /// Offset of the data's first byte.
+  std::uint64_t dataAt() const { return dataAt_; }
   /// Bytes of data.
-  std::uint64_t length() const { return header->dataLengthFromHeader(); }
+  std::uint64_t length() const { return length_; }
+  /// What the header says the data's length is once it is unpacked.
+  std::uint64_t uncompressedLength() const { return uncompressedLength_; }
+  /// The CRC-32 that the header gives.
+  std::uint32_t crc32() const { return crc32_; }
+  /// The header's date, in local time.
+  KQ::NSDate modificationDate() const;
   /// True for a name that ends in "/".
   bool isFolder() const { return !name.empty() && name.back() == '/'; }
   /// True when the data is no use without a password.
-  bool isEncrypted() const { return (header->flags() & 1U) != 0; }
+  bool isEncrypted() const { return (flags_ & 1U) != 0; }
+  /// True when the sizes stand behind the data.
+  bool hasDataDescriptor() const { return (flags_ & 8U) != 0; }
+
+ private:
+  std::uint64_t localHeaderAt_;
+  std::uint64_t dataAt_;
+  std::uint64_t length_;
+  std::uint64_t uncompressedLength_;
+  std::uint32_t crc32_;
+  std::uint16_t flags_;
+  std::uint16_t modTime_;
+  std::uint16_t modDate_;
 };
 
 class Json;
@@ -85,6 +112,9 @@ class ArchiveScan {
   /// The error of a name that is not in the archive, with the reason if the archive is damaged.
   Failure missing(const std::string& name) const;
 
+  /// Reads an entry's header again. Throws a Failure when that fails, because the archive has changed.
+  std::shared_ptr<KQZipFileLocalHeader> headerOf(const ArchiveEntry& entry) const;
+
   /// The open archive, for reading data; see KQZipFileLocalHeader.
   KQ::NSInputStream& stream() const { return *stream_; }
 
@@ -111,10 +141,13 @@ class ArchiveScan {
 
   std::uint64_t offset() const { return stream_->NSStreamFileCurrentOffsetKey().value_or(0); }
   std::string readBytes(std::uint64_t start, std::uint64_t length);
+  std::string_view nameOf(const KQZipFileEntry& header, std::uint64_t nameAt);
+  std::string_view keep(std::string_view name);
 
   std::string path_;
   std::uint64_t fileSize_ = 0;
   std::shared_ptr<KQ::NSInputStream> stream_;
+  std::pmr::monotonic_buffer_resource names_;
   std::vector<ArchiveEntry> entries_;
   std::vector<CentralRecord> centralRecords_;
   bool endRecordSeen_ = false;

@@ -1,6 +1,8 @@
 #include "CentralRecord.h"
 
-#include <utility>
+#include <algorithm>
+#include <array>
+#include <cstddef>
 
 namespace Tool {
 
@@ -10,23 +12,21 @@ namespace {
 class Zip64Values {
  public:
   explicit Zip64Values(const KQZipCentralDirectoryFileHeader& header) {
-    if (const auto field = header.findZip64InfoField()) data_ = field->fieldData();
+    const auto field = header.findZip64InfoField();
+    if (!field) return;
+    values_ = {field->uncompressedSize(), field->compressedSize(), field->offsetOfLocalHeaderRecord()};
+    count_ = std::min<std::size_t>(values_.size(), field->fieldSize() / sizeof(std::uint64_t));
   }
 
   std::uint64_t valueOr(std::uint32_t narrow) {
     constexpr std::uint32_t saturated = 0xFFFFFFFF;
-    constexpr std::uint64_t width = 8;
-    if (narrow != saturated || !data_ || data_->length() < position_ + width) return narrow;
-    std::uint64_t value = 0;
-    for (std::uint64_t i = 0; i < width; ++i)
-      value |= static_cast<std::uint64_t>(data_->bytes()[position_ + i]) << (8 * i);
-    position_ += width;
-    return value;
+    return narrow == saturated && next_ < count_ ? values_[next_++] : narrow;
   }
 
  private:
-  std::shared_ptr<const KQ::NSData> data_;
-  std::uint64_t position_ = 0;
+  std::array<std::uint64_t, 3> values_{};
+  std::size_t count_ = 0;
+  std::size_t next_ = 0;
 };
 
 // Whoever made the header says with it how the external attributes are to be read.
@@ -38,7 +38,7 @@ bool isFromUnix(const KQZipCentralDirectoryFileHeader& header) {
 }
 
 std::optional<std::uint32_t> permissionsOf(const KQZipCentralDirectoryFileHeader& header,
-                                           const std::string& name) {
+                                           std::string_view name) {
   constexpr std::uint32_t typeBits = 0170000;
   constexpr std::uint32_t regularFile = 0100000;
   constexpr std::uint32_t folder = 0040000;
@@ -52,11 +52,11 @@ std::optional<std::uint32_t> permissionsOf(const KQZipCentralDirectoryFileHeader
 
 }  // namespace
 
-CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string name) {
+CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string_view name) {
   Zip64Values values(header);
   CentralRecord record;
   record.permissions = permissionsOf(header, name);
-  record.name = std::move(name);
+  record.name = name;
   record.crc32 = header.crc32();
   // The uncompressed size comes first in the field, and is the same for data that is stored.
   values.valueOr(header.uncompressedSize());

@@ -4,13 +4,13 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
+#include <string_view>
 
 namespace Tool {
 
 /// What the central directory says of an entry, as far as it is compared or used.
 struct CentralRecord {
-  std::string name;                 ///< The bytes of the name as stored.
+  std::string_view name;            ///< The bytes of the name as stored.
   std::uint32_t crc32 = 0;          ///< CRC-32 of the data.
   std::uint64_t size = 0;           ///< Bytes of data.
   std::uint64_t localHeaderAt = 0;  ///< Offset of the local header.
@@ -22,6 +22,6 @@ struct CentralRecord {
 
 /// Takes the record from its header. A 32-bit field that is saturated gives way to the next value of the
 /// Zip64 field, as the format has it: other programs leave out the values that fit.
-CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string name);
+CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string_view name);
 
 }  // namespace Tool

@@ -23,8 +23,7 @@ constexpr std::uint64_t blockSize = 1048576;
 std::uint64_t readEntry(const ArchiveScan& archive, const ArchiveEntry& entry,
                         const std::function<void(std::string_view)>& take) {
   KQ::NSInputStream& stream = archive.stream();
-  if (!stream.setNSStreamFileCurrentOffsetKey(entry.header->offsetOfDataInArchive()))
-    failReading(archive, entry);
+  if (!stream.setNSStreamFileCurrentOffsetKey(entry.dataAt())) failReading(archive, entry);
   std::vector<std::uint8_t> block(std::min(entry.length(), blockSize));
   std::uint64_t done = 0;
   while (done < entry.length()) {

@@ -44,7 +44,7 @@ void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
 void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const std::string& path,
                  const KQ::NSProgress& work) {
   std::shared_ptr<const KQ::NSError> error;
-  if (!entry.header->exportFileToPath(path, archive.stream(), &error)) {
+  if (!archive.headerOf(entry)->exportFileToPath(path, archive.stream(), &error)) {
     if (work.isCancelled()) throw Failure(withRemarks("interrupted", {partialFile(path)}), Interrupted);
     failWithError(error, inQuotes(entry.name) + " cannot be read", {partialFile(path)});
   }
@@ -53,7 +53,7 @@ void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const st
 
 void setDate(const ArchiveEntry& entry, const std::string& path) {
   KQ::NSFileAttributes attributes;
-  attributes.NSFileModificationDate = entry.header->modificationDate();
+  attributes.NSFileModificationDate = entry.modificationDate();
   std::shared_ptr<const KQ::NSError> error;
   if (!KQ::NSFileManager::setAttributes(attributes, path, &error))
     failWithError(error, inQuotes(path) + " cannot be given its date");

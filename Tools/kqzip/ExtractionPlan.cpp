@@ -45,10 +45,10 @@ std::string targetOf(std::string_view name) {
 constexpr char catGivesIt[] = "kqzip cat gives its data";
 
 std::optional<Problem> whyNotExtractable(const ArchiveEntry& entry) {
-  if (entry.isEncrypted()) return Problem{entry.name, "is encrypted", otherProgramNeeded};
-  if (!KQ::isValidUTF8(entry.name)) return Problem{entry.name, "is not valid UTF-8", catGivesIt};
+  if (entry.isEncrypted()) return Problem{entry.nameText(), "is encrypted", otherProgramNeeded};
+  if (!KQ::isValidUTF8(entry.name)) return Problem{entry.nameText(), "is not valid UTF-8", catGivesIt};
   if (entry.isFolder() && entry.length() != 0)
-    return Problem{entry.name, "is a folder, but has data", catGivesIt};
+    return Problem{entry.nameText(), "is a folder, but has data", catGivesIt};
   return std::nullopt;
 }
 
@@ -91,11 +91,11 @@ std::vector<ExtractionItem> lastOfEachTarget(const std::vector<ExtractionItem>& 
 
 void refuseUnsafeNames(const ArchiveScan& archive, bool unsafePaths) {
   for (const ArchiveEntry& entry : archive.entries()) {
-    const std::string refusal = "unsafe name " + inQuotes(entry.name) + ": it ";
+    const auto refusal = [&] { return "unsafe name " + inQuotes(entry.name) + ": it "; };
     if (entry.name.find('\0') != std::string::npos)
-      throw Failure(withRemarks(refusal + "has a NUL", {"kqzip cat gives the other entries"}));
+      throw Failure(withRemarks(refusal() + "has a NUL", {"kqzip cat gives the other entries"}));
     const auto reason = unsafePaths ? std::nullopt : whyUnsafe(entry.name);
-    if (reason) throw Failure(withRemarks(refusal + *reason, {"--unsafe-paths takes names as they stand"}));
+    if (reason) throw Failure(withRemarks(refusal() + *reason, {"--unsafe-paths takes names as they stand"}));
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 #include "ArchiveScan.h"
@@ -18,10 +19,17 @@ namespace {
 
 std::vector<const ArchiveEntry*> sortedEntries(const ArchiveScan& archive) {
   std::vector<const ArchiveEntry*> entries = archive.currentEntries();
-  std::sort(entries.begin(), entries.end(), [](const ArchiveEntry* left, const ArchiveEntry* right) {
+  const auto precedes = [](const ArchiveEntry* left, const ArchiveEntry* right) {
     return KQ::NSStringLess()(left->name, right->name);
-  });
+  };
+  if (!std::is_sorted(entries.begin(), entries.end(), precedes))
+    std::sort(entries.begin(), entries.end(), precedes);
   return entries;
+}
+
+// A name that is printed as it is, as nearly all are.
+bool isPlain(std::string_view name) {
+  return std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~' && c != '\\'; });
 }
 
 std::string sizeText(std::uint64_t size, bool isHuman) {
@@ -47,7 +55,7 @@ std::string dateText(KQ::NSDate date) {
 std::string details(const ArchiveEntry& entry, std::size_t sizeWidth, bool isHuman) {
   const std::string type = entry.isFolder() ? "d " : "- ";
   return type + rightAligned(sizeText(entry.length(), isHuman), sizeWidth) + " " +
-         dateText(entry.header->modificationDate()) + " ";
+         dateText(entry.modificationDate()) + " ";
 }
 
 // How far local time was ahead of UTC at that date, "+01:00".
@@ -73,10 +81,10 @@ void addEntry(Json& json, const ArchiveEntry& entry) {
   json.addName("name", entry.name);
   json.addText("type", entry.isFolder() ? "folder" : "file");
   json.addNumber("size", entry.length());
-  json.addText("modified", isoDate(entry.header->modificationDate()));
-  json.addText("crc32", hexadecimal(entry.header->crc32()));
+  json.addText("modified", isoDate(entry.modificationDate()));
+  json.addText("crc32", hexadecimal(entry.crc32()));
   json.addNumber("offset", entry.localHeaderAt());
-  json.addNumber("dataOffset", entry.header->offsetOfDataInArchive());
+  json.addNumber("dataOffset", entry.dataAt());
   json.endObject();
 }
 
@@ -96,10 +104,14 @@ void printDocument(const ArchiveScan& archive, StandardOutput& output) {
 void printLines(const ListOptions& options, const ArchiveScan& archive, StandardOutput& output) {
   const std::vector<const ArchiveEntry*> entries = sortedEntries(archive);
   const std::size_t sizeWidth = options.isLong ? widthOfSizes(entries, options.isHuman) : 0;
+  const std::string_view end = options.endsNull ? std::string_view("\0", 1) : "\n";
   for (const ArchiveEntry* entry : entries) {
     if (options.isLong) output.write(details(*entry, sizeWidth, options.isHuman));
-    output.write(options.endsNull ? entry->name : escapedName(entry->name));
-    output.write(options.endsNull ? std::string(1, '\0') : "\n");
+    if (options.endsNull || isPlain(entry->name))
+      output.write(entry->name);
+    else
+      output.write(escapedName(entry->name));
+    output.write(end);
   }
 }
 

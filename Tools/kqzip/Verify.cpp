@@ -21,17 +21,12 @@ namespace Tool {
 
 namespace {
 
-std::uint64_t uncompressedLength(const KQZipFileLocalHeader& header) {
-  const auto field = header.findZip64InfoField();
-  return field ? field->uncompressedSize() : header.uncompressedSize();
-}
-
 std::optional<Problem> problemOfHeader(const ArchiveEntry& entry) {
-  if (entry.isEncrypted()) return Problem{entry.name, "is encrypted"};
-  const std::uint64_t uncompressed = uncompressedLength(*entry.header);
+  if (entry.isEncrypted()) return Problem{entry.nameText(), "is encrypted"};
+  const std::uint64_t uncompressed = entry.uncompressedLength();
   if (uncompressed == entry.length()) return std::nullopt;
-  return Problem{entry.name, "has " + std::to_string(entry.length()) + " bytes, header says " +
-                                 std::to_string(uncompressed)};
+  return Problem{entry.nameText(), "has " + std::to_string(entry.length()) + " bytes, header says " +
+                                       std::to_string(uncompressed)};
 }
 
 std::optional<Problem> problemOfData(const ArchiveScan& archive, const ArchiveEntry& entry,
@@ -44,12 +39,12 @@ std::optional<Problem> problemOfData(const ArchiveScan& archive, const ArchiveEn
     progress->setCompletedUnitCount(progress->completedUnitCount() + static_cast<std::int64_t>(block.size()));
   });
   if (length != entry.length()) {
-    return Problem{entry.name, "ends after " + std::to_string(length) + " of " +
-                                   std::to_string(entry.length()) + " bytes"};
+    return Problem{entry.nameText(), "ends after " + std::to_string(length) + " of " +
+                                         std::to_string(entry.length()) + " bytes"};
   }
-  if (crc == entry.header->crc32()) return std::nullopt;
-  return Problem{entry.name, "CRC-32 is " + hexadecimal(static_cast<std::uint32_t>(crc)) + ", header says " +
-                                 hexadecimal(entry.header->crc32())};
+  if (crc == entry.crc32()) return std::nullopt;
+  return Problem{entry.nameText(), "CRC-32 is " + hexadecimal(static_cast<std::uint32_t>(crc)) +
+                                       ", header says " + hexadecimal(entry.crc32())};
 }
 
 void verifyEntries(const ArchiveScan& archive, EntryProgress& progress, VerifyReport& report) {

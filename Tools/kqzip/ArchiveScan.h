@@ -18,6 +18,8 @@ struct ArchiveEntry {
   std::string name;                              ///< The bytes of the name as stored, valid UTF-8 or not.
   std::shared_ptr<KQZipFileLocalHeader> header;  ///< Everything else.
 
+  /// Offset of the local header's first byte; a parsed header's own offset is 4 bytes past it.
+  std::uint64_t localHeaderAt() const { return header->offset() - 4; }
   /// Bytes of data.
   std::uint64_t length() const { return header->dataLengthFromHeader(); }
   /// True for a name that ends in "/".

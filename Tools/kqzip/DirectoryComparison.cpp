@@ -9,9 +9,6 @@ namespace Tool {
 
 namespace {
 
-// A parsed header's offset is 4 bytes past its record's start.
-std::uint64_t startOfRecord(const ArchiveEntry& entry) { return entry.header->offset() - 4; }
-
 void compare(const ArchiveEntry& entry, const CentralRecord& record, std::vector<Problem>& problems) {
   if (record.name != entry.name)
     problems.push_back({entry.name, "has the name " + inQuotes(record.name) + " in the central directory"});
@@ -32,7 +29,7 @@ void compare(const ArchiveEntry& entry, const CentralRecord& record, std::vector
 std::vector<Problem> differencesFromCentralDirectory(const ArchiveScan& archive) {
   std::vector<Problem> problems;
   std::unordered_map<std::uint64_t, const ArchiveEntry*> entryAt;
-  for (const ArchiveEntry& entry : archive.entries()) entryAt.emplace(startOfRecord(entry), &entry);
+  for (const ArchiveEntry& entry : archive.entries()) entryAt.emplace(entry.localHeaderAt(), &entry);
   // An entry that was found is taken out, so that a second record for it finds none.
   for (const CentralRecord& record : archive.centralRecords()) {
     const auto found = entryAt.find(record.localHeaderAt);
@@ -45,7 +42,7 @@ std::vector<Problem> differencesFromCentralDirectory(const ArchiveScan& archive)
     entryAt.erase(found);
   }
   for (const ArchiveEntry& entry : archive.entries()) {
-    if (entryAt.count(startOfRecord(entry)) != 0)
+    if (entryAt.count(entry.localHeaderAt()) != 0)
       problems.push_back({entry.name, "is not in the central directory"});
   }
   return problems;

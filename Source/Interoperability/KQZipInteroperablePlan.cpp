@@ -226,10 +226,15 @@ bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorS
 }
 
 bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& local) const {
+  const auto sizes = local.findZip64InfoField();
   return local.versionNeeded() == wanted_.versionNeeded() &&
          (local.flags() == 0 || local.flags() == wanted_.flags()) && local.crc32() == wanted_.crc32() &&
-         local.fileName() == wanted_.fileName() && local.extraFieldLength() == zip64FieldLength &&
-         local.dataLengthFromHeader() == wanted_.sourceFileSize();
+         local.compressedSize() == wanted_.compressedSize() &&
+         local.uncompressedSize() == wanted_.uncompressedSize() && local.fileName() == wanted_.fileName() &&
+         local.extraFieldLength() == zip64FieldLength && sizes &&
+         sizes->outputSize() == 4U + sizes->fieldSize() &&
+         sizes->compressedSize() == wanted_.sourceFileSize() &&
+         sizes->uncompressedSize() == wanted_.sourceFileSize();
 }
 
 bool KQZipInteroperablePlan::_read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset,

@@ -154,6 +154,34 @@ TEST(KQZipInteroperability, GivesFilesAndFoldersTheirAttributesAndMarksNamesOuts
   }
 }
 
+TEST(KQZipInteroperability, EachFieldThatAloneIsNotInteroperableIsChanged) {
+  const std::string before = goldenArchive(mixedEntries());
+  const std::string after = interoperableArchive(before);
+  const ArchiveTail tail(before);
+  ArchiveFile archive(after);
+  const auto expectChanged = [&](std::size_t position, std::size_t width) {
+    SCOPED_TRACE(position);
+    ASSERT_NE(before.substr(position, width), after.substr(position, width));
+    std::string mixed = after;
+    mixed.replace(position, width, before, position, width);
+    archive.replace(mixed);
+    archive.expectMade(after);
+  };
+  std::size_t local = 0;
+  std::size_t central = tail.startOfDirectory;
+  for (const GoldenEntry& each : mixedEntries()) {
+    if (numberAt(after, local + 6, 2) != 0) {
+      expectChanged(local + 6, 2);
+      expectChanged(central + 8, 2);
+    }
+    expectChanged(central + 38, 4);
+    local += 30 + each.name.size() + 28 + each.data.size();
+    central += 46 + each.name.size() + 28;
+  }
+  expectChanged(tail.startOfEndRecords + 40, 8);
+  expectChanged(tail.startOfEndRecords + 76 + 12, 4);
+}
+
 TEST(KQZipInteroperability, TakesWhatTheWriterWrites) {
   const SourceTree folder;
   folder.file("tree/a.txt", "text");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "../KQZip64EndOfCentralDirectoryRecord.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr std::uint64_t localHeaderLength = 30;
 constexpr std::uint64_t centralHeaderLength = 46;
 constexpr std::uint64_t zip64FieldLength = 28;
+constexpr std::uint64_t zip64FieldHeaderLength = 4;
 
 // Where the headers keep what is used here without a parse, or may differ from what the library writes.
 constexpr std::uint64_t flagsInLocalHeader = 6;
@@ -39,10 +41,9 @@ constexpr std::uint32_t permissionsOfFile = 0644;
 constexpr std::uint32_t permissionsOfFolder = 0755;
 constexpr std::uint32_t folderInDOS = 0x10;
 
-std::uint16_t flagsFor(const std::string& name) {
-  const bool isASCII = std::all_of(name.begin(), name.end(),
-                                   [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
-  return !isASCII && KQ::isValidUTF8(name) ? nameIsUTF8 : 0;
+bool isASCII(std::string_view name) {
+  return std::all_of(name.begin(), name.end(),
+                     [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
 }
 
 // A write that stopped inside the number has not reached the type, which is in its last byte.
@@ -59,6 +60,42 @@ std::uint64_t lengthOfHeader(const std::uint8_t* header) {
   return centralHeaderLength + (length[0] | static_cast<std::uint64_t>(length[1]) << 8) + zip64FieldLength;
 }
 
+// What differs from entry to entry, but for the name and the offset.
+struct EntryValues {
+  std::uint16_t flags = 0;
+  std::uint16_t compression = 0;
+  std::uint16_t modTime = 0;
+  std::uint16_t modDate = 0;
+  std::uint32_t crc32 = 0;
+  std::uint32_t attributes = 0;
+  std::uint64_t lengthOfData = 0;
+};
+
+EntryValues valuesIn(const std::uint8_t* header, std::uint64_t length) {
+  EntryValues values;
+  KQZipBlockInputStream stream(header, length);
+  stream.setNSStreamFileCurrentOffsetKey(flagsInCentralHeader);
+  KQZipReadBlock16(stream, &values.flags);
+  KQZipReadBlock16(stream, &values.compression);
+  KQZipReadBlock16(stream, &values.modTime);
+  KQZipReadBlock16(stream, &values.modDate);
+  KQZipReadBlock32(stream, &values.crc32);
+  stream.setNSStreamFileCurrentOffsetKey(attributesInCentralHeader);
+  KQZipReadBlock32(stream, &values.attributes);
+  stream.setNSStreamFileCurrentOffsetKey(length - zip64FieldLength + zip64FieldHeaderLength);
+  KQZipReadBlock64(stream, &values.lengthOfData);
+  return values;
+}
+
+// Whether two headers are the same but for flags and attributes.
+bool areAlike(const std::uint8_t* left, const std::uint8_t* right, std::uint64_t length) {
+  const auto sameIn = [left, right](std::uint64_t start, std::uint64_t end) {
+    return std::memcmp(left + start, right + start, end - start) == 0;
+  };
+  return sameIn(0, flagsInCentralHeader) && sameIn(flagsInCentralHeader + 2, attributesInCentralHeader) &&
+         sameIn(offsetInCentralHeader, length);
+}
+
 }  // namespace
 
 KQZipPackedFileHeader::KQZipPackedFileHeader(const std::shared_ptr<KQZipFileLocalHeader>& localHeader) {
@@ -73,7 +110,7 @@ KQZipInteroperablePlan::KQZipInteroperablePlan(std::string path, const KQ::NSFil
       source_(source),
       permissions_(permissions),
       localHeader_(std::make_shared<KQZipFileLocalHeader>()),
-      wanted_(localHeader_) {}
+      header_(localHeader_) {}
 
 bool KQZipInteroperablePlan::make(KQ::NSErrorSlot error) {
   return _readEndRecords(error) && _readDirectory(error);
@@ -91,7 +128,7 @@ bool KQZipInteroperablePlan::carryOut(const KQ::NSFileHandle& archive, KQ::NSErr
     if (!archive.write(flags.data(), flags.size(), offset, error)) return false;
   }
   for (const Block& block : blocks_) {
-    if (!archive.write(block.bytes.data(), block.bytes.size(), block.offset, error)) return false;
+    if (!archive.write(block.bytes.get(), block.length, block.offset, error)) return false;
   }
   const KQZipEndRecords::Bytes records = endRecords_.interoperable();
   return archive.write(records.data(), records.size(),
@@ -119,12 +156,14 @@ bool KQZipInteroperablePlan::_readEndRecords(KQ::NSErrorSlot error) {
 bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
   localHeader_->setOffset(0);
   const std::uint64_t end = endRecords_.startOfDirectory + endRecords_.sizeOfHeaders;
+  const auto buffer =
+      std::make_unique_for_overwrite<std::uint8_t[]>(std::min(KQZipBlockSize, endRecords_.sizeOfHeaders));
   for (std::uint64_t offset = endRecords_.startOfDirectory; offset < end;) {
-    Block block{offset, std::vector<std::uint8_t>(std::min(KQZipBlockSize, end - offset))};
-    if (!_read(block.bytes.data(), block.bytes.size(), offset, error)) return false;
-    const std::uint64_t length = _convertBlock(block, error);
-    if (length == 0) return false;
-    offset += length;
+    const std::uint64_t length = std::min(KQZipBlockSize, end - offset);
+    if (!_read(buffer.get(), length, offset, error)) return false;
+    const std::uint64_t converted = _convertBlock(buffer.get(), length, offset, error);
+    if (converted == 0) return false;
+    offset += converted;
   }
   if (entriesFound_ != endRecords_.entries)
     return _refuse("its central directory and its end records count differently", error);
@@ -133,63 +172,47 @@ bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
          _refuse("its entries do not end where its central directory begins", error);
 }
 
-// Converts the whole headers at the block's start and takes it into the plan if any has changed. Returns how
-// many bytes they have, 0 on failure.
-std::uint64_t KQZipInteroperablePlan::_convertBlock(Block& block, KQ::NSErrorSlot error) {
-  std::vector<std::uint8_t> converted(block.bytes.size());
+// Converts the whole headers at the start of the bytes and takes them into the plan if any has changed.
+// Returns how many bytes they have, 0 on failure.
+std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, std::uint64_t length,
+                                                    std::uint64_t offset, KQ::NSErrorSlot error) {
+  auto converted = std::make_unique_for_overwrite<std::uint8_t[]>(length);
   std::uint64_t position = 0;
-  while (block.bytes.size() - position >= centralHeaderLength) {
-    const std::uint8_t* header = block.bytes.data() + position;
-    const std::uint64_t length = lengthOfHeader(header);
-    if (length > block.bytes.size() - position) break;
+  while (length - position >= centralHeaderLength) {
+    const std::uint64_t headerLength = lengthOfHeader(bytes + position);
+    if (headerLength > length - position) break;
     const std::uint64_t entry = localHeader_->offset();
-    if (!_convertHeader(header, converted.data() + position, length))
-      return _refuseHeader(block.offset + position, error), 0;
-    if (wanted_.flags() != 0 && !_readLocalHeader(entry, error)) return 0;
+    if (!_convertHeader(bytes + position, converted.get() + position, headerLength))
+      return _refuseHeader(offset + position, error), 0;
+    if (header_.flags() != 0 && !_readLocalHeader(entry, error)) return 0;
     ++entriesFound_;
-    position += length;
+    position += headerLength;
   }
-  if (position == 0) return _refuseHeader(block.offset, error), 0;
-  converted.resize(position);
-  if (!std::equal(converted.begin(), converted.end(), block.bytes.begin()))
-    blocks_.push_back({block.offset, std::move(converted)});
+  if (position == 0) return _refuseHeader(offset, error), 0;
+  if (std::memcmp(bytes, converted.get(), position) != 0)
+    blocks_.push_back({offset, std::move(converted), position});
   return position;
 }
 
 // Writes the header that is wanted in the place of one that was found. False when the library wrote no such
-// header.
-bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* header, std::uint8_t* converted,
+// header: whatever it writes otherwise shows in the comparison, so no more is read than what it can vary.
+bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint8_t* converted,
                                             std::uint64_t length) {
-  found_.setExtraFields({});
-  KQZipBlockInputStream input(header + signatureLength, length - signatureLength);
-  if (!found_.parseFromStream(input)) return false;
-  const auto sizes = found_.findZip64InfoField();
-  if (!sizes) return false;
-
-  const std::string name = found_.fileName().value_or(
-      std::string(header + centralHeaderLength, header + length - zip64FieldLength));
-  wanted_.setFileName(name);
-  wanted_.setModTime(found_.modTime());
-  wanted_.setModDate(found_.modDate());
-  wanted_.setCrc32(found_.crc32());
-  wanted_.setSourceFileSize(sizes->compressedSize());
-  wanted_.setFlags(flagsFor(name));
-  wanted_.setExternalFileAttributes(haveType(found_.externalFileAttributes())
-                                        ? found_.externalFileAttributes()
-                                        : _externalAttributes(name));
+  const EntryValues found = valuesIn(bytes, length);
+  const std::string name(bytes + centralHeaderLength, bytes + length - zip64FieldLength);
+  const std::uint16_t flags = !isASCII(name) && KQ::isValidUTF8(name) ? nameIsUTF8 : 0;
+  if (found.flags != 0 && found.flags != flags) return false;
+  header_.setFlags(flags);
+  header_.setModTime(found.modTime);
+  header_.setModDate(found.modDate);
+  header_.setCrc32(found.crc32);
+  header_.setSourceFileSize(found.lengthOfData);
+  header_.setExternalFileAttributes(haveType(found.attributes) ? found.attributes
+                                                               : _externalAttributes(name));
+  header_.setFileName(name);
   KQZipBlockOutputStream output(converted, length);
-  return wanted_.writeToStream(output) && _isAsTheLibraryWrites(header, converted, length) &&
-         _stepOverEntry(name.size(), sizes->compressedSize());
-}
-
-// Everything else was written with the library's own values: only flags and attributes may differ.
-bool KQZipInteroperablePlan::_isAsTheLibraryWrites(const std::uint8_t* header, const std::uint8_t* converted,
-                                                   std::uint64_t length) const {
-  const auto sameIn = [&](std::uint64_t start, std::uint64_t end) {
-    return std::memcmp(header + start, converted + start, end - start) == 0;
-  };
-  return (found_.flags() == 0 || found_.flags() == wanted_.flags()) && sameIn(0, flagsInCentralHeader) &&
-         sameIn(flagsInCentralHeader + 2, attributesInCentralHeader) && sameIn(offsetInCentralHeader, length);
+  return header_.writeToStream(output) && areAlike(bytes, converted, length) &&
+         _stepOverEntry(name.size(), found.lengthOfData);
 }
 
 std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& name) const {
@@ -211,7 +234,7 @@ bool KQZipInteroperablePlan::_stepOverEntry(std::uint64_t lengthOfName, std::uin
 
 // The local header at `offset` of the entry that was converted last.
 bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error) {
-  std::vector<std::uint8_t> bytes(localHeaderLength + wanted_.fileNameLength() + zip64FieldLength);
+  std::vector<std::uint8_t> bytes(localHeaderLength + header_.fileNameLength() + zip64FieldLength);
   if (!_read(bytes.data(), bytes.size(), offset, error)) return false;
   KQZipFileLocalHeader local;
   KQZipBlockInputStream stream(bytes.data() + signatureLength, bytes.size() - signatureLength);
@@ -227,14 +250,14 @@ bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorS
 
 bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& local) const {
   const auto sizes = local.findZip64InfoField();
-  return local.versionNeeded() == wanted_.versionNeeded() &&
-         (local.flags() == 0 || local.flags() == wanted_.flags()) && local.crc32() == wanted_.crc32() &&
-         local.compressedSize() == wanted_.compressedSize() &&
-         local.uncompressedSize() == wanted_.uncompressedSize() && local.fileName() == wanted_.fileName() &&
+  return local.versionNeeded() == header_.versionNeeded() &&
+         (local.flags() == 0 || local.flags() == header_.flags()) && local.crc32() == header_.crc32() &&
+         local.compressedSize() == header_.compressedSize() &&
+         local.uncompressedSize() == header_.uncompressedSize() && local.fileName() == header_.fileName() &&
          local.extraFieldLength() == zip64FieldLength && sizes &&
          sizes->outputSize() == 4U + sizes->fieldSize() &&
-         sizes->compressedSize() == wanted_.sourceFileSize() &&
-         sizes->uncompressedSize() == wanted_.sourceFileSize();
+         sizes->compressedSize() == header_.sourceFileSize() &&
+         sizes->uncompressedSize() == header_.sourceFileSize();
 }
 
 bool KQZipInteroperablePlan::_read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset,

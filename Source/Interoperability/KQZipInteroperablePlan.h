@@ -48,15 +48,15 @@ class KQZipInteroperablePlan {
   /// Central headers that change, with all around them that was read together with them.
   struct Block {
     std::uint64_t offset;
-    std::vector<std::uint8_t> bytes;
+    std::unique_ptr<std::uint8_t[]> bytes;
+    std::uint64_t length;
   };
 
   bool _readEndRecords(KQ::NSErrorSlot error);
   bool _readDirectory(KQ::NSErrorSlot error);
-  std::uint64_t _convertBlock(Block& block, KQ::NSErrorSlot error);
-  bool _convertHeader(const std::uint8_t* header, std::uint8_t* converted, std::uint64_t length);
-  bool _isAsTheLibraryWrites(const std::uint8_t* header, const std::uint8_t* converted,
-                             std::uint64_t length) const;
+  std::uint64_t _convertBlock(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t offset,
+                              KQ::NSErrorSlot error);
+  bool _convertHeader(const std::uint8_t* bytes, std::uint8_t* converted, std::uint64_t length);
   std::uint32_t _externalAttributes(const std::string& name) const;
   bool _stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData);
   bool _readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error);
@@ -73,11 +73,10 @@ class KQZipInteroperablePlan {
   KQZipEndRecords endRecords_;
   KQZipEndRecords::Bytes endRecordsFound_{};
 
-  // The way through the directory: the entry that comes next, and the headers, used again for each one.
+  // The way through the directory: where the next entry stands, and the one header that is used for all.
   std::uint64_t entriesFound_ = 0;
   std::shared_ptr<KQZipFileLocalHeader> localHeader_;
-  KQZipCentralDirectoryFileHeader found_;
-  KQZipPackedFileHeader wanted_;
+  KQZipPackedFileHeader header_;
 
   // What is to be written.
   std::vector<std::uint64_t> localFlags_;

@@ -261,7 +261,10 @@ void holdStandardStreams() {
 
 // Without a time zone in the environment the system looks at the zone's file again whenever a date is
 // converted, once for each file that is packed; named as what it is without a name, it is read once.
-void nameTimeZone() { static_cast<void>(::setenv("TZ", ":/etc/localtime", 0)); }
+void nameTimeZone() {
+  // Before any other thread is started.
+  static_cast<void>(::setenv("TZ", ":/etc/localtime", 0));  // NOLINT(concurrency-mt-unsafe)
+}
 
 void prepareProcess() {
   nameTimeZone();

@@ -253,6 +253,7 @@ TEST(ToolConform, ExtractFillsAFolderBeforeItMayNoLongerBeEntered) {
   fs::permissions(folder / "a.zip", fs::perms::all);
   fs::copy_file(KQZIP_TOOL, folder / "kqzip");
   fs::permissions(folder / "kqzip", fs::perms::all);
+  const Mask mask(022);
   inUnprivilegedChildProcess([&] {
     expectDone(runProcess({folder / "kqzip", "extract", "-C", folder / "out", folder / "a.zip"}));
     EXPECT_EQ(0400U, modeOf(folder / "out/d"));

@@ -1,4 +1,5 @@
 // Lists an archive and extracts it, until Return is pressed: ListAndExtract ARCHIVE FOLDER
+// Build: c++ -std=c++20 ListAndExtract.cpp -pthread $(pkg-config --cflags --libs kqzip)
 #include <KQZip/KQZip.h>
 
 #include <cstdio>

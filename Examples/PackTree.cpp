@@ -1,9 +1,15 @@
-// Packs a folder into a new archive and shows how far it has come: PackTree ARCHIVE FOLDER
+// Packs a folder into a new archive behind a progress bar: PackTree ARCHIVE FOLDER
+// Build: c++ -std=c++20 PackTree.cpp -pthread $(pkg-config --cflags --libs kqzip)
 #include <KQZip/KQZip.h>
 
 #include <chrono>
 #include <cstdio>
 #include <future>
+
+static void showBar(double fraction) {
+  std::fprintf(stderr, "\r[%-40.*s] %3.0f %%", static_cast<int>(40 * fraction), std::string(40, '#').c_str(),
+               100 * fraction);
+}
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
@@ -16,9 +22,13 @@ int main(int argc, char** argv) {
     return result;
   });
   // Any thread may look, and any may call progress->cancel().
-  while (packed.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
-    std::fprintf(stderr, "\r%3.0f %%", 100 * progress->fractionCompleted());
-  if (packed.get()) return 0;
-  std::fprintf(stderr, "%s\n", error ? error->localizedDescription().c_str() : "a file could not be read");
-  return 1;
+  do {
+    showBar(progress->fractionCompleted());
+  } while (packed.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready);
+  const bool result = packed.get();
+  if (result) showBar(1);
+  std::fprintf(stderr, "\n");
+  if (!result)
+    std::fprintf(stderr, "%s\n", error ? error->localizedDescription().c_str() : "a file could not be read");
+  return result ? 0 : 1;
 }

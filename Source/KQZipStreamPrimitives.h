@@ -6,18 +6,19 @@
 #include "Platform/NSError.h"
 #include "Platform/NSStream.h"
 
-// The eight functions by which records move their fields. Integers are little-endian on the stream,
-// whatever the host. Each function makes exactly one read or write call with the full count and never loops
-// to complete a partial transfer, so a transfer of at least one byte is a success. They keep no state; a
-// stream is used by one thread at a time.
-//
-// Reading fails silently at the end of the stream: no error, no log line. On an error of the stream the
-// line "stream reading failed: %@" is logged, and an error that *already stands* in the slot is replaced by
-// code -50 "Error reading file"; an empty slot stays empty. Testing the slot's contents is meant: it is how
-// a reader tells an archive that ends early (no error) apart. Without a slot they act as with an empty one.
-//
-// Writing fails silently when the stream takes nothing. On an error of the stream code -51 "Error writing
-// file" goes into the slot, if there is one, and the line "stream writing failed: %@" is logged.
+/// @file
+/// The eight functions by which records move their fields. Integers are little-endian on the stream,
+/// whatever the host. Each function makes exactly one read or write call with the full count and never loops
+/// to complete a partial transfer, so a transfer of at least one byte is a success. They keep no state; a
+/// stream is used by one thread at a time.
+///
+/// Reading fails silently at the end of the stream: no error, no log line. On an error of the stream the
+/// line "stream reading failed: %@" is logged, and an error that *already stands* in the slot is replaced by
+/// code -50 "Error reading file"; an empty slot stays empty. Testing the slot's contents is meant: it is how
+/// a reader tells an archive that ends early (no error) apart. Without a slot they act as with an empty one.
+///
+/// Writing fails silently when the stream takes nothing. On an error of the stream code -51 "Error writing
+/// file" goes into the slot, if there is one, and the line "stream writing failed: %@" is logged.
 
 /// Reads `length` bytes into `destination`. A length of 0 succeeds without touching the stream. After a
 /// short read the rest of `destination` keeps what it held.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The version of the library that a program runs with.
+
 #include "Platform/KQExport.h"
 
 extern "C" {

@@ -55,7 +55,7 @@ TEST(ToolCreate, PacksATreeWithoutHiddenItemsLinksAndFoldersByteForByte) {
   fs::create_directory(folder / "tree/empty");
   fs::create_symlink("b.txt", folder / "tree/link");
 
-  expectDone(runTool({"create", folder / "out.zip", folder / "tree"}));
+  expectDone(runTool({"create", "--exact", folder / "out.zip", folder / "tree"}));
 
   expectArchive(folder / "out.zip",
                 {SourceTree::entry(".cache/kept.bin", "packed"), SourceTree::entry("B.txt", ""),
@@ -73,7 +73,7 @@ TEST(ToolCreate, PutsTheFoldersOwnNameInFrontWithKeepParent) {
     for (const std::string source : {"Folder", "Folder/", "Link", "Link/"}) {
       SCOPED_TRACE(option + " " + source);
       const std::string archive = folder / (std::to_string(++number) + ".zip");
-      expectDone(runTool({"create", option, archive, folder / source}));
+      expectDone(runTool({"create", "--exact", option, archive, folder / source}));
       expectArchive(archive, {SourceTree::entry(source.substr(0, source.find('/')) + "/sub/a.txt", "text")});
     }
   }
@@ -83,9 +83,9 @@ TEST(ToolCreate, KeepParentOfADotFolderUsesTheFoldersRealName) {
   const SourceTree folder;
   folder.file("Real/sub/a.txt", "text");
 
-  expectDone(runTool({"create", "-k", folder / "1.zip", "."}, folder / "Real"));
-  expectDone(runTool({"create", "-k", folder / "2.zip", ".."}, folder / "Real/sub"));
-  expectDone(runTool({"create", "-k", folder / "3.zip", "Real/./"}, folder.path().string()));
+  expectDone(runTool({"create", "--exact", "-k", folder / "1.zip", "."}, folder / "Real"));
+  expectDone(runTool({"create", "--exact", "-k", folder / "2.zip", ".."}, folder / "Real/sub"));
+  expectDone(runTool({"create", "--exact", "-k", folder / "3.zip", "Real/./"}, folder.path().string()));
 
   for (const std::string archive : {"1.zip", "2.zip", "3.zip"})
     expectArchive(folder / archive, {SourceTree::entry("Real/sub/a.txt", "text")});
@@ -97,8 +97,8 @@ TEST(ToolCreate, PacksFilesEachUnderItsLastPathComponent) {
   folder.file("y/z/a.txt", "first");
   folder.file("y/.hidden", "named, so packed");
 
-  expectDone(runTool(
-      {"create", "-q", folder / "out.zip", folder / "x/b.txt", folder / "y/z/a.txt", folder / "y/.hidden"}));
+  expectDone(runTool({"create", "--exact", "-q", folder / "out.zip", folder / "x/b.txt", folder / "y/z/a.txt",
+                      folder / "y/.hidden"}));
 
   expectArchive(folder / "out.zip",
                 {SourceTree::entry(".hidden", "named, so packed"), SourceTree::entry("a.txt", "first"),
@@ -108,7 +108,7 @@ TEST(ToolCreate, PacksFilesEachUnderItsLastPathComponent) {
 TEST(ToolCreate, OneFileAloneIsPackedAsAFile) {
   const SourceTree folder;
   folder.file("x/a.txt", "text");
-  expectDone(runTool({"create", "out.zip", "x/a.txt"}, folder.path().string()));
+  expectDone(runTool({"create", "--exact", "out.zip", "x/a.txt"}, folder.path().string()));
   expectArchive(folder / "out.zip", {SourceTree::entry("a.txt", "text")});
 }
 
@@ -117,7 +117,7 @@ TEST(ToolCreate, ALinkGivenAsAFilePacksWhatItPointsToUnderItsOwnName) {
   folder.file("x/target.txt", "longer than the link itself is");
   fs::create_symlink("x/target.txt", folder / "alias");
 
-  expectDone(runTool({"create", folder / "out.zip", folder / "alias"}));
+  expectDone(runTool({"create", "--exact", folder / "out.zip", folder / "alias"}));
 
   expectArchive(folder / "out.zip", {SourceTree::entry("alias", "longer than the link itself is")});
 }
@@ -127,8 +127,9 @@ TEST(ToolCreate, TakesFilesWhoseNamesLookLikeSomethingElse) {
   for (const std::string name : {"[a,b]", "[", "++", "-k", "--", "create", "\x01odd"})
     folder.file(name, name);
 
-  expectDone(runTool({"create", "out.zip", "[a,b]", "[", "++", "create", "\x01odd", "--", "-k", "--"},
-                     folder.path().string()));
+  expectDone(
+      runTool({"create", "--exact", "out.zip", "[a,b]", "[", "++", "create", "\x01odd", "--", "-k", "--"},
+              folder.path().string()));
 
   expectArchive(folder / "out.zip",
                 {SourceTree::entry("\x01odd", "\x01odd"), SourceTree::entry("++", "++"),
@@ -265,7 +266,7 @@ TEST(ToolCreate, APartialArchiveThatAFailureLeavesIsNamed) {
 TEST(ToolCreate, ClosedStandardStreamsDoNotGetIntoTheArchive) {
   const SourceTree folder;
   folder.file("tree/a.txt", "text");
-  expectDone(runProcess({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", KQZIP_TOOL, "create",
+  expectDone(runProcess({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", KQZIP_TOOL, "create", "--exact",
                          folder / "out.zip", folder / "tree"}));
   expectArchive(folder / "out.zip", {SourceTree::entry("a.txt", "text")});
 
@@ -323,14 +324,15 @@ TEST(Tool, HelpOfTheToolNamesEveryCommand) {
   const ProcessResult result = runTool({"--help"});
   EXPECT_EQ(0, result.exitStatus);
   EXPECT_EQ("", result.errors);
-  for (const std::string command : {"create", "list", "extract", "cat", "verify"})
+  for (const std::string command : {"create", "conform", "list", "extract", "cat", "verify"})
     EXPECT_NE(std::string::npos, result.output.find("\n  " + command + " ")) << command;
   EXPECT_EQ(result.output, runTool({"-h"}).output);
 }
 
 TEST(Tool, HelpOfACommandNamesItsOptionsAndTheExitStatuses) {
   const std::vector<std::pair<std::string, std::vector<std::string>>> optionsOf{
-      {"create", {"-k,--keep-parent", "-q,--quiet", "ARCHIVE", "SOURCE"}},
+      {"create", {"-k,--keep-parent", "--exact", "-q,--quiet", "ARCHIVE", "SOURCE"}},
+      {"conform", {"ARCHIVE"}},
       {"list", {"-l,--long", "-0,--null", "ARCHIVE"}},
       {"extract", {"-C,--directory DIR", "--unsafe-paths", "-q,--quiet", "ARCHIVE", "PATH"}},
       {"cat", {"ARCHIVE", "PATH"}},

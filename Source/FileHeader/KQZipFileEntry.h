@@ -213,7 +213,8 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// Sum of the sizes of the name and all extra fields.
   std::uint64_t _sizeOfNameAndExtraFields() const;
 
-  // The fields of the header and the position of the data, for the subclasses' layouts.
+  /// A field of the header, the position of the data or the progress, for a subclass's layout.
+  /// @{
   std::uint16_t versionNeeded_ = 45;
   std::uint16_t flags_ = 0;
   std::uint16_t compression_ = 0;
@@ -227,6 +228,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   std::uint64_t offset_ = 0;
   std::shared_ptr<KQ::NSProgress> progress_;
   std::uint16_t extraFieldLength_ = 0;
+  /// @}
 
  private:
   std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;

@@ -24,7 +24,7 @@ class KQZIP_EXPORT NSError {
                                                         std::string message);
 
   /// An error of NSPOSIXErrorDomain with an `errno` as its code; the message names the path, bytes that
-  /// are no UTF-8 and control characters shown as \xNN, and the system's reason.
+  /// are no UTF-8 and control characters shown as `\xNN`, and the system's reason.
   static std::shared_ptr<const NSError> errorWithPOSIXCode(int code, const std::string& path);
 
   /// Use the static operations instead.

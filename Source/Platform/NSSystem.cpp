@@ -1,6 +1,7 @@
 #include "NSSystem.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +44,17 @@ bool NSFileDescriptor::openForReading(const std::string& path) { return _open(pa
 
 bool NSFileDescriptor::openForWriting(const std::string& path) {
   return _open(path, O_WRONLY | O_CREAT | O_TRUNC);
+}
+
+bool NSFileDescriptor::openInPlace(const std::string& path, bool updating) {
+  if (!_open(path, (updating ? O_RDWR : O_RDONLY) | O_NONBLOCK)) return false;
+  struct stat status {};
+  int code = ::fstat(descriptor_, &status) == 0 ? 0 : errno;
+  if (code == 0 && !S_ISREG(status.st_mode)) code = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
+  if (code == 0) return true;
+  close();
+  errno = code;
+  return false;
 }
 
 bool NSFileDescriptor::_open(const std::string& path, int flags) {
@@ -94,6 +106,29 @@ bool NSFileDescriptor::writeAll(iovec* pieces, int count) const {
     advance(pieces, count, static_cast<std::size_t>(written));
   }
   return true;
+}
+
+bool NSFileDescriptor::writeAllAt(const void* buffer, std::uint64_t length, std::uint64_t offset) const {
+  const auto* bytes = static_cast<const std::uint8_t*>(buffer);
+  while (length > 0) {
+    const ssize_t written = NSRepeatingInterrupted([&] {
+      return ::pwrite(descriptor_, bytes, std::min(length, longestTransfer), static_cast<off_t>(offset));
+    });
+    if (written < 0) return false;
+    if (written == 0) {
+      errno = EIO;
+      return false;
+    }
+    bytes += written;
+    offset += static_cast<std::uint64_t>(written);
+    length -= static_cast<std::uint64_t>(written);
+  }
+  return true;
+}
+
+std::int64_t NSFileDescriptor::length() const {
+  struct stat status {};
+  return ::fstat(descriptor_, &status) == 0 ? static_cast<std::int64_t>(status.st_size) : -1;
 }
 
 }  // namespace KQ

@@ -42,6 +42,10 @@ class NSFileDescriptor {
   /// Creates a file for writing, or empties one that exists.
   bool openForWriting(const std::string& path);
 
+  /// Opens an existing regular file for access by offset, for writing too if `updating`. Neither waits for
+  /// the other end of a pipe nor changes the file; EISDIR for a folder, ESPIPE for what has no offsets.
+  bool openInPlace(const std::string& path, bool updating);
+
   /// Closes the file if it is open. A failure means that what was written may be lost.
   bool close();
 
@@ -56,6 +60,12 @@ class NSFileDescriptor {
 
   /// Writes all of `count` pieces, which are used up.
   bool writeAll(iovec* pieces, int count) const;
+
+  /// Writes all of `length` bytes at `offset`.
+  bool writeAllAt(const void* buffer, std::uint64_t length, std::uint64_t offset) const;
+
+  /// The file's length in bytes.
+  std::int64_t length() const;
 
  private:
   bool _open(const std::string& path, int flags);

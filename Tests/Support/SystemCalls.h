@@ -34,8 +34,9 @@ class SystemCalls {
   /// One call, as the library made it.
   struct Transfer {
     std::vector<Piece> pieces;
-    std::int64_t offset;  ///< Where in the file; -1 for "where the file stands".
-    std::int64_t result;  ///< What the library got back.
+    std::int64_t offset;   ///< Where in the file; -1 for "where the file stands".
+    std::int64_t result;   ///< What the library got back.
+    bool isWrite = false;  ///< Whether it writes.
 
     std::size_t asked() const {
       std::size_t length = 0;
@@ -82,14 +83,14 @@ class SystemCalls {
 
   /// Makes the call `real(iovec*, count)` with what is to go wrong.
   template <class Call>
-  ssize_t perform(const iovec* pieces, int count, std::int64_t offset, Call real) {
+  ssize_t perform(const iovec* pieces, int count, std::int64_t offset, Call real, bool isWrite = false) {
     justInterrupted_ = interruptEveryOther && !justInterrupted_;
     if (justInterrupted_) {
       ++interruptions;
       errno = EINTR;
       return -1;
     }
-    Transfer transfer{{}, offset, -1};
+    Transfer transfer{{}, offset, -1, isWrite};
     std::vector<iovec> allowed;
     std::size_t left = longestTransfer;
     for (int i = 0; i < count; ++i) {
@@ -149,18 +150,28 @@ extern "C" ssize_t write(int file, const void* buffer, size_t length) {
   KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
   if (calls == nullptr) return real(file, buffer, length);
   const iovec piece{const_cast<void*>(buffer), length};
-  return calls->perform(&piece, 1, -1, [file](const iovec* pieces, int) {
-    return real(file, pieces->iov_base, pieces->iov_len);
-  });
+  return calls->perform(
+      &piece, 1, -1,
+      [file](const iovec* pieces, int) { return real(file, pieces->iov_base, pieces->iov_len); }, true);
 }
 
 extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
   static auto* const real = KQTest::systemFunction<ssize_t(int, const iovec*, int)>("writev");
   KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
   if (calls == nullptr) return real(file, pieces, count);
-  return calls->perform(pieces, count, -1, [file](const iovec* allowed, int allowedCount) {
-    return real(file, allowed, allowedCount);
-  });
+  return calls->perform(
+      pieces, count, -1,
+      [file](const iovec* allowed, int allowedCount) { return real(file, allowed, allowedCount); }, true);
+}
+
+extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t offset) {
+  static auto* const real = KQTest::systemFunction<ssize_t(int, const void*, size_t, off_t)>("pwrite");
+  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
+  if (calls == nullptr) return real(file, buffer, length, offset);
+  const iovec piece{const_cast<void*>(buffer), length};
+  return calls->perform(
+      &piece, 1, offset,
+      [=](const iovec* pieces, int) { return real(file, pieces->iov_base, pieces->iov_len, offset); }, true);
 }
 
 extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {

@@ -29,11 +29,33 @@ class Zip64Values {
   std::uint64_t position_ = 0;
 };
 
+// Whoever made the header says with it how the external attributes are to be read.
+bool isFromUnix(const KQZipCentralDirectoryFileHeader& header) {
+  constexpr int unixHost = 3;
+  constexpr int darwinHost = 19;
+  const int host = header.versionMadeBy() >> 8;
+  return host == unixHost || host == darwinHost;
+}
+
+std::optional<std::uint32_t> permissionsOf(const KQZipCentralDirectoryFileHeader& header,
+                                           const std::string& name) {
+  constexpr std::uint32_t typeBits = 0170000;
+  constexpr std::uint32_t regularFile = 0100000;
+  constexpr std::uint32_t folder = 0040000;
+  constexpr std::uint32_t permissionBits = 0777;
+  const std::uint32_t mode = header.externalFileAttributes() >> 16;
+  const std::uint32_t expected = !name.empty() && name.back() == '/' ? folder : regularFile;
+  const bool isExpected = (mode & typeBits) == 0 || (mode & typeBits) == expected;
+  if (!isFromUnix(header) || !isExpected || (mode & permissionBits) == 0) return std::nullopt;
+  return mode & permissionBits;
+}
+
 }  // namespace
 
 CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string name) {
   Zip64Values values(header);
   CentralRecord record;
+  record.permissions = permissionsOf(header, name);
   record.name = std::move(name);
   record.crc32 = header.crc32();
   // The uncompressed size comes first in the field, and is the same for data that is stored.

@@ -3,16 +3,21 @@
 #include <KQZip/KQZip.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace Tool {
 
-/// What the central directory says of an entry, as far as it is compared.
+/// What the central directory says of an entry, as far as it is compared or used.
 struct CentralRecord {
   std::string name;                 ///< The bytes of the name as stored.
   std::uint32_t crc32 = 0;          ///< CRC-32 of the data.
   std::uint64_t size = 0;           ///< Bytes of data.
   std::uint64_t localHeaderAt = 0;  ///< Offset of the local header.
+
+  /// Unix's permission bits, the lowest nine; nothing when the entry has none, or is of another type than its
+  /// name says.
+  std::optional<std::uint32_t> permissions;
 };
 
 /// Takes the record from its header. A 32-bit field that is saturated gives way to the next value of the

@@ -12,6 +12,8 @@
 
 #include "Advice.h"
 #include "ArchiveCheck.h"
+#include "Conform.h"
+#include "Interruption.h"
 #include "Message.h"
 #include "ProgressLine.h"
 #include "Verify.h"
@@ -22,7 +24,11 @@ namespace Tool {
 
 namespace {
 
-using Packing = std::function<bool(KQ::NSErrorSlot)>;
+// How the archive is made, and which file became the entry of a name.
+struct Packing {
+  std::function<bool(KQ::NSErrorSlot)> pack;
+  std::function<std::string(const std::string&)> sourceOf;
+};
 
 fs::file_status statusOf(const std::string& path) {
   std::error_code error;
@@ -50,9 +56,14 @@ std::string directoryToKeep(const std::string& directory) {
 Packing packingOfDirectory(const CreateOptions& options) {
   const std::string& source = options.sources.front();
   const std::string directory = options.keepParent ? directoryToKeep(source) : source;
-  return [&options, directory](KQ::NSErrorSlot error) {
-    return KQZipFileWriter::createZipFileAtPath(options.archive, directory, options.keepParent, error);
-  };
+  const std::size_t prefixLength = options.keepParent ? KQ::lastPathComponent(directory).size() + 1 : 0;
+  return {[&options, directory](KQ::NSErrorSlot error) {
+            return KQZipFileWriter::createZipFileAtPath(options.archive, directory, options.keepParent,
+                                                        error);
+          },
+          [directory, prefixLength](const std::string& name) {
+            return KQ::stringByAppendingPathComponent(directory, name.substr(prefixLength));
+          }};
 }
 
 void requireReadableFile(const std::string& path) {
@@ -84,13 +95,16 @@ std::map<std::string, std::string> namesOfFiles(const std::vector<std::string>& 
 
 Packing packingOfFiles(const CreateOptions& options) {
   const auto writer = std::make_shared<KQZipFileWriter>();
-  for (const auto& [name, file] : namesOfFiles(options.sources)) {
+  const auto files = namesOfFiles(options.sources);
+  for (const auto& [name, file] : files) {
     // The writer takes a file's size from the path as it stands, so a link gives way to what it points to.
     const std::string source = canonicalPath(file);
     requireFaithfulText(source, file);
     writer->addFilePath(source, name);
   }
-  return [&options, writer](KQ::NSErrorSlot error) { return writer->writeToZipPath(options.archive, error); };
+  return {
+      [&options, writer](KQ::NSErrorSlot error) { return writer->writeToZipPath(options.archive, error); },
+      [files](const std::string& name) { return files.at(name); }};
 }
 
 Packing packingOf(const CreateOptions& options) {
@@ -132,29 +146,46 @@ ProgressLine::Amount sizeOfFile(const std::string& path) {
   return error ? ProgressLine::Amount{readableSize(0), 0} : ProgressLine::Amount{readableSize(size), size};
 }
 
-void check(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
+// Those of the source as it is now; one that has vanished has none.
+KQZipPermissions permissionsFrom(const Packing& packing) {
+  return [&packing](const std::string& name) -> std::optional<std::uint32_t> {
+    std::error_code error;
+    const fs::file_status status = fs::status(packing.sourceOf(name), error);
+    if (error || !fs::exists(status)) return std::nullopt;
+    return static_cast<std::uint32_t>(status.permissions());
+  };
+}
+
+// In this order: what cannot be read back is told of before anything else is done with the archive.
+void finish(const CreateOptions& options, const Packing& packing,
+            const std::shared_ptr<KQ::NSProgress>& work) {
+  bool isExact = true;
   try {
     requireReadableArchive(options.archive, *work);
+    requireNotInterrupted(*work);
+    if (!options.exact) makeInteroperable(options.archive, permissionsFrom(packing));
+    isExact = options.exact;
     if (options.verifies) verify({options.archive, options.quiet, false}, work);
   } catch (const Failure& failure) {
     if (failure.status() != Interrupted) throw;
-    throw Failure("interrupted (archive left unchecked at " + options.archive + ")", Interrupted);
+    const std::string form = isExact && !options.exact ? " and as with --exact" : "";
+    throw Failure("interrupted (archive left unchecked" + form + " at " + options.archive + ")", Interrupted);
   }
 }
 
 }  // namespace
 
 void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
-  const Packing pack = packingOf(options);
+  const Packing packing = packingOf(options);
   requirePlaceForArchive(options.archive);
   const bool existedBefore = existsAt(options.archive);
   std::shared_ptr<const KQ::NSError> error;
   bool done = false;
   {
     const ProgressLine line(!options.quiet, work, [&options] { return sizeOfFile(options.archive); });
-    done = pack(&error);
+    done = packing.pack(&error);
   }
-  if (done) return check(options, work);
+  if (done) return finish(options, packing, work);
   const bool isPartial = !existedBefore && existsAt(options.archive);
   const std::string trace = isPartial ? "partial archive left at " + options.archive : "";
   if (work->isCancelled()) throw Failure(withRemarks("interrupted", {trace}), Interrupted);

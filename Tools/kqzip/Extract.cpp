@@ -1,5 +1,6 @@
 #include "Extract.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <system_error>
@@ -12,6 +13,7 @@
 #include "ExtractionPlan.h"
 #include "Interruption.h"
 #include "Message.h"
+#include "Permissions.h"
 #include "ProgressLine.h"
 
 namespace fs = std::filesystem;
@@ -65,18 +67,26 @@ std::uint64_t lengthOf(const ExtractionPlan& plan) {
 
 void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
                   EntryProgress& progress) {
+  const Permissions permissions(archive);
   std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
   for (const ExtractionItem& item : plan.items) {
     requireNotInterrupted(progress.work());
     progress.begin(*item.entry);
-    if (item.entry->isFolder())
+    if (item.entry->isFolder()) {
       folders.emplace_back(item.entry, destination.folder(item.target));
-    else
-      extractFile(archive, *item.entry, destination.placeForFile(item.target), progress.work());
+    } else {
+      const std::string path = destination.placeForFile(item.target);
+      extractFile(archive, *item.entry, path, progress.work());
+      permissions.apply(*item.entry, path);
+    }
     progress.end();
   }
-  // Last, because a folder's date changes with its contents.
+  // Last, because a folder's date changes with its contents, and its permissions may forbid any change.
   for (const auto& [entry, path] : folders) setDate(*entry, path);
+  // The longer path first: what is inside a folder is not reached behind one that may not be entered.
+  std::sort(folders.begin(), folders.end(),
+            [](const auto& left, const auto& right) { return left.second.size() > right.second.size(); });
+  for (const auto& [entry, path] : folders) permissions.apply(*entry, path);
 }
 
 // One line for all that was left out: the first, and how many more there are.

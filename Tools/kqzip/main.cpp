@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iomanip>
@@ -17,6 +18,7 @@
 
 #include "Arguments.h"
 #include "Cat.h"
+#include "Conform.h"
 #include "Create.h"
 #include "Extract.h"
 #include "Interruption.h"
@@ -76,15 +78,29 @@ void defineCreate(CLI::App& app, Command& command) {
       "A folder is packed with every regular file below it whose own name does not begin with \".\"; links\n"
       "and empty folders are left out. Files are packed each under its last path component; of a symbolic\n"
       "link, what it points to. An existing archive is never touched. A file that changed its length while\n"
-      "it was packed is named, with exit status 1; --verify also finds one whose contents changed.");
+      "it was packed is named, with exit status 1; --verify also finds one whose contents changed. The\n"
+      "archive is one that other programs open, with the files' permissions, unless --exact is given.");
   addPositional(create, "ARCHIVE", options->archive, "The archive to make")->required();
   addPositional(create, "SOURCE", options->sources, "One folder, or files")->required();
   create->add_flag("-k,--keep-parent", options->keepParent,
                    "Put the folder's own name in front of all names");
   create->add_flag("--verify", options->verifies, "Then read everything back and compare it with its CRC-32");
+  create->add_flag("--exact", options->exact,
+                   "Leave the archive in the library's own form, which many programs call damaged");
   addQuiet(create, options->quiet, "Show no progress");
   create->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::create(*options, work); }; });
+}
+
+void defineConform(CLI::App& app, Command& command) {
+  const auto options = std::make_shared<ConformOptions>();
+  CLI::App* conform = addCommand(
+      app, "conform", "Let other programs open an archive made with --exact",
+      "The archive is changed in place: no byte moves, and kqzip reads it as before. One that is so already\n"
+      "is not touched, one that KQZip did not write is refused. If it is stopped, it can be run again.");
+  addPositional(conform, "ARCHIVE", options->archive, "The archive to change")->required();
+  conform->callback(
+      [options, &command] { command.run = [options](const auto& /*work*/) { Tool::conform(*options); }; });
 }
 
 void defineList(CLI::App& app, Command& command) {
@@ -110,7 +126,8 @@ void defineExtract(CLI::App& app, Command& command) {
       app, "extract", "Give an archive's files back",
       "Existing files are replaced and dates are set. An archive with a name that is absolute, is empty or\n"
       "has a \"..\" component is refused, and so is a symbolic link that leads out of the folder. Of a\n"
-      "damaged archive, all that is whole is extracted.");
+      "damaged archive, all that is whole is extracted. Permissions are set as far as the mask (umask) lets\n"
+      "new files have them.");
   addPositional(extract, "ARCHIVE", options->archive, "The archive to read")->required();
   addPositional(extract, "PATH", options->paths,
                 "What to extract: names, or folders with all below them; otherwise all");
@@ -193,6 +210,7 @@ void defineAll(CLI::App& app, Command& command) {
   app.footer(exitStatuses);
   app.require_subcommand(1);
   defineCreate(app, command);
+  defineConform(app, command);
   defineList(app, command);
   defineExtract(app, command);
   defineCat(app, command);
@@ -275,7 +293,15 @@ void holdStandardStreams() {
   if (descriptor > STDERR_FILENO) close(descriptor);
 }
 
+// Without a time zone in the environment the system looks at the zone's file again whenever a date is
+// converted, once for each file that is packed; named as what it is without a name, it is read once.
+void nameTimeZone() {
+  // Before any other thread is started.
+  static_cast<void>(::setenv("TZ", ":/etc/localtime", 0));  // NOLINT(concurrency-mt-unsafe)
+}
+
 void prepareProcess() {
+  nameTimeZone();
   holdStandardStreams();
   blockInterruptions();
   // A closed pipe and a file that may not grow are errors to be told, not ends of the process.

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../FileHeader/KQZipCentralDirectoryFileHeader.h"
+#include "../FileHeader/KQZipFileLocalHeader.h"
+#include "../Platform/NSError.h"
+#include "../Platform/NSFileHandle.h"
+#include "KQZipEndRecords.h"
+#include "KQZipInteroperability.h"
+
+// What makes an archive interoperable, found out in full before anything is written. For the library's own
+// use.
+
+/// The central header of an entry that is in the archive already. All of it is known, so that nothing is
+/// taken from the source file.
+class KQZipPackedFileHeader final : public KQZipCentralDirectoryFileHeader {
+ public:
+  /// A header with the defaults of all that the library writes, linked to `localHeader` for its offset.
+  explicit KQZipPackedFileHeader(const std::shared_ptr<KQZipFileLocalHeader>& localHeader);
+
+  /// Does nothing.
+  void updateAttributesFromSourceFile() override {}
+};
+
+/// The changes to one archive.
+class KQZipInteroperablePlan {
+ public:
+  /// A plan for the archive at `path`, which `source` reads. Nothing is read yet.
+  KQZipInteroperablePlan(std::string path, const KQ::NSFileHandle& source,
+                         const KQZipPermissions& permissions);
+
+  /// Reads and checks the archive. Fails with the error of a read, or with that of an archive of another
+  /// form.
+  bool make(KQ::NSErrorSlot error);
+
+  /// True when there is nothing to change.
+  bool isEmpty() const;
+
+  /// Writes the changes: local headers, central headers, end records. Fails with the error of the first write
+  /// that fails.
+  bool carryOut(const KQ::NSFileHandle& archive, KQ::NSErrorSlot error) const;
+
+ private:
+  /// Central headers that change, with all around them that was read together with them.
+  struct Block {
+    std::uint64_t offset;
+    std::unique_ptr<std::uint8_t[]> bytes;
+    std::uint64_t length;
+  };
+
+  bool _readEndRecords(KQ::NSErrorSlot error);
+  bool _readDirectory(KQ::NSErrorSlot error);
+  std::uint64_t _convertBlock(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t offset,
+                              KQ::NSErrorSlot error);
+  bool _convertHeader(const std::uint8_t* bytes, std::uint8_t* converted, std::uint64_t length);
+  std::uint32_t _externalAttributes(const std::string& name) const;
+  bool _stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData);
+  bool _readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error);
+  bool _matchesLocalHeader(const KQZipFileLocalHeader& local) const;
+  bool _read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset, KQ::NSErrorSlot error) const;
+  bool _refuse(const std::string& reason, KQ::NSErrorSlot error) const;
+  bool _refuseHeader(std::uint64_t offset, KQ::NSErrorSlot error) const;
+
+  std::string path_;
+  const KQ::NSFileHandle& source_;
+  const KQZipPermissions& permissions_;
+
+  // What the archive says at its end.
+  KQZipEndRecords endRecords_;
+  KQZipEndRecords::Bytes endRecordsFound_{};
+
+  // The way through the directory: where the next entry stands, and the one header that is used for all.
+  std::uint64_t entriesFound_ = 0;
+  std::shared_ptr<KQZipFileLocalHeader> localHeader_;
+  KQZipPackedFileHeader header_;
+
+  // What is to be written.
+  std::vector<std::uint64_t> localFlags_;
+  std::vector<Block> blocks_;
+};

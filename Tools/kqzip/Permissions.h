@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+#include "ArchiveScan.h"
+
+namespace Tool {
+
+/// The permission bits that an archive's central directory gives its entries.
+class Permissions {
+ public:
+  /// Made before the first entry is extracted. It asks for the process's mask, which the system only tells by
+  /// changing it, so no file must be made at the same time.
+  explicit Permissions(const ArchiveScan& archive);
+
+  /// Gives the file or folder that the entry became its permissions, as far as the mask lets a new file have
+  /// them; one without any is left as it is. Throws a Failure when that cannot be.
+  void apply(const ArchiveEntry& entry, const std::string& path) const;
+
+ private:
+  std::unordered_map<std::uint64_t, mode_t> permissionsAt_;
+  mode_t mask_;
+};
+
+}  // namespace Tool

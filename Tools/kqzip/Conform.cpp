@@ -11,7 +11,7 @@ void conform(const ConformOptions& options) { makeInteroperable(options.archive,
 void makeInteroperable(const std::string& archive, const KQZipPermissions& permissions) {
   std::shared_ptr<const KQ::NSError> error;
   if (!KQZipMakeArchiveInteroperable(archive, permissions, &error))
-    throw Failure(errorText(error, inQuotes(archive) + " cannot be made interoperable"));
+    failWithError(error, inQuotes(archive) + " cannot be made interoperable");
 }
 
 }  // namespace Tool

@@ -9,7 +9,10 @@ set(KQZIP_INSTALL_PKGCONFIG_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 # All headers that KQZip.h reaches. The others are the library's own.
 install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/KQZip" COMPONENT Development
   FILES_MATCHING PATTERN "*.h"
+  PATTERN KQZipBlockStreams.h EXCLUDE
+  PATTERN KQZipEndRecords.h EXCLUDE
   PATTERN KQZipError.h EXCLUDE
+  PATTERN KQZipInteroperablePlan.h EXCLUDE
   PATTERN KQZipTextBlock.h EXCLUDE
   PATTERN KQZipTransfer.h EXCLUDE
   PATTERN NSFileInputStream.h EXCLUDE

@@ -85,16 +85,16 @@ _kqzip_add_entries() {
 # The options of the command $1, or of the tool.
 _kqzip_options() {
   case $1 in
-    create) echo "-k --keep-parent --verify -q --quiet --help" ;;
+    create) echo "-k --keep-parent --exact --verify -q --quiet --help" ;;
     list) echo "-l --long -0 --null -h --human-readable --json --help" ;;
     extract) echo "-C --directory --unsafe-paths -q --quiet --help" ;;
     verify) echo "-q --quiet -h --human-readable --json --help" ;;
-    cat | help) echo "--help" ;;
+    cat | conform | help) echo "--help" ;;
     "") echo "-h --help --version" ;;
   esac
 }
 
-_kqzip_commands="create list extract cat verify help"
+_kqzip_commands="create conform list extract cat verify help"
 
 # Adds what may stand in the place of the positional argument number $3 of the command $2; $1 is the tool, $4
 # the archive, $5 what is written so far.
@@ -102,7 +102,7 @@ _kqzip_add_argument() {
   case $2:$3 in
     :*) mapfile -t COMPREPLY < <(compgen -W "$_kqzip_commands" -- "$5") ;;
     help:0) mapfile -t COMPREPLY < <(compgen -W "$_kqzip_commands" -- "$5") ;;
-    create:0 | list:0 | extract:0 | cat:0 | verify:0) _kqzip_add_archives "$5" ;;
+    create:0 | conform:0 | list:0 | extract:0 | cat:0 | verify:0) _kqzip_add_archives "$5" ;;
     create:*) _kqzip_add_files "$5" "*" ;;
     extract:* | cat:1) _kqzip_add_entries "$1" "$4" "$5" ;;
   esac

@@ -4,11 +4,11 @@
 /// Everything that KQZip offers: one include.
 ///
 /// KQZipFileWriter packs files or a whole folder into an archive, KQZipFileReader lists an archive and gives
-/// the files back. Entries are stored without compression. KQZipMakeArchiveInteroperable() lets other programs
-/// read an archive too. Operations that can fail return false or nothing
-/// and take an error slot as their last argument (KQ::NSErrorSlot), which is written only on failure; the one
-/// exception that may leave the library is `std::bad_alloc`. Progress and cancellation go through
-/// KQ::NSProgress, log lines through KQ::NSSetLogSink().
+/// the files back. Entries are stored without compression. KQZipMakeArchiveInteroperable() lets other
+/// programs read an archive too. Operations that can fail return false or nothing and take an error slot as
+/// their last argument (KQ::NSErrorSlot), which is written only on failure; the one exception that may leave
+/// the library is `std::bad_alloc`. Progress and cancellation go through KQ::NSProgress, log lines through
+/// KQ::NSSetLogSink().
 
 /// @namespace KQ
 /// What the library needs of the system: streams, files, progress, errors, the log, dates and strings. None

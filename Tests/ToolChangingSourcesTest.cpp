@@ -3,9 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <vector>
 
+#include "Support/ChangingSource.h"
+#include "Support/RunningProgram.h"
 #include "Support/SourceTree.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
@@ -34,7 +42,73 @@ bool isThere(const char* path, bool claimsMore) {
   return !error && (claimed > readFile(path).size()) == claimsMore;
 }
 
+// Runs the tool, stopped at a moment of its reading of `path` for `change` to happen.
+ProcessResult runToolWithChange(const std::vector<std::string>& arguments, const std::string& path,
+                                SourceMoment moment, const std::function<void()>& change) {
+  const char* const options = std::getenv("ASAN_OPTIONS");
+  std::vector<std::string> command{
+      "/usr/bin/env", "LD_PRELOAD=" KQZIP_STOP_AT_FILE_MOMENT, "KQZIP_TEST_STOP_FILE=" + path,
+      "KQZIP_TEST_STOP_MOMENT=" + std::to_string(static_cast<int>(moment)),
+      // AddressSanitizer wants to be loaded first unless it is told not to.
+      "ASAN_OPTIONS=" + std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0"};
+  for (const std::string& part : toolCommand(arguments)) command.push_back(part);
+  RunningProgram tool(command);
+  tool.waitUntilItStops();
+  change();
+  tool.send(SIGCONT);
+  return tool.finish();
+}
+
+bool hasOneLength(const GoldenEntry& entry) {
+  return entry.localSize == entry.data.size() && entry.centralSize == entry.data.size();
+}
+
+std::string hexadecimal(std::uint32_t value) {
+  std::array<char, 9> text{};
+  std::snprintf(text.data(), text.size(), "%08x", value);
+  return text.data();
+}
+
+class ToolSourceChange : public testing::TestWithParam<NamedMoment> {};
+
 }  // namespace
+
+INSTANTIATE_TEST_SUITE_P(AtEachMoment, ToolSourceChange, testing::ValuesIn(sourceMoments()),
+                         [](const auto& moment) { return moment.param.name; });
+
+TEST_P(ToolSourceChange, NeverEndsInSuccessForAnArchiveThatDoesNotReadBack) {
+  const std::string old = patternBytes(1048576 + 1234);
+  for (const SourceChange& change : sourceChanges()) {
+    for (const bool verifies : {false, true}) {
+      SCOPED_TRACE(change.name + (verifies ? ", verified" : ""));
+      const SourceTree folder;
+      folder.file("tree/a", "in front");
+      folder.file("tree/b", old);
+      folder.file("tree/c", "behind");
+      const std::string archive = folder / "out.zip";
+      std::vector<std::string> arguments{"create", archive, folder / "tree"};
+      arguments.emplace_back(verifies ? "--verify" : "--exact");
+      const ProcessResult result = runToolWithChange(arguments, folder / "tree/b", GetParam().moment,
+                                                     [&] { change.apply(folder, "tree/b"); });
+
+      const GoldenEntry entry = changedEntry("b", old, GetParam().moment, change);
+      if (!verifies) {
+        expectSameBytes(
+            goldenArchive({SourceTree::entry("a", "in front"), entry, SourceTree::entry("c", "behind")}),
+            readFile(archive));
+      }
+      if (!hasOneLength(entry)) {
+        expectFailed(result, changed("b", archive));
+      } else if (verifies && crcOf(entry.data) != entry.crc) {
+        expectFailed(result, archive + ": 1 problem found (remove it and pack again)",
+                     "b: CRC-32 is " + hexadecimal(crcOf(entry.data)) + ", header says " +
+                         hexadecimal(entry.crc) + "\n");
+      } else {
+        expectDone(result);
+      }
+    }
+  }
+}
 
 TEST(ToolChangingSources, AFileThatGrowsIsNamed) {
   if (!isThere(growing, false)) GTEST_SKIP() << growing << " is not there";

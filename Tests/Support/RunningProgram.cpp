@@ -111,6 +111,14 @@ void RunningProgram::waitForOutput(int bytes) const {
   });
 }
 
+void RunningProgram::waitUntilItStops() const {
+  siginfo_t information{};
+  while (waitid(P_PID, static_cast<id_t>(process_), &information, WSTOPPED | WEXITED | WNOWAIT) != 0) {
+    if (errno != EINTR) fail("waitid failed");
+  }
+  if (information.si_code != CLD_STOPPED) fail("the program ended and did not stop");
+}
+
 void RunningProgram::closeOutput() { closeOnce(output_); }
 
 void RunningProgram::readErrorsUntil(const std::string& text) {

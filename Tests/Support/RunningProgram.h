@@ -33,6 +33,9 @@ class RunningProgram {
   /// Waits until this many bytes can be read from standard output, and reads nothing.
   void waitForOutput(int bytes = 1) const;
 
+  /// Waits until the program has stopped itself; sending SIGCONT makes it go on. Throws when it ends instead.
+  void waitUntilItStops() const;
+
   /// Closes the reading end of standard output.
   void closeOutput();
 

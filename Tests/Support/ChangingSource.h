@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,7 @@ struct NamedMoment {
   std::string name;
 };
 std::vector<NamedMoment> sourceMoments();
+inline void PrintTo(const NamedMoment& moment, std::ostream* stream) { *stream << moment.name; }
 
 /// What an archive is to hold for a source with the contents `old` that changed at that moment.
 GoldenEntry changedEntry(const std::string& name, const std::string& old, SourceMoment moment,

@@ -11,9 +11,11 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -22,7 +24,9 @@
 #include <string>
 #include <vector>
 
+#include "Support/GoldenArchive.h"
 #include "Support/LogCapture.h"
+#include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -79,6 +83,13 @@ ssize_t transfer(const char* name, std::size_t length, Call call) {
   return -1;
 }
 
+// What a close that fails may mean: half of the file never reaches the disk.
+void loseWhatWasWritten(int file) {
+  struct stat status {};
+  const bool written = (fcntl(file, F_GETFL) & O_ACCMODE) != O_RDONLY;
+  if (written && fstat(file, &status) == 0 && ftruncate(file, status.st_size / 2) != 0) abort();
+}
+
 }  // namespace
 
 extern "C" int open(const char* path, int flags, ...) {
@@ -93,9 +104,11 @@ extern "C" int open(const char* path, int flags, ...) {
 extern "C" int close(int file) {
   static auto* const real = systemFunction<int(int)>("close");
   const auto fault = faultFor("close");
+  const bool fails = fault && *fault != shortTransfer;
+  if (fails && *fault != EINTR) loseWhatWasWritten(file);
   // The file is gone whatever the system says.
   const int result = real(file);
-  if (!fault || *fault == shortTransfer) return result;
+  if (!fails) return result;
   errno = *fault;
   return -1;
 }
@@ -271,17 +284,39 @@ const Leniency aSignatureThatCannotBeReadEndsTheScan{
       return result.size() < complete.size() && isPartOf(result, complete);
     }};
 
+// The archives that `change` makes of one of the entries at a time.
+std::set<std::string> archivesWithOneEntry(const std::vector<KQTest::GoldenEntry>& entries,
+                                           const std::function<void(KQTest::GoldenEntry&)>& change) {
+  std::set<std::string> archives;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    std::vector<KQTest::GoldenEntry> changed = entries;
+    change(changed[i]);
+    archives.insert(KQTest::goldenArchive(changed));
+  }
+  return archives;
+}
+
 class SystemCallFaults : public ::testing::Test {
  protected:
   SystemCallFaults() {
-    KQTest::writeFile(directory_ / "tree/a.txt", "hello");
-    KQTest::writeFile(directory_ / "tree/b/large.bin", KQTest::patternBytes(70000));
-    KQTest::writeFile(directory_ / "tree/b/small.bin", KQTest::patternBytes(700, 2));
-    KQTest::writeFile(directory_ / "tree/empty", "");
-    for (const char* name : {"a.txt", "b/large.bin", "b/small.bin", "empty"})
-      KQTest::setModificationDate(directory_ / (std::string("tree/") + name), 1600000000);
+    for (const auto& [name, contents] :
+         std::map<std::string, std::string>{{"a.txt", "hello"},
+                                            {"b/large.bin", KQTest::patternBytes(70000)},
+                                            {"b/small.bin", KQTest::patternBytes(700, 2)},
+                                            {"empty", ""}}) {
+      directory_.file("tree/" + name, contents);
+      entries_.push_back(KQTest::SourceTree::entry(name, contents));
+    }
     EXPECT_TRUE(KQZipFileWriter::createZipFileAtPath(archive_, directory_ / "tree", false));
-    archiveBytes_ = KQTest::readFile(archive_);
+    KQTest::expectSameBytes(KQTest::goldenArchive(entries_), KQTest::readFile(archive_));
+  }
+
+  // Allows the archives that `change` makes of one entry.
+  Leniency oneEntry(const char* name, const char* call,
+                    const std::function<void(KQTest::GoldenEntry&)>& change) const {
+    return {name, call, [archives = archivesWithOneEntry(entries_, change)](const auto& result, const auto&) {
+              return archives.count(result.at("archive")) == 1;
+            }};
   }
 
   // Makes the thread's progress the test's own around `body`, as a caller does.
@@ -293,16 +328,13 @@ class SystemCallFaults : public ::testing::Test {
     return result;
   }
 
-  KQTest::TemporaryDirectory directory_;
+  KQTest::SourceTree directory_;
+  std::vector<KQTest::GoldenEntry> entries_;
   std::string archive_ = directory_ / "archive.zip";
-  std::string archiveBytes_;
 };
 
 TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
   const std::string target = directory_ / "packed.zip";
-  const auto hasTheHeadersOf = [](const auto& result, const auto& complete) {
-    return result.at("archive") != complete.at("archive");
-  };
   failEveryCallOnce(
       {[&] { fs::remove(target); },
        [&]() -> Outcome {
@@ -317,9 +349,18 @@ TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
          if (!outcome) return std::nullopt;
          return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
        },
-       {{"a source that cannot be read further ends its CRC and its copy like the end of the file", "pread",
-         hasTheHeadersOf},
-        {"attributes of a source that cannot be read are only logged", "lstat", hasTheHeadersOf}}});
+       {oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
+                 [](KQTest::GoldenEntry& entry) { entry.crc = 0; }),
+        oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
+                 [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
+        oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
+                 [](KQTest::GoldenEntry& entry) {
+                   entry.localSize = 0;
+                   entry.localTime = 0;
+                   entry.localDate = 0;
+                 }),
+        oneEntry("a size that cannot be read for the central header is zero there", "lstat",
+                 [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })}});
 }
 
 TEST_F(SystemCallFaults, OpeningAnArchiveFailsOrListsEveryEntry) {
@@ -351,9 +392,13 @@ TEST_F(SystemCallFaults, ReadingAnEntryGivesNothingOrEveryByte) {
          },
          [](const Outcome& outcome) { return outcome; },
          // The buffer has the entry's length whatever the one read delivered.
-         {{"a read that fails yields a buffer of the declared length", "pread",
+         {{"a read that fails yields a buffer of the declared length, zeros where it failed", "pread",
            [path](const auto& result, const auto& complete) {
-             return result.at(path).size() == complete.at(path).size();
+             std::string bytes = complete.at(path);
+             const auto differing =
+                 std::mismatch(bytes.begin(), bytes.end(), result.at(path).begin(), result.at(path).end());
+             std::fill(differing.first, bytes.end(), '\0');
+             return bytes == result.at(path);
            }}}});
   }
 }

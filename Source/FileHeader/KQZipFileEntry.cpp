@@ -200,12 +200,15 @@ bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot err
 }
 
 bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
-  const auto fail = [&](const char* format) {
-    return KQZipFail(error, KQZipErrorReading, KQ::stringWithFormat(format, {sourceFilePath()}));
-  };
-  // Filled with no path, which is meant: there is none to name.
-  if (!_sharedSourceFilePath()) return fail("Source file doesn't exist: %@");
-  if (needsToCalculateCRC() && !calculateCRCOfSourceFile()) return fail("Can't calculate CRC of %@");
+  if (!_sharedSourceFilePath()) {
+    // Filled with no path, which is meant: there is none to name.
+    return KQZipFail(error, KQZipErrorReading,
+                     KQ::stringWithFormat("Source file doesn't exist: %@", {sourceFilePath()}));
+  }
+  if (needsToCalculateCRC() && !calculateCRCOfSourceFile()) {
+    return KQZipFail(error, KQZipErrorReading,
+                     KQ::stringWithFormat("Can't calculate CRC of %@", {sourceFilePath()}));
+  }
   if (needsToUpdateAttributesFromSourceFile()) updateAttributesFromSourceFile();
 
   fileNameLength_ = KQZipTextLength(sharedFileName());

@@ -25,7 +25,10 @@ NSSharedString::Block* NSSharedString::_newBlock(std::size_t length) {
 }
 
 void NSSharedString::_release() {
-  if (block_->owners.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  // A last owner has nobody to settle it with, which spares the slower operation.
+  const bool isLast = block_->owners.load(std::memory_order_acquire) == 1 ||
+                      block_->owners.fetch_sub(1, std::memory_order_acq_rel) == 1;
+  if (!isLast) return;
   block_->~Block();
   ::operator delete(block_);
 }

@@ -25,12 +25,13 @@ Word wordAt(std::string_view bytes, std::size_t position) {
   return word;
 }
 
-// How many bytes at the front are surely ASCII: whole words, eight bytes at a time.
-std::size_t lengthOfASCIIWords(std::string_view bytes) {
+// How many bytes at the front are ASCII.
+std::size_t lengthOfASCII(std::string_view bytes) {
   constexpr Word highBits = 0x8080808080808080;
   std::size_t length = 0;
   while (length + sizeof(Word) <= bytes.size() && (wordAt(bytes, length) & highBits) == 0)
     length += sizeof(Word);
+  while (length < bytes.size() && isASCII(bytes[length])) ++length;
   return length;
 }
 
@@ -153,13 +154,13 @@ void appendEscaped(std::string_view bytes, std::string& result) {
 }  // namespace
 
 bool isValidUTF8(std::string_view bytes) {
-  bytes.remove_prefix(lengthOfASCIIWords(bytes));
-  while (!bytes.empty()) {
+  for (;;) {
+    bytes.remove_prefix(lengthOfASCII(bytes));
+    if (bytes.empty()) return true;
     const auto codePoint = firstCodePoint(bytes);
     if (!codePoint) return false;
     bytes.remove_prefix(codePoint->length);
   }
-  return true;
 }
 
 std::optional<std::string> stringWithUTF8Bytes(const void* bytes, std::size_t length) {

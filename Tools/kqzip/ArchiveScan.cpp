@@ -31,6 +31,9 @@ constexpr std::uint64_t endRecordSize = 22;
 constexpr std::uint64_t zip64LocatorSize = 20;
 constexpr std::uint64_t digitalSignatureSize = 6;
 
+// Where a central header says how long its name, its extra fields and its comment are.
+constexpr std::uint64_t lengthsInCentralHeaderAt = 28;
+
 // Where a local header says how long its name and its extra fields are.
 constexpr std::uint64_t nameLengthAt = 26;
 
@@ -92,7 +95,8 @@ void Problem::addTo(Json& json) const {
   json.endObject();
 }
 
-ArchiveScan::ArchiveScan(std::string path, const KQ::NSProgress& work) : path_(std::move(path)) {
+ArchiveScan::ArchiveScan(std::string path, const KQ::NSProgress& work, Directory directory)
+    : path_(std::move(path)), directory_(directory) {
   fileSize_ = sizeOfArchive(path_);
   stream_ = KQ::NSInputStream::inputStreamWithFileAtPath(path_);
   if (!stream_) throw Failure(inQuotes(path_) + " cannot be opened");
@@ -166,7 +170,8 @@ bool ArchiveScan::readRecord(std::uint32_t signature, std::uint64_t start) {
   // What follows the end record may be more of the archive's tail, but no entries: whoever appended them,
   // they are not this archive's.
   if (signature == KQZipFileLocalHeader::signature && !endRecordSeen_) return readLocalHeader(start);
-  if (signature == KQZipCentralDirectoryFileHeader::signature) return readCentralHeader(start);
+  if (signature == KQZipCentralDirectoryFileHeader::signature)
+    return directory_ == DirectoryRead ? readCentralHeader(start) : skipCentralHeader(start);
   if (signature == KQZip64EndOfCentralDirectoryRecord::signature) return readZip64EndRecord(start);
   if (signature == KQZip64EndOfCentralDirectoryLocator::signature) return readZip64Locator(start);
   if (signature == KQZipEndOfCentralDirectoryRecord::signature) return readEndRecord(start);
@@ -203,6 +208,19 @@ bool ArchiveScan::readCentralHeader(std::uint64_t start) {
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
   centralRecords_.push_back(centralRecord(header, nameOf(header, start + centralHeaderSize)));
   return skipTailRecord(start, size);
+}
+
+bool ArchiveScan::skipCentralHeader(std::uint64_t start) {
+  std::uint16_t lengthOfName = 0;
+  std::uint16_t lengthOfExtraFields = 0;
+  std::uint16_t lengthOfComment = 0;
+  std::shared_ptr<const KQ::NSError> error;
+  stream_->setNSStreamFileCurrentOffsetKey(start + lengthsInCentralHeaderAt);
+  if (!KQZipReadBlock16(*stream_, &lengthOfName, &error) ||
+      !KQZipReadBlock16(*stream_, &lengthOfExtraFields, &error) ||
+      !KQZipReadBlock16(*stream_, &lengthOfComment, &error))
+    return stopInsideTail(start, error);
+  return skipTailRecord(start, centralHeaderSize + lengthOfName + lengthOfExtraFields + lengthOfComment);
 }
 
 bool ArchiveScan::readZip64EndRecord(std::uint64_t start) {

@@ -81,9 +81,15 @@ struct Problem {
 /// entries with one name, and it keeps entries whose name is not valid UTF-8.
 class ArchiveScan {
  public:
+  /// What becomes of the central directory's headers.
+  enum Directory {
+    DirectoryRead,    ///< They are read and kept.
+    DirectorySkipped  ///< They are stepped over, for a command that only needs to know that they are there.
+  };
+
   /// Scans the archive at `path`. Throws a Failure when there is none, it cannot be opened or it is no file,
   /// and when `work` is cancelled.
-  ArchiveScan(std::string path, const KQ::NSProgress& work);
+  ArchiveScan(std::string path, const KQ::NSProgress& work, Directory directory = DirectoryRead);
 
   /// The archive's path as given.
   const std::string& path() const { return path_; }
@@ -97,7 +103,7 @@ class ArchiveScan {
   /// Bytes of data of all entries together.
   std::uint64_t totalLength() const;
 
-  /// The archive's central directory as far as it was read.
+  /// The archive's central directory as far as it was read; empty when it was skipped.
   const std::vector<CentralRecord>& centralRecords() const { return centralRecords_; }
 
   /// Why the scan stopped before the end of the archive; nothing when it did not.
@@ -124,6 +130,7 @@ class ArchiveScan {
   bool readRecord(std::uint32_t signature, std::uint64_t start);
   bool readLocalHeader(std::uint64_t start);
   bool readCentralHeader(std::uint64_t start);
+  bool skipCentralHeader(std::uint64_t start);
   bool readZip64EndRecord(std::uint64_t start);
   bool readZip64Locator(std::uint64_t start);
   bool readEndRecord(std::uint64_t start);
@@ -145,6 +152,7 @@ class ArchiveScan {
   std::string_view keep(std::string_view name);
 
   std::string path_;
+  Directory directory_;
   std::uint64_t fileSize_ = 0;
   std::shared_ptr<KQ::NSInputStream> stream_;
   std::pmr::monotonic_buffer_resource names_;

@@ -20,7 +20,7 @@ const ArchiveEntry& entryNamed(const ArchiveScan& archive, const std::string& na
 }  // namespace
 
 void cat(const CatOptions& options, const KQ::NSProgress& work) {
-  const ArchiveScan archive(options.archive, work);
+  const ArchiveScan archive(options.archive, work, ArchiveScan::DirectorySkipped);
   const ArchiveEntry& entry = entryNamed(archive, options.path);
   if (entry.isEncrypted())
     throw Failure(withRemarks(inQuotes(entry.name) + " is encrypted", {otherProgramNeeded}));

@@ -1,6 +1,7 @@
 #include "Create.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,12 +148,13 @@ ProgressLine::Amount sizeOfFile(const std::string& path) {
 }
 
 // Those of the source as it is now; one that has vanished has none.
+constexpr mode_t permissionBits = 07777;
+
 KQZipPermissions permissionsFrom(const Packing& packing) {
   return [&packing](const std::string& name) -> std::optional<std::uint32_t> {
-    std::error_code error;
-    const fs::file_status status = fs::status(packing.sourceOf(name), error);
-    if (error || !fs::exists(status)) return std::nullopt;
-    return static_cast<std::uint32_t>(status.permissions());
+    struct stat status {};
+    if (::stat(packing.sourceOf(name).c_str(), &status) != 0) return std::nullopt;
+    return status.st_mode & permissionBits;
   };
 }
 

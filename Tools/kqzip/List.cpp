@@ -120,7 +120,7 @@ void printLines(const ListOptions& options, const ArchiveScan& archive, Standard
 void list(const ListOptions& options, const KQ::NSProgress& work) {
   if (options.isJson && (options.isLong || options.endsNull || options.isHuman))
     throw Failure("--json goes without --long, --null and --human-readable", WrongUsage);
-  const ArchiveScan archive(options.archive, work);
+  const ArchiveScan archive(options.archive, work, ArchiveScan::DirectorySkipped);
   StandardOutput output;
   if (options.isJson)
     printDocument(archive, output);

@@ -1,4 +1,4 @@
-// Opens the input as an archive and uses everything that a reader offers.
+// Opens the input as an archive and uses everything that a reader offers, then makes it interoperable.
 
 #include <algorithm>
 
@@ -47,6 +47,22 @@ void useEntry(const KQZipFileReader& reader, const std::string& path) {
             "what is written is the data");
 }
 
+void makeInteroperable(const std::string& archive, const std::vector<std::string>& paths) {
+  const std::string before = KQFuzz::readFile(archive);
+  std::shared_ptr<const KQ::NSError> error;
+  if (!KQZipMakeArchiveInteroperable(archive, &error)) {
+    require(error != nullptr, "a refusal has a reason");
+    require(KQFuzz::readFile(archive) == before, "what is refused is not changed");
+    return;
+  }
+  const std::string after = KQFuzz::readFile(archive);
+  require(KQZipMakeArchiveInteroperable(archive), "what was made interoperable is accepted");
+  require(KQFuzz::readFile(archive) == after, "a second call changes nothing");
+  const auto reader = KQZipFileReader::initWithZipPath(archive);
+  require((reader ? reader->relativePaths() : std::vector<std::string>()) == paths,
+          "the entries are the same");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
@@ -54,7 +70,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   KQFuzz::writeFile(archive, bytes, length);
   std::shared_ptr<const KQ::NSError> error;
   const auto reader = KQZipFileReader::initWithZipPath(archive, &error);
-  if (!reader) return 0;
+  if (!reader) {
+    makeInteroperable(archive, {});
+    return 0;
+  }
 
   const std::vector<std::string> paths = reader->relativePaths();
   require(std::is_sorted(paths.begin(), paths.end(), KQ::NSStringLess()), "paths are sorted");
@@ -63,5 +82,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   const std::filesystem::path destination = KQFuzz::scratch() / "out";
   KQFuzz::empty(destination);
   if (staysInside(paths)) KQZipFileReader::unzipFileAtPath(archive, destination, &error);
+  makeInteroperable(archive, paths);
   return 0;
 }

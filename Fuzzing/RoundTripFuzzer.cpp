@@ -1,5 +1,6 @@
 // Makes a tree from the input, packs it, and requires that the archive gives it back: every name, every byte,
-// and no more. Also packs the same files under names that are the input's own bytes.
+// and no more, also once it is interoperable. Also packs the same files under names that are the input's own
+// bytes.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -72,6 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   std::shared_ptr<const KQ::NSError> error;
   require(KQZipFileWriter::createZipFileAtPath(archive, root, false, &error), "a tree can be packed");
   checkArchive(archive, expected);
+  require(KQZipMakeArchiveInteroperable(archive, &error), "an archive can be made interoperable");
+  checkArchive(archive, expected);
 
   const fs::path out = KQFuzz::scratch() / "out";
   KQFuzz::empty(out);
@@ -94,6 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   }
   fs::remove(archive);
   require(writer.writeToZipPath(archive, &error), "files can be packed under any name");
+  if (!expected.empty()) checkArchive(archive, renamed);
+  require(KQZipMakeArchiveInteroperable(archive, &error), "so can one with any names");
   if (!expected.empty()) checkArchive(archive, renamed);
   return 0;
 }

@@ -339,7 +339,10 @@ bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
 // entry in the same place, as a rule, which is kept already.
 std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt) {
   const KQ::NSSharedString text = header.sharedFileName();
-  if (!text.isPresent()) return keep(readBytes(nameAt, header.fileNameLength()));
+  if (!text.isPresent()) {
+    const std::string stored = readBytes(nameAt, header.fileNameLength());
+    return keep(stored);
+  }
   const std::size_t place = centralRecords_.size();
   const bool isKept = place < entries_.size() && entries_[place].name == text.view();
   return isKept ? entries_[place].name : keep(text.view());

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -339,10 +340,7 @@ bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
 // entry in the same place, as a rule, which is kept already.
 std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt) {
   const KQ::NSSharedString text = header.sharedFileName();
-  if (!text.isPresent()) {
-    const std::string stored = readBytes(nameAt, header.fileNameLength());
-    return keep(stored);
-  }
+  if (!text.isPresent()) return keep(readBytes(nameAt, header.fileNameLength()));
   const std::size_t place = centralRecords_.size();
   const bool isKept = place < entries_.size() && entries_[place].name == text.view();
   return isKept ? entries_[place].name : keep(text.view());
@@ -351,7 +349,7 @@ std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t
 std::string_view ArchiveScan::keep(std::string_view name) {
   if (name.empty()) return {};
   auto* const bytes = static_cast<char*>(names_.allocate(name.size(), 1));
-  std::copy(name.begin(), name.end(), bytes);
+  std::memcpy(bytes, name.data(), name.size());
   return {bytes, name.size()};
 }
 

@@ -19,7 +19,9 @@ std::optional<std::string> NSSharedString::string() const {
 }
 
 NSSharedString::Block* NSSharedString::_newBlock(std::size_t length) {
-  auto* const block = ::new (::operator new(sizeof(Block) + length)) Block{1, length};
+  void* const memory = ::operator new(sizeof(Block) + length);
+  // cppcheck-suppress legacyUninitvar
+  auto* const block = ::new (memory) Block{1, length};
   std::fill_n(block->bytes(), length, '\0');
   return block;
 }

@@ -349,6 +349,8 @@ std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t
 std::string_view ArchiveScan::keep(std::string_view name) {
   if (name.empty()) return {};
   auto* const bytes = static_cast<char*>(names_.allocate(name.size(), 1));
+  // The name lives until this returns, were it a temporary's.
+  // cppcheck-suppress danglingTemporaryLifetime
   std::memcpy(bytes, name.data(), name.size());
   return {bytes, name.size()};
 }

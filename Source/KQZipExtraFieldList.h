@@ -42,6 +42,12 @@ class KQZipExtraFieldList {
     for (Field& field : fields) push_back(std::move(field));
   }
 
+  /// Exchanges the fields of two lists.
+  void swap(KQZipExtraFieldList& other) noexcept {
+    only_.swap(other.only_);
+    many_.swap(other.many_);
+  }
+
   std::size_t size() const { return many_ ? many_->size() : only_ ? 1 : 0; }  ///< Number of fields.
   bool empty() const { return size() == 0; }                                  ///< Whether there is none.
 

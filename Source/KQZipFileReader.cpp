@@ -134,7 +134,7 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
 }
 
 // Of several entries with one path the last counts.
-void KQZipFileReader::_addEntry(std::shared_ptr<KQZipFileLocalHeader> entry) {
+void KQZipFileReader::_addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry) {
   const std::string_view path = entry->sharedFileName().view();
   zipFileEntries_.erase(path);
   zipFileEntries_.emplace(path, std::move(entry));

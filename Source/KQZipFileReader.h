@@ -98,7 +98,7 @@ class KQZIP_EXPORT KQZipFileReader {
  private:
   bool _parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
   bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  void _addEntry(std::shared_ptr<KQZipFileLocalHeader> entry);
+  void _addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry);
   std::shared_ptr<KQZipFileLocalHeader> _entryForRelativePath(const std::string& relativePath) const;
   std::shared_ptr<KQ::NSInputStream> _openArchive() const;
   bool _writeData(const KQZipFileLocalHeader& entry, const std::string& toPath, KQ::NSProgress& progress,

@@ -54,10 +54,13 @@ bool KQZipWriteBlock64(KQ::NSOutputStream& stream, const std::uint64_t* value, K
 }
 
 void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
-  auto entry = KQZipFileLocalHeader::initWithSourceFile(filePath);
-  entry->setFileName(relativePath);
+  _addEntry(filePath, KQ::NSSharedString(relativePath));
+}
+
+void KQZipFileWriter::_addEntry(std::string filePath, const KQ::NSSharedString& name) {
   // A tree is added in the order of its names for the greater part, which makes the end the likely place.
-  fileEntries_.insert_or_assign(fileEntries_.end(), relativePath, std::move(entry));
+  fileEntries_.insert_or_assign(fileEntries_.end(), name,
+                                KQZipFileLocalHeader::_initWithSourceFile(std::move(filePath), name));
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
@@ -134,20 +137,22 @@ bool KQZipFileWriter::_addContentsOfDirectory(const std::string& directory, cons
   auto enumerator = KQ::NSFileManager::enumeratorAtPath(directory);
   while (auto relativePath = enumerator.nextObject()) {
     // Only the item's own name counts: what a hidden folder holds is kept.
-    if (!KQ::hasPrefix(KQ::lastPathComponent(*relativePath), "."))
-      relativePaths.push_back(std::move(*relativePath));
+    const std::size_t slash = relativePath->rfind('/');
+    const bool isHidden = (*relativePath)[slash == std::string::npos ? 0 : slash + 1] == '.';
+    if (!isHidden) relativePaths.push_back(std::move(*relativePath));
   }
   bool complete = enumerator.error() == nullptr;
   if (!complete) KQ::NSStoreError(error, enumerator.error());
 
   // Goes on behind a failure, so that the slot ends with the last one.
   for (const std::string& relativePath : relativePaths) {
-    const std::string path = KQ::stringByAppendingPathComponent(directory, relativePath);
+    std::string path = KQ::stringByAppendingPathComponent(directory, relativePath);
     const auto attributes = KQ::NSFileManager::attributesOfItemAtPath(path, error);
     if (!attributes) {
       complete = false;
     } else if (attributes->NSFileType == KQ::NSFileTypeRegular) {
-      addFilePath(path, KQ::stringByAppendingPathComponent(prefix, relativePath));
+      _addEntry(std::move(path),
+                KQ::NSSharedString(KQ::stringByAppendingPathComponent(prefix, relativePath)));
     }
   }
   return complete;

@@ -66,12 +66,19 @@ class KQZIP_EXPORT KQZipFileWriter {
                                   bool keepParentDirectory, KQ::NSErrorSlot error = nullptr);
 
  private:
+  struct NameLess {
+    bool operator()(const KQ::NSSharedString& left, const KQ::NSSharedString& right) const {
+      return KQ::NSStringLess()(left.view(), right.view());
+    }
+  };
+
+  void _addEntry(std::string filePath, const KQ::NSSharedString& name);
   bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
   bool _writeCentralDirectory(KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
   bool _addContentsOfDirectory(const std::string& directory, const std::string& prefix,
                                KQ::NSErrorSlot error);
 
   // Sorted by name, which is the order of the archive.
-  std::map<std::string, std::shared_ptr<KQZipFileLocalHeader>, KQ::NSStringLess> fileEntries_;
+  std::map<KQ::NSSharedString, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries_;
   std::shared_ptr<KQ::NSProgress> progress_;
 };

@@ -45,6 +45,22 @@ TEST(KQZipExtraFieldList, ReplacesAllFieldsByNoneOneOrMany) {
   }
 }
 
+TEST(KQZipExtraFieldList, ExchangesItsFieldsWithThoseOfAnother) {
+  const std::vector<Field> many{field(), field(), field()};
+  const std::vector<Field> one{field()};
+  for (const std::vector<Field>& left : {many, one, std::vector<Field>()}) {
+    for (const std::vector<Field>& right : {many, one, std::vector<Field>()}) {
+      KQZipExtraFieldList list;
+      KQZipExtraFieldList other;
+      list.assign(left);
+      other.assign(right);
+      list.swap(other);
+      expectHolds(right, list);
+      expectHolds(left, other);
+    }
+  }
+}
+
 TEST(KQZipExtraFieldList, CountsAnEmptyFieldLikeAnyOther) {
   KQZipExtraFieldList list;
   list.push_back(nullptr);

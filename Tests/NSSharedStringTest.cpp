@@ -32,7 +32,8 @@ TEST(NSSharedString, HoldsACopyOfAllBytesNulIncluded) {
   EXPECT_EQ(before, text.string());
 }
 
-TEST(NSSharedString, IsMadeFromAnOptionalText) {
+TEST(NSSharedString, IsMadeFromAStringOrAnOptionalText) {
+  EXPECT_EQ("name", NSSharedString(std::string("name")).string());
   EXPECT_FALSE(NSSharedString(std::optional<std::string>()).isPresent());
   EXPECT_EQ("name", NSSharedString(std::optional<std::string>("name")).string());
 }

@@ -48,10 +48,9 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   fileNameLength_ = header.fileNameLength_;
   sourceFilePath_.set(header._sharedSourceFilePath());
 
-  std::vector<std::shared_ptr<KQZipExtraField>> copies;
-  copies.reserve(header.extraFields_.size());
+  KQZipExtraFieldList copies;
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
-  setExtraFields(std::move(copies));
+  extraFields_.swap(copies);
 
   // By way of the date, so that impossible fields are normalised in the copy. Fields that came from a date
   // would come back as they are.
@@ -86,7 +85,7 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipFileEntry::findZip64InfoF
   return nullptr;
 }
 
-void KQZipFileEntry::setRelativePath(std::optional<std::string> path) {
+void KQZipFileEntry::setRelativePath(const std::optional<std::string>& path) {
   setFileName(path);
   fileNameLength_ = KQZipTextLength(sharedFileName());
 }

@@ -67,7 +67,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// The entry's path inside the archive, which is its name.
   std::optional<std::string> relativePath() const { return fileName(); }
   /// Sets the name as it stands, a trailing "/" included, and fileNameLength() to its length.
-  void setRelativePath(std::optional<std::string> path);
+  void setRelativePath(const std::optional<std::string>& path);
 
   /// Bytes of data behind the local header: the Zip64 field's compressed size if there is such a field, else
   /// the 32-bit one.
@@ -164,6 +164,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   }  ///< Atomic.
   /// fileName() without a copy of its bytes. Atomic.
   KQ::NSSharedString sharedFileName() const { return fileName_.get(); }
+  void setSharedFileName(KQ::NSSharedString value) { fileName_.set(std::move(value)); }  ///< Atomic.
 
   /// The path of the file that the entry's data comes from, for writing. Atomic.
   std::optional<std::string> sourceFilePath() const;

@@ -11,8 +11,14 @@
 #include "KQZipCentralDirectoryFileHeader.h"
 
 std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithSourceFile(const std::string& path) {
+  return _initWithSourceFile(path, KQ::NSSharedString(path));
+}
+
+std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::_initWithSourceFile(std::string path,
+                                                                                KQ::NSSharedString name) {
   auto header = std::make_shared<KQZipFileLocalHeader>();
-  header->_setSourceFile(path);
+  header->setSourceFilePath(std::move(path));
+  header->setSharedFileName(std::move(name));
   header->addExtraField(std::make_shared<KQZipExtraFieldZip64ExtendedInfo>());
   return header;
 }

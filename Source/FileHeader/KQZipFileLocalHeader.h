@@ -89,6 +89,10 @@ class KQZIP_EXPORT KQZipFileLocalHeader : public KQZipFileEntry {
   const char* _className() const override;
 
  private:
+  // Makes headers that have their names from the start.
+  friend class KQZipFileWriter;
+
+  static std::shared_ptr<KQZipFileLocalHeader> _initWithSourceFile(std::string path, KQ::NSSharedString name);
   bool _writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
   bool _copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
   bool _skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error);

@@ -199,8 +199,8 @@ std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, s
 bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint8_t* converted,
                                             std::uint64_t length) {
   const EntryValues found = valuesIn(bytes, length);
-  const std::string name(bytes + centralHeaderLength, bytes + length - zip64FieldLength);
-  const std::uint16_t flags = !isASCII(name) && KQ::isValidUTF8(name) ? nameIsUTF8 : 0;
+  name_.assign(bytes + centralHeaderLength, bytes + length - zip64FieldLength);
+  const std::uint16_t flags = !isASCII(name_) && KQ::isValidUTF8(name_) ? nameIsUTF8 : 0;
   if (found.flags != 0 && found.flags != flags) return false;
   header_.setFlags(flags);
   header_.setModTime(found.modTime);
@@ -208,11 +208,11 @@ bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint
   header_.setCrc32(found.crc32);
   header_.setSourceFileSize(found.lengthOfData);
   header_.setExternalFileAttributes(haveType(found.attributes) ? found.attributes
-                                                               : _externalAttributes(name));
-  header_.setFileName(name);
+                                                               : _externalAttributes(name_));
+  header_.setSharedFileName(KQ::NSSharedString(name_));
   KQZipBlockOutputStream output(converted, length);
   return header_.writeToStream(output) && areAlike(bytes, converted, length) &&
-         _stepOverEntry(name.size(), found.lengthOfData);
+         _stepOverEntry(name_.size(), found.lengthOfData);
 }
 
 std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& name) const {

@@ -77,6 +77,7 @@ class KQZipInteroperablePlan {
   std::uint64_t entriesFound_ = 0;
   std::shared_ptr<KQZipFileLocalHeader> localHeader_;
   KQZipPackedFileHeader header_;
+  std::string name_;
 
   // What is to be written.
   std::vector<std::uint64_t> localFlags_;

@@ -49,6 +49,7 @@ std::optional<std::uint64_t> NSFileInputStream::NSStreamFileCurrentOffsetKey() c
 }
 
 bool NSFileInputStream::setNSStreamFileCurrentOffsetKey(std::uint64_t offset) {
+  if (_moveAtHand(offset)) return true;
   const bool seekable = _isSeekable();
   if (!seekable || offset > largestOffset) {
     error_ = NSError::errorWithPOSIXCode(seekable ? EOVERFLOW : ESPIPE, path_);
@@ -103,6 +104,15 @@ bool NSFileInputStream::_isSeekable() const {
 std::uint64_t NSFileInputStream::_position() const {
   if (atHand_ == nullptr) return position_;
   return bufferOffset_ + static_cast<std::uint64_t>(atHand_ - buffer_.get());
+}
+
+// A step within what is buffered, as a scan over records takes. False when the offset is elsewhere.
+bool NSFileInputStream::_moveAtHand(std::uint64_t offset) {
+  if (atHand_ == nullptr || seekable_ != true) return false;
+  if (offset < bufferOffset_ || offset - bufferOffset_ >= bufferLength_) return false;
+  atHand_ = buffer_.get() + (offset - bufferOffset_);
+  end_.reset();
+  return true;
 }
 
 // Takes back what is at hand, so that position_ tells where the stream stands.

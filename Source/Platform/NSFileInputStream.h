@@ -32,6 +32,7 @@ class NSFileInputStream final : public NSInputStream {
  private:
   bool _isSeekable() const;
   std::uint64_t _position() const;
+  bool _moveAtHand(std::uint64_t offset);
   void _holdBack();
   void _offerBuffered();
   std::uint64_t _takeBuffered(std::uint8_t* buffer, std::uint64_t maxLength);

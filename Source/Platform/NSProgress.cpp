@@ -28,6 +28,10 @@ std::uint64_t nextScope() {
 
 }  // namespace
 
+struct NSProgress::Made : NSProgress {
+  explicit Made(std::int64_t totalUnitCount) : NSProgress(totalUnitCount) {}
+};
+
 void NSProgress::ChildList::add(NSProgress* child) {
   child->previousSibling_ = nullptr;
   child->nextSibling_ = first;
@@ -45,7 +49,7 @@ void NSProgress::ChildList::remove(NSProgress* child) {
 }
 
 std::shared_ptr<NSProgress> NSProgress::progressWithTotalUnitCount(std::int64_t totalUnitCount) {
-  std::shared_ptr<NSProgress> progress(new NSProgress(totalUnitCount));
+  const std::shared_ptr<NSProgress> progress = std::make_shared<Made>(totalUnitCount);
   if (threadStack().empty()) {
     progress->treeLock_ = std::make_shared<std::mutex>();
   } else {

@@ -101,6 +101,9 @@ class KQZIP_EXPORT NSProgress : public std::enable_shared_from_this<NSProgress> 
     std::int64_t units;
   };
 
+  // Lets std::make_shared() construct one.
+  struct Made;
+
   explicit NSProgress(std::int64_t totalUnitCount);
   void _attachTo(const std::shared_ptr<NSProgress>& parent, std::int64_t units, std::uint64_t scope);
   void _settleChildrenOfScope(std::uint64_t scope);

@@ -23,6 +23,9 @@ class KQZIP_EXPORT NSSharedString {
   /// A text with a copy of `bytes`.
   explicit NSSharedString(std::string_view bytes);
 
+  /// The same, with the bytes of a string.
+  explicit NSSharedString(const std::string& bytes) : NSSharedString(std::string_view(bytes)) {}
+
   /// A copy of `text`, absent where that is.
   explicit NSSharedString(const std::optional<std::string>& text);
 

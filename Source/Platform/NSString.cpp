@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -25,12 +26,21 @@ Word wordAt(std::string_view bytes, std::size_t position) {
   return word;
 }
 
+// How many bytes at the front of a word, in the order of memory, are 0.
+std::size_t lengthOfZeros(Word word) {
+  const int bits =
+      std::endian::native == std::endian::little ? std::countr_zero(word) : std::countl_zero(word);
+  return static_cast<std::size_t>(bits) / 8;
+}
+
 // How many bytes at the front are ASCII.
 std::size_t lengthOfASCII(std::string_view bytes) {
   constexpr Word highBits = 0x8080808080808080;
   std::size_t length = 0;
-  while (length + sizeof(Word) <= bytes.size() && (wordAt(bytes, length) & highBits) == 0)
-    length += sizeof(Word);
+  for (; length + sizeof(Word) <= bytes.size(); length += sizeof(Word)) {
+    const std::size_t inWord = lengthOfZeros(wordAt(bytes, length) & highBits);
+    if (inWord != sizeof(Word)) return length + inWord;
+  }
   while (length < bytes.size() && isASCII(bytes[length])) ++length;
   return length;
 }
@@ -39,8 +49,10 @@ std::size_t lengthOfASCII(std::string_view bytes) {
 std::size_t commonLength(std::string_view left, std::string_view right) {
   const std::size_t limit = std::min(left.size(), right.size());
   std::size_t length = 0;
-  while (length + sizeof(Word) <= limit && wordAt(left, length) == wordAt(right, length))
-    length += sizeof(Word);
+  for (; length + sizeof(Word) <= limit; length += sizeof(Word)) {
+    const std::size_t inWord = lengthOfZeros(wordAt(left, length) ^ wordAt(right, length));
+    if (inWord != sizeof(Word)) return length + inWord;
+  }
   while (length < limit && left[length] == right[length]) ++length;
   return length;
 }
@@ -205,9 +217,12 @@ std::string stringByAppendingPathComponent(std::string_view path, std::string_vi
   path = withoutTrailingSlashes(path);
   component = withoutTrailingSlashes(withoutLeadingSlashes(component));
   if (component.empty()) return std::string(path);
-  std::string result(path);
-  if (result != "/") result += '/';
-  return result.append(component);
+  std::string result;
+  result.reserve(path.size() + 1 + component.size());
+  result = path;
+  if (path != "/") result += '/';
+  result += component;
+  return result;
 }
 
 std::string stringByEscapingUnprintables(std::string_view bytes) {

@@ -114,14 +114,9 @@ std::uint64_t ArchiveScan::totalLength() const {
 std::vector<const ArchiveEntry*> ArchiveScan::currentEntries() const {
   std::vector<const ArchiveEntry*> current;
   current.reserve(entries_.size());
-  // Names in ascending order, as KQZip writes them, are all different.
-  const auto isNotAscending = [](const ArchiveEntry& left, const ArchiveEntry& right) {
-    return !KQ::NSStringLess()(left.name, right.name);
-  };
-  const bool ascend = std::adjacent_find(entries_.begin(), entries_.end(), isNotAscending) == entries_.end();
   std::unordered_set<std::string_view> seen;
   for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
-    if (ascend || seen.insert(entry->name).second) current.push_back(&*entry);
+    if (namesAscend_ || seen.insert(entry->name).second) current.push_back(&*entry);
   }
   std::reverse(current.begin(), current.end());
   return current;
@@ -149,7 +144,7 @@ std::shared_ptr<KQZipFileLocalHeader> ArchiveScan::headerOf(const ArchiveEntry& 
 void ArchiveScan::scan(const KQ::NSProgress& work) {
   for (;;) {
     requireNotInterrupted(work);
-    const std::uint64_t start = offset();
+    const std::uint64_t start = next_;
     const std::optional<std::uint32_t> signature = readSignature(start);
     if (!signature || !readRecord(*signature, start)) return;
   }
@@ -196,6 +191,7 @@ bool ArchiveScan::readLocalHeader(std::uint64_t start) {
     return stop(
         {std::string(name), "ends after " + number(fileSize_ - dataAt) + " of " + number(length) + " bytes"});
   }
+  if (!entries_.empty() && !KQ::NSStringLess()(entries_.back().name, name)) namesAscend_ = false;
   entries_.emplace_back(name, header);
   return skipTo(dataAt + length);
 }
@@ -207,7 +203,11 @@ bool ArchiveScan::readCentralHeader(std::uint64_t start) {
   const std::uint64_t size =
       centralHeaderSize + header.fileNameLength() + header.extraFieldLength() + header.fileCommentLength();
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
-  centralRecords_.push_back(centralRecord(header, nameOf(header, start + centralHeaderSize)));
+  // As a rule the header in the same place is the same entry's.
+  const std::size_t place = centralRecords_.size();
+  const std::string_view likely = place < entries_.size() ? entries_[place].name : std::string_view();
+  const std::string_view name = nameOf(header, start + centralHeaderSize, likely);
+  centralRecords_.push_back(centralRecord(header, name));
   return skipTailRecord(start, size);
 }
 
@@ -258,7 +258,8 @@ bool ArchiveScan::readDigitalSignature(std::uint64_t start) {
 }
 
 bool ArchiveScan::skipTo(std::uint64_t end) {
-  if (offset() == end || stream_->setNSStreamFileCurrentOffsetKey(end)) return true;
+  next_ = end;
+  if (stream_->setNSStreamFileCurrentOffsetKey(end)) return true;
   return stop({std::nullopt, errorText(stream_->streamError(), "the archive cannot be read")});
 }
 
@@ -336,14 +337,13 @@ bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
   return true;
 }
 
-// The name as stored: the library keeps none that is not valid UTF-8. A central header has the name of the
-// entry in the same place, as a rule, which is kept already.
-std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt) {
+// The name as stored: the library keeps none that is not valid UTF-8. `likely` is a name that is kept
+// already and may be the same.
+std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt,
+                                     std::string_view likely) {
   const KQ::NSSharedString text = header.sharedFileName();
   if (!text.isPresent()) return keep(readBytes(nameAt, header.fileNameLength()));
-  const std::size_t place = centralRecords_.size();
-  const bool isKept = place < entries_.size() && entries_[place].name == text.view();
-  return isKept ? entries_[place].name : keep(text.view());
+  return text.view() == likely ? likely : keep(text.view());
 }
 
 std::string_view ArchiveScan::keep(std::string_view name) {

@@ -3,6 +3,7 @@
 #include <KQZip/KQZip.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <memory_resource>
 #include <optional>
@@ -95,7 +96,10 @@ class ArchiveScan {
   const std::string& path() const { return path_; }
 
   /// Every entry that is whole, in the order of the archive.
-  const std::vector<ArchiveEntry>& entries() const { return entries_; }
+  const std::deque<ArchiveEntry>& entries() const { return entries_; }
+
+  /// Whether their names ascend, as KQZip writes them: then they are sorted, and no two are the same.
+  bool namesAscend() const { return namesAscend_; }
 
   /// The entries that count, in the order of the archive: of several with one name the last.
   std::vector<const ArchiveEntry*> currentEntries() const;
@@ -104,7 +108,7 @@ class ArchiveScan {
   std::uint64_t totalLength() const;
 
   /// The archive's central directory as far as it was read; empty when it was skipped.
-  const std::vector<CentralRecord>& centralRecords() const { return centralRecords_; }
+  const std::deque<CentralRecord>& centralRecords() const { return centralRecords_; }
 
   /// Why the scan stopped before the end of the archive; nothing when it did not.
   const std::optional<Problem>& problem() const { return problem_; }
@@ -146,18 +150,20 @@ class ArchiveScan {
   bool stopBehindEntryWithoutSize(std::uint64_t start);
   void stopBetweenRecords(std::uint64_t start, std::int64_t bytesRead);
 
-  std::uint64_t offset() const { return stream_->NSStreamFileCurrentOffsetKey().value_or(0); }
   std::string readBytes(std::uint64_t start, std::uint64_t length);
-  std::string_view nameOf(const KQZipFileEntry& header, std::uint64_t nameAt);
+  std::string_view nameOf(const KQZipFileEntry& header, std::uint64_t nameAt, std::string_view likely = {});
   std::string_view keep(std::string_view name);
 
   std::string path_;
   Directory directory_;
   std::uint64_t fileSize_ = 0;
   std::shared_ptr<KQ::NSInputStream> stream_;
+  std::uint64_t next_ = 0;  // Where the next record begins.
   std::pmr::monotonic_buffer_resource names_;
-  std::vector<ArchiveEntry> entries_;
-  std::vector<CentralRecord> centralRecords_;
+  // Deques, because a vector that grows to millions moves all of them again and again.
+  std::deque<ArchiveEntry> entries_;
+  std::deque<CentralRecord> centralRecords_;
+  bool namesAscend_ = true;
   bool endRecordSeen_ = false;
   std::optional<std::uint64_t> trailingBytes_;
   std::optional<Problem> problem_;

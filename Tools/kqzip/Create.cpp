@@ -63,7 +63,7 @@ Packing packingOfDirectory(const CreateOptions& options) {
                                                         error);
           },
           [directory, prefixLength](const std::string& name) {
-            return KQ::stringByAppendingPathComponent(directory, name.substr(prefixLength));
+            return KQ::stringByAppendingPathComponent(directory, std::string_view(name).substr(prefixLength));
           }};
 }
 

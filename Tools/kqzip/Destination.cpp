@@ -90,6 +90,7 @@ std::string Destination::placeForFile(const std::string& path) const {
 void Destination::requireFolder(const fs::path& path) const {
   const fs::file_status status = statusOf(path);
   if (status.type() == fs::file_type::not_found) return createFolder(path);
+  if (fs::is_directory(status)) return;
   if (fs::is_symlink(status)) requireInside(path);
   requireFolderBehind(path);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 
 #include "Message.h"
 
@@ -29,7 +30,7 @@ void compare(const ArchiveEntry& entry, const CentralRecord& record, std::vector
 // The place of the entry that the record is about; the number of entries when there is none. They stand in
 // the order of their offsets, and as a rule the records do too, so that the place behind the last one is
 // looked at first.
-std::size_t placeOf(const CentralRecord& record, const std::vector<ArchiveEntry>& entries,
+std::size_t placeOf(const CentralRecord& record, const std::deque<ArchiveEntry>& entries,
                     std::size_t likely) {
   if (likely < entries.size() && entries[likely].localHeaderAt() == record.localHeaderAt) return likely;
   const auto place = std::lower_bound(
@@ -43,7 +44,7 @@ std::size_t placeOf(const CentralRecord& record, const std::vector<ArchiveEntry>
 
 std::vector<Problem> differencesFromCentralDirectory(const ArchiveScan& archive) {
   std::vector<Problem> problems;
-  const std::vector<ArchiveEntry>& entries = archive.entries();
+  const std::deque<ArchiveEntry>& entries = archive.entries();
   // An entry that was found counts no more, so that a second record for it finds none.
   std::vector<bool> found(entries.size());
   std::size_t likely = 0;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -22,14 +23,33 @@ std::vector<const ArchiveEntry*> sortedEntries(const ArchiveScan& archive) {
   const auto precedes = [](const ArchiveEntry* left, const ArchiveEntry* right) {
     return KQ::NSStringLess()(left->name, right->name);
   };
-  if (!std::is_sorted(entries.begin(), entries.end(), precedes))
-    std::sort(entries.begin(), entries.end(), precedes);
+  if (!archive.namesAscend()) std::sort(entries.begin(), entries.end(), precedes);
   return entries;
+}
+
+using Word = std::uint64_t;
+
+constexpr Word repeated(unsigned char byte) { return byte * Word{0x0101010101010101}; }
+
+// Whether all eight characters are printable ASCII and none is a backslash. Where bytes are below a bound or
+// are a character shows in their highest bits.
+bool isPlain(Word characters) {
+  const auto below = [](Word word, unsigned char bound) { return (word - repeated(bound)) & ~word; };
+  const Word unusual = characters | below(characters, ' ') | below(characters ^ repeated(0x7F), 1) |
+                       below(characters ^ repeated('\\'), 1);
+  return (unusual & repeated(0x80)) == 0;
 }
 
 // A name that is printed as it is, as nearly all are.
 bool isPlain(std::string_view name) {
-  return std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~' && c != '\\'; });
+  Word word = 0;
+  for (; name.size() >= sizeof(word); name.remove_prefix(sizeof(word))) {
+    std::memcpy(&word, name.data(), sizeof(word));
+    if (!isPlain(word)) return false;
+  }
+  word = repeated(' ');
+  std::memcpy(&word, name.data(), name.size());
+  return isPlain(word);
 }
 
 std::string sizeText(std::uint64_t size, bool isHuman) {

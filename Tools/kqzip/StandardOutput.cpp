@@ -13,15 +13,13 @@ namespace Tool {
 
 namespace {
 
-constexpr std::size_t blockSize = 65536;
-
 // A terminal or a pipe may have been switched to non-blocking by a program that shares it.
 void waitUntilWritable() {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   ::poll(&output, 1, -1);
 }
 
-void writeThrough(std::string_view bytes) {
+void writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (count >= 0) {
@@ -38,20 +36,16 @@ void writeThrough(std::string_view bytes) {
 
 }  // namespace
 
-void StandardOutput::write(std::string_view bytes) {
-  if (bytes.size() >= blockSize) {
-    flush();
-    writeThrough(bytes);
-    return;
-  }
-  block_ += bytes;
-  if (block_.size() >= blockSize) flush();
+void StandardOutput::writeThrough(std::string_view bytes) {
+  flush();
+  if (bytes.size() > blockSize) return writeAll(bytes);
+  write(bytes);
 }
 
 void StandardOutput::flush() {
   // Emptied first: what could not be written is not tried again.
-  const std::string block = std::exchange(block_, {});
-  writeThrough(block);
+  const std::size_t length = std::exchange(length_, 0);
+  writeAll({block_.get(), length});
 }
 
 }  // namespace Tool

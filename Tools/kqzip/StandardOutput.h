@@ -1,6 +1,8 @@
 #pragma once
 
-#include <string>
+#include <cstddef>
+#include <cstring>
+#include <memory>
 #include <string_view>
 
 namespace Tool {
@@ -17,11 +19,21 @@ class StandardOutput {
   StandardOutput(const StandardOutput&) = delete;
   StandardOutput& operator=(const StandardOutput&) = delete;
 
-  void write(std::string_view bytes);
+  void write(std::string_view bytes) {
+    if (bytes.size() > blockSize - length_) return writeThrough(bytes);
+    std::memcpy(block_.get() + length_, bytes.data(), bytes.size());
+    length_ += bytes.size();
+  }
+
   void flush();
 
  private:
-  std::string block_;
+  static constexpr std::size_t blockSize = 65536;
+
+  void writeThrough(std::string_view bytes);
+
+  std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(blockSize);
+  std::size_t length_ = 0;
 };
 
 }  // namespace Tool

@@ -49,7 +49,7 @@ void NSProgress::ChildList::remove(NSProgress* child) {
 }
 
 std::shared_ptr<NSProgress> NSProgress::progressWithTotalUnitCount(std::int64_t totalUnitCount) {
-  const std::shared_ptr<NSProgress> progress = std::make_shared<Made>(totalUnitCount);
+  std::shared_ptr<NSProgress> progress = std::make_shared<Made>(totalUnitCount);
   if (threadStack().empty()) {
     progress->treeLock_ = std::make_shared<std::mutex>();
   } else {

@@ -65,7 +65,8 @@ std::shared_ptr<KQZipExtraField> KQZipExtraField::copyWithZone() const {
   auto copy = _newInstance();
   copy->setFieldSignature(fieldSignature_);
   copy->setFieldSize(fieldSize_);
-  copy->_setFieldData(_fieldData());
+  // The buffer itself, so that both have the same one.
+  copy->setFieldData(fieldData());
   return copy;
 }
 

@@ -60,6 +60,9 @@ class KQZipExtraFieldList {
   const Field& front() const { return *begin(); }                              ///< There is a field.
   const Field& back() const { return *rbegin(); }                              ///< There is a field.
 
+  /// The same fields in a vector, as KQZipFileEntry::setExtraFields() takes them.
+  operator std::vector<Field>() const { return {begin(), end()}; }  // NOLINT(google-explicit-constructor)
+
   /// Whether the lists hold the same objects in the same order.
   friend bool operator==(const std::vector<Field>& left, const KQZipExtraFieldList& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end());

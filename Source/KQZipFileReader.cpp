@@ -199,18 +199,20 @@ bool KQZipFileReader::writeDataForRelativePath(const std::string& relativePath, 
 
 bool KQZipFileReader::_writeData(const KQZipFileLocalHeader& entry, const std::string& toPath,
                                  KQ::NSProgress& progress, KQ::NSErrorSlot error) const {
-  const auto input = _openArchive();
-  // Nothing is created for a reader that has no archive to read from.
-  if (!input) return false;
+  // Nothing is created for a reader that was made from a stream: it has no archive to read from.
+  if (!zipPath_) return false;
   const std::string parent = KQ::stringByDeletingLastPathComponent(toPath);
   if (!KQ::NSFileManager::createDirectoryAtPath(parent, true, error)) return false;
 
   const auto output = KQ::NSOutputStream::outputStreamToFileAtPath(toPath);
   output->open();
-  input->setNSStreamFileCurrentOffsetKey(entry.offsetOfDataInArchive());
-  // A small file only leaves the stream's buffer at the end, so that is where a full disk shows.
-  const bool written = _copyData(entry, *input, *output, progress, error) && output->flush();
-  input->close();
+  const auto input = _openArchive();
+  if (input) input->setNSStreamFileCurrentOffsetKey(entry.offsetOfDataInArchive());
+  // An archive that cannot be opened any more only matters where there is data. A small file only leaves the
+  // stream's buffer at the end, so that is where a full disk shows.
+  const bool copied = input ? _copyData(entry, *input, *output, progress, error) : entry.isDirectory();
+  const bool written = copied && output->flush();
+  if (input) input->close();
   output->close();
   return written && output->streamStatus() != KQ::NSStreamStatusError;
 }
@@ -238,6 +240,7 @@ bool KQZipFileReader::unzipFileAtPath(const std::string& zipPath, const std::str
   const auto reader = initWithZipPath(zipPath, error);
   if (!reader) return false;
   const std::vector<std::string> paths = reader->relativePaths();
+  const KQZipTransferBlockKeeper keeper;
   progress->setTotalUnitCount(static_cast<std::int64_t>(paths.size()));
   progress->becomeCurrentWithPendingUnitCount(1);
   const bool extracted = std::all_of(paths.begin(), paths.end(), [&](const std::string& path) {

@@ -80,7 +80,9 @@ class KQZIP_EXPORT KQZipFileReader {
   /// An unknown path is a success that writes nothing, and an archive that ends early a success with a short
   /// file; both are meant. Fails with the file manager's error when the parent folder cannot be created; with
   /// -90 "Cancelled By User." when the progress is cancelled, which then stays current on the thread; without
-  /// an error when reading or writing fails. What was written stays.
+  /// an error when reading or writing fails, or when there is data and the archive cannot be opened any more.
+  /// What was written stays, and so does the file that was made to write to. A reader that was made from a
+  /// stream has nothing to read data from: it makes no file and fails without an error.
   bool writeDataForRelativePath(const std::string& relativePath, const std::string& toPath,
                                 KQ::NSErrorSlot error = nullptr) const;
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "KQZipError.h"
+#include "KQZipTransfer.h"
 #include "Platform/NSFileManager.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSString.h"
@@ -64,13 +65,19 @@ void KQZipFileWriter::_addEntry(std::string filePath, const KQ::NSSharedString& 
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  progress_ = KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(fileEntries_.size()));
+  // What the stream's or the log's own code adds meanwhile is for the next write.
+  Entries entries;
+  entries.reserve(fileEntries_.size());
+  for (const auto& [name, entry] : fileEntries_) entries.push_back(entry);
+  const KQZipTransferBlockKeeper keeper;
+
+  progress_ = KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(entries.size()));
   progress_->setCancellable(true);
   progress_->setPausable(false);
-  for (const auto& [name, entry] : fileEntries_) {
+  for (const auto& entry : entries) {
     if (!_writeEntry(*entry, stream, error)) return false;
   }
-  const bool written = _writeCentralDirectory(stream, error);
+  const bool written = _writeCentralDirectory(entries, stream, error);
   progress_->setCompletedUnitCount(progress_->totalUnitCount());
   return written;
 }
@@ -85,10 +92,8 @@ bool KQZipFileWriter::_writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStrea
   return written;
 }
 
-bool KQZipFileWriter::_writeCentralDirectory(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  std::vector<std::shared_ptr<KQZipFileLocalHeader>> entries;
-  entries.reserve(fileEntries_.size());
-  for (const auto& [name, entry] : fileEntries_) entries.push_back(entry);
+bool KQZipFileWriter::_writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
+                                             KQ::NSErrorSlot error) {
   if (!KQZipCentralDirectory::centralDirectoryWithFileEntries(entries)->writeToStream(stream, error))
     return false;
   // Buffered bytes may still meet a full disk, and data that the stream did not take shows here at the
@@ -113,13 +118,14 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
 
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(*zipPath);
   stream->open();
-  bool written = writeToStream(*stream, error);
-  stream->close();
-  if (written && stream->streamStatus() == KQ::NSStreamStatusError) written = reportFailedWrite(error);
-  if (!written) {
+  const auto logFailure = [error] {
     KQ::NSLog(KQ::stringWithFormat("closing stream because writing failed: %@", {KQZipErrorInSlot(error)}));
-  }
-  return written;
+    return false;
+  };
+  const bool written = writeToStream(*stream, error) || logFailure();
+  stream->close();
+  const bool closed = stream->streamStatus() != KQ::NSStreamStatusError;
+  return written && (closed || reportFailedWrite(error) || logFailure());
 }
 
 bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "FileHeader/KQZipFileLocalHeader.h"
 #include "KQZipCentralDirectory.h"
@@ -36,6 +37,7 @@ class KQZIP_EXPORT KQZipFileWriter {
 
   /// Writes the archive to `stream`, which is open and stays so: every entry, ordered by KQ::compare() of the
   /// names, and the central directory. The stream's current offset must count from the archive's first byte.
+  /// What is added while it writes, by the stream's own code for instance, is for the next write.
   ///
   /// Fails with -90 "Cancelled by user." once the progress is cancelled, tested after each entry, whatever
   /// that entry's own result; the progress then stays current on the thread. Fails with the error of the
@@ -66,6 +68,8 @@ class KQZIP_EXPORT KQZipFileWriter {
                                   bool keepParentDirectory, KQ::NSErrorSlot error = nullptr);
 
  private:
+  using Entries = std::vector<std::shared_ptr<KQZipFileLocalHeader>>;
+
   struct NameLess {
     bool operator()(const KQ::NSSharedString& left, const KQ::NSSharedString& right) const {
       return KQ::NSStringLess()(left.view(), right.view());
@@ -74,7 +78,7 @@ class KQZIP_EXPORT KQZipFileWriter {
 
   void _addEntry(std::string filePath, const KQ::NSSharedString& name);
   bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
-  bool _writeCentralDirectory(KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
+  bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
   bool _addContentsOfDirectory(const std::string& directory, const std::string& prefix,
                                KQ::NSErrorSlot error);
 

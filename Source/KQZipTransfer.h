@@ -12,14 +12,41 @@
 /// Data is read and copied in blocks of this many bytes.
 inline constexpr std::uint64_t KQZipBlockSize = 1048576;
 
-/// A buffer of one block for a transfer. The thread keeps the last one given back for its next transfer,
-/// because a block for each small file would cost more than the file.
+/// Lets the thread keep the block that a transfer has given back, for the next one, until the last keeper has
+/// gone: a block of its own for each of many small files would cost more than the files.
+class KQZipTransferBlockKeeper {
+ public:
+  KQZipTransferBlockKeeper() { ++kept().keepers; }
+  ~KQZipTransferBlockKeeper() {
+    if (--kept().keepers == 0) kept().spare.reset();
+  }
+  KQZipTransferBlockKeeper(const KQZipTransferBlockKeeper&) = delete;
+  KQZipTransferBlockKeeper& operator=(const KQZipTransferBlockKeeper&) = delete;
+
+ private:
+  friend class KQZipTransferBlock;
+
+  struct Kept {
+    std::unique_ptr<std::uint8_t[]> spare;
+    std::uint64_t keepers = 0;
+  };
+
+  static Kept& kept() {
+    thread_local Kept kept;
+    return kept;
+  }
+};
+
+/// A buffer of one block for a transfer.
 class KQZipTransferBlock {
  public:
-  KQZipTransferBlock() : bytes_(std::exchange(spare(), nullptr)) {
+  KQZipTransferBlock() : bytes_(std::move(KQZipTransferBlockKeeper::kept().spare)) {
     if (!bytes_) bytes_ = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
   }
-  ~KQZipTransferBlock() { spare() = std::move(bytes_); }
+  ~KQZipTransferBlock() {
+    auto& kept = KQZipTransferBlockKeeper::kept();
+    if (kept.keepers != 0) kept.spare = std::move(bytes_);
+  }
   KQZipTransferBlock(const KQZipTransferBlock&) = delete;
   KQZipTransferBlock& operator=(const KQZipTransferBlock&) = delete;
 
@@ -27,14 +54,7 @@ class KQZipTransferBlock {
   std::uint8_t* get() const { return bytes_.get(); }
 
  private:
-  using Bytes = std::unique_ptr<std::uint8_t[]>;
-
-  static Bytes& spare() {
-    thread_local Bytes bytes;
-    return bytes;
-  }
-
-  Bytes bytes_;
+  std::unique_ptr<std::uint8_t[]> bytes_;
 };
 
 /// The four bytes by which a scan chooses the next record.

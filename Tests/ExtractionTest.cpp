@@ -452,23 +452,42 @@ TEST(ExtractionOfOneEntry, TransfersThatMoveLessOrAreInterruptedLoseNothing) {
   EXPECT_TRUE(readFile(folder / "out") == data);
 }
 
-TEST(ExtractionOfOneEntry, AnArchiveThatWasRemovedIsAFailureWithoutAnErrorThatCreatesNoFile) {
+TEST(ExtractionOfOneEntry, AnArchiveThatWasRemovedIsAFailureWithoutAnErrorWhereThereIsData) {
   const TemporaryDirectory folder;
-  const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", "data"), plainRecord("empty", "")});
-  writeFile(folder / "kept", "kept");
+  const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", "data")});
   fs::remove(folder / "a.zip");
-  LogCapture log;
-  for (const char* path : {"a", "empty"}) {
-    const Error before = someError();
-    Error error = before;
-    EXPECT_FALSE(reader->writeDataForRelativePath(path, folder / "out", &error));
-    EXPECT_FALSE(reader->writeDataForRelativePath(path, folder / "kept", &error));
-    EXPECT_EQ(before, error);
-    EXPECT_FALSE(NSProgress::currentProgress());
-  }
-  EXPECT_FALSE(fs::exists(folder / "out"));
-  EXPECT_EQ("kept", readFile(folder / "kept"));
+  const LogCapture log;
+  const Error before = someError();
+  Error error = before;
+  EXPECT_FALSE(reader->writeDataForRelativePath("a", folder / "new/out", &error));
+  EXPECT_EQ(before, error);
+  EXPECT_FALSE(NSProgress::currentProgress());
+  // The target is made before anything is read.
+  EXPECT_EQ("", readFile(folder / "new/out"));
   EXPECT_EQ(Lines(), log.lines());
+}
+
+TEST(ExtractionOfOneEntry, AnEntryWithoutDataNeedsNoArchive) {
+  const TemporaryDirectory folder;
+  const Reader reader = readerOn(folder / "a.zip", {plainRecord("empty", "")});
+  fs::remove(folder / "a.zip");
+  const Error before = someError();
+  Error error = before;
+  EXPECT_TRUE(reader->writeDataForRelativePath("empty", folder / "new/out", &error));
+  EXPECT_EQ(before, error);
+  EXPECT_FALSE(NSProgress::currentProgress());
+  EXPECT_EQ("", readFile(folder / "new/out"));
+}
+
+TEST(ExtractionOfOneEntry, AParentThatCannotBeMadeIsReportedForAnArchiveThatWasRemovedToo) {
+  const TemporaryDirectory folder;
+  const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", "data")});
+  fs::remove(folder / "a.zip");
+  writeFile(folder / "file", "");
+  Error error;
+  EXPECT_FALSE(reader->writeDataForRelativePath("a", folder / "file/out", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(KQ::NSPOSIXErrorDomain, error->domain());
 }
 
 // The progress of one entry.

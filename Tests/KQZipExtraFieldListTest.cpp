@@ -61,6 +61,15 @@ TEST(KQZipExtraFieldList, ExchangesItsFieldsWithThoseOfAnother) {
   }
 }
 
+TEST(KQZipExtraFieldList, GivesItsFieldsToAnotherHeader) {
+  KQZipFileEntry entry;
+  const std::vector<Field> fields{field(), field()};
+  entry.setExtraFields(fields);
+  KQZipFileEntry other;
+  other.setExtraFields(entry.extraFields());
+  expectHolds(fields, other.extraFields());
+}
+
 TEST(KQZipExtraFieldList, CountsAnEmptyFieldLikeAnyOther) {
   KQZipExtraFieldList list;
   list.push_back(nullptr);

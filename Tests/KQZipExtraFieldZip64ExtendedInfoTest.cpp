@@ -361,6 +361,21 @@ TEST(KQZipExtraFieldZip64ExtendedInfo, ACopyOfAFreshFieldHasNoData) {
   EXPECT_EQ(nullptr, copy->fieldData());
 }
 
+TEST(KQZipExtraFieldZip64ExtendedInfo, ACopySharesDataThatNobodyHasAskedForYet) {
+  TestInputStream input(fieldBytes(24));
+  const auto parsed = Field::initWithStream(input);
+  ASSERT_NE(nullptr, parsed);
+  const auto written = std::make_shared<Field>();
+  TestOutputStream output;
+  ASSERT_TRUE(written->writeToStream(output));
+  for (const auto& field : {parsed, written}) {
+    const auto copy = field->copyWithZone();
+    ASSERT_NE(nullptr, copy->fieldData());
+    EXPECT_EQ(24U, copy->fieldData()->length());
+    EXPECT_EQ(field->fieldData(), copy->fieldData());
+  }
+}
+
 TEST(KQZipExtraFieldZip64ExtendedInfo, WritingACopyLeavesTheOriginalsValuesAndDataAlone) {
   TestInputStream input(fieldBytes(28));
   const auto field = Field::initWithStream(input);

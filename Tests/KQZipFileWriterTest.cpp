@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -630,6 +631,45 @@ TEST_F(KQZipFileWriterTest, CharactersInAPathNeverActAsFormatDirectives) {
   expectError(error, -50, "Can't calculate CRC of " + vanished);
   EXPECT_EQ("failed to calculate crc: failed to open stream at " + vanished, log.lines().at(1));
   EXPECT_EQ("closing stream because writing failed: " + describe(error), log.lines().at(2));
+}
+
+TEST_F(KQZipFileWriterTest, WhatTheStreamAddsWhileItIsWrittenToIsForTheNextWrite) {
+  for (const std::string name : {"0 in front", "b", "z behind"}) {
+    SCOPED_TRACE(name);
+    three_.clear();
+    KQZipFileWriter writer;
+    addThree(writer);
+    const std::string added = tree_.file("added to " + name, "added");
+    TestOutputStream stream;
+    stream.beforeWrite = [&](std::size_t) { writer.addFilePath(added, name); };
+    EXPECT_TRUE(writer.writeToStream(stream));
+    expectSameBytes(goldenArchive(three_), stream.bytes);
+
+    std::map<std::string, GoldenEntry> entries;
+    for (const GoldenEntry& entry : three_) entries[entry.name] = entry;
+    entries[name] = SourceTree::entry(name, "added");
+    std::vector<GoldenEntry> sorted;
+    for (const auto& [entryName, entry] : entries) sorted.push_back(entry);
+    TestOutputStream next;
+    EXPECT_TRUE(writer.writeToStream(next));
+    expectSameBytes(goldenArchive(sorted), next.bytes);
+  }
+}
+
+TEST_F(KQZipFileWriterTest, AFailureIsLoggedBeforeTheStreamIsClosed) {
+  KQZipFileWriter writer;
+  addThree(writer);
+  fs::remove(source(3));
+  const std::string path = tree_ / "out.zip";
+  std::vector<std::pair<std::string, std::uintmax_t>> sizeAtLine;
+  const KQ::NSLogSink previous =
+      KQ::NSSetLogSink([&](const std::string& line) { sizeAtLine.emplace_back(line, fs::file_size(path)); });
+  EXPECT_FALSE(writer.writeToZipPath(path));
+  KQ::NSSetLogSink(previous);
+  ASSERT_EQ(2U, sizeAtLine.size());
+  EXPECT_EQ("closing stream because writing failed: (null)", sizeAtLine[1].first);
+  // The close passes on what is buffered.
+  EXPECT_LT(sizeAtLine[1].second, fs::file_size(path));
 }
 
 TEST_F(KQZipFileWriterTest, AFailedWriteIsLoggedAndLeavesThePartlyWrittenFile) {

@@ -333,16 +333,38 @@ TEST(KQZipInteroperability, PermissionsComeFromTheFunctionAsFarAsTheyArePermissi
   EXPECT_EQ(std::vector<std::string>(), asked);
 }
 
-TEST(KQZipInteroperability, AttributesWithATypeStayAndOthersAreReplaced) {
-  const std::string before = goldenArchive({entry("a", ""), entry("b", ""), entry("c", "")});
-  std::string with = before;
+TEST(KQZipInteroperability, AttributesWithATypeStayAndTheBeginningOfWhatIsSetIsCompleted) {
+  const std::string before = goldenArchive({entry("a", ""), entry("b", ""), entry("c/", "")});
   const std::size_t directory = ArchiveTail(before).startOfDirectory;
+  std::string with = before;
   setNumberAt(with, directory + 38, 4, 0120777U << 16);
-  setNumberAt(with, directory + 75 + 38, 4, 0000755U << 16);
-  setNumberAt(with, directory + 150 + 38, 4, 0x20);
+  setNumberAt(with, directory + 75 + 38, 4, 0xA4U << 16);
+  setNumberAt(with, directory + 150 + 38, 4, 0x00ED0010U);
   std::string after = interoperableArchive(before);
   setNumberAt(after, directory + 38, 4, 0120777U << 16);
   ArchiveFile(with).expectMade(after);
+}
+
+TEST(KQZipInteroperability, AttributesThatNobodySetHereAreRefusedAndKept) {
+  const std::string before = goldenArchive({entry("a", ""), entry("b/", "")});
+  const std::size_t directory = ArchiveTail(before).startOfDirectory;
+  // A file as MS-DOS has it, a folder's mark on a file, permissions without a type, other bits of MS-DOS.
+  const std::vector<std::pair<std::size_t, std::uint32_t>> cases{{directory, 0x20},
+                                                                 {directory, 0x10},
+                                                                 {directory, 0000755U << 16},
+                                                                 {directory + 75, 0x11},
+                                                                 {directory + 75, 0x0110}};
+  for (const auto& [header, attributes] : cases) {
+    SCOPED_TRACE(attributes);
+    std::string with = before;
+    setNumberAt(with, header + 38, 4, attributes);
+    const ArchiveFile archive(with);
+    Error error;
+    EXPECT_FALSE(KQZipMakeArchiveInteroperable(archive.path(), &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(-1, error->code());
+    expectSameBytes(with, archive.bytes());
+  }
 }
 
 TEST(KQZipInteroperability, AnInteroperableArchiveIsNotWrittenToAndNeedNotBeWritable) {
@@ -458,19 +480,20 @@ TEST(KQZipInteroperability, EveryByteThatTheLibraryWouldWriteDifferentlyIsRefuse
   const ArchiveTail tail(bytes);
   const std::size_t second = tail.startOfDirectory + 46 + 5 + 28;
   const std::size_t local = 30 + 5 + 28 + 5;
-  // Time, date and the CRC of an ASCII entry may be anything; what is set here may stand there already.
+  // Time, date and the CRC of an ASCII entry may be anything; a type, and permissions, may stand there
+  // already.
   std::set<std::size_t> free;
   for (const std::size_t header : {tail.startOfDirectory, second}) {
     for (std::size_t i = 12; i < 16; ++i) free.insert(header + i);
-    for (std::size_t i = 38; i < 42; ++i) free.insert(header + i);
+    free.insert(header + 40);
   }
   for (std::size_t i = 16; i < 20; ++i) free.insert(tail.startOfDirectory + i);
   for (std::size_t i = 10; i < 14; ++i) free.insert(local + i);
 
   std::vector<std::size_t> positions;
-  // All but the local header whose name is ASCII, which is not read, the offset in the other one, and the
-  // central headers' names, which are only compared where the local ones are read.
-  for (std::size_t i = local; i < local + 53; ++i) positions.push_back(i);
+  // All but the local header whose name is ASCII, which is not read, and the central headers' names, which
+  // are only compared where the local ones are read.
+  for (std::size_t i = local; i < local + 61; ++i) positions.push_back(i);
   for (std::size_t i = tail.startOfDirectory; i < bytes.size(); ++i) {
     const bool isName = (i >= tail.startOfDirectory + 46 && i < tail.startOfDirectory + 51) ||
                         (i >= second + 46 && i < second + 49);
@@ -485,7 +508,9 @@ TEST(KQZipInteroperability, EveryByteThatTheLibraryWouldWriteDifferentlyIsRefuse
       archive.replace(changed);
       Error error;
       const bool made = KQZipMakeArchiveInteroperable(archive.path(), &error);
-      EXPECT_EQ(free.count(position) != 0, made);
+      const bool setsType =
+          (position == tail.startOfDirectory + 41 || position == second + 41) && (change & 0xF0) != 0;
+      EXPECT_EQ(setsType || free.count(position) != 0, made);
       if (!made) {
         expectSameBytes(changed, archive.bytes());
         ASSERT_TRUE(error);

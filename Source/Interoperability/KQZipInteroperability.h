@@ -29,11 +29,12 @@ using KQZipPermissions = std::function<std::optional<std::uint32_t>(const std::s
 /// - the classic end record's counts are 0xFFFF where there are more entries than that, and do not wrap;
 /// - bit 11 of the flags, "the name is UTF-8", is set in both headers of each entry whose name is valid UTF-8
 ///   and not ASCII;
-/// - external attributes without a type (the library writes 0) become those of a regular file with the
+/// - external attributes that are 0, as the library writes them, become those of a regular file with the
 ///   permissions 0644, or, where the name ends in "/", of a folder with 0755.
 ///
 /// The whole archive's records are checked first, but for local headers whose names are ASCII: it must be
 /// exactly as KQZipFileWriter writes it to a file, or as this operation leaves it, finished or interrupted.
+/// Attributes that have a type of file, whichever, are taken for set and stay.
 /// An archive that is interoperable already is a success; it is not written to and need not be writable.
 ///
 /// Whatever stops the operation on the way, the archive stays whole: KQZipFileReader reads it as before, and

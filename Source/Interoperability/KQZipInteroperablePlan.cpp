@@ -46,8 +46,16 @@ bool isASCII(std::string_view name) {
                      [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
 }
 
-// A write that stopped inside the number has not reached the type, which is in its last byte.
+bool isFolder(std::string_view name) { return !name.empty() && name.back() == '/'; }
+
 bool haveType(std::uint32_t attributes) { return attributes >> typeShift != 0; }
+
+// Whether they are 0, or the beginning of what is set: a write that stopped inside the number has not reached
+// its last byte, where the type is.
+bool areUnset(std::uint32_t attributes, bool isFolder) {
+  const std::uint32_t lowerHalf = attributes & 0xFFFF;
+  return attributes >> 24 == 0 && (lowerHalf == 0 || (isFolder && lowerHalf == folderInDOS));
+}
 
 bool haveSignature(const std::uint8_t* record, std::uint32_t signature) {
   KQZipSignatureBytes bytes{};
@@ -202,13 +210,14 @@ bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint
   name_.assign(bytes + centralHeaderLength, bytes + length - zip64FieldLength);
   const std::uint16_t flags = !isASCII(name_) && KQ::isValidUTF8(name_) ? nameIsUTF8 : 0;
   if (found.flags != 0 && found.flags != flags) return false;
+  const bool areSet = haveType(found.attributes);
+  if (!areSet && !areUnset(found.attributes, isFolder(name_))) return false;
   header_.setFlags(flags);
   header_.setModTime(found.modTime);
   header_.setModDate(found.modDate);
   header_.setCrc32(found.crc32);
   header_.setSourceFileSize(found.lengthOfData);
-  header_.setExternalFileAttributes(haveType(found.attributes) ? found.attributes
-                                                               : _externalAttributes(name_));
+  header_.setExternalFileAttributes(areSet ? found.attributes : _externalAttributes(name_));
   header_.setSharedFileName(KQ::NSSharedString(name_));
   KQZipBlockOutputStream output(converted, length);
   return header_.writeToStream(output) && areAlike(bytes, converted, length) &&
@@ -216,11 +225,10 @@ bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint
 }
 
 std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& name) const {
-  const bool isFolder = !name.empty() && name.back() == '/';
   const auto given = permissions_ ? permissions_(name) : std::nullopt;
-  const std::uint32_t permissions = given.value_or(isFolder ? permissionsOfFolder : permissionsOfFile);
-  const std::uint32_t mode = (isFolder ? folder : regularFile) | (permissions & permissionBits);
-  return mode << modeShift | (isFolder ? folderInDOS : 0);
+  const std::uint32_t permissions = given.value_or(isFolder(name) ? permissionsOfFolder : permissionsOfFile);
+  const std::uint32_t mode = (isFolder(name) ? folder : regularFile) | (permissions & permissionBits);
+  return mode << modeShift | (isFolder(name) ? folderInDOS : 0);
 }
 
 // Moves on to where the next entry stands. False when that is behind the entries.
@@ -239,7 +247,7 @@ bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorS
   KQZipFileLocalHeader local;
   KQZipBlockInputStream stream(bytes.data() + signatureLength, bytes.size() - signatureLength);
   if (!haveSignature(bytes.data(), KQZipFileLocalHeader::signature) || !local.parseFromStream(stream) ||
-      !_matchesLocalHeader(local)) {
+      !_matchesLocalHeader(local, offset)) {
     return _refuse(KQ::stringWithFormat("the entry at offset %llu and its central header differ",
                                         {KQ::NSFormatArgument::decimal(offset)}),
                    error);
@@ -248,7 +256,8 @@ bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorS
   return true;
 }
 
-bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& local) const {
+bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& local,
+                                                 std::uint64_t offset) const {
   const auto sizes = local.findZip64InfoField();
   return local.versionNeeded() == header_.versionNeeded() &&
          (local.flags() == 0 || local.flags() == header_.flags()) && local.crc32() == header_.crc32() &&
@@ -257,7 +266,8 @@ bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& loc
          local.extraFieldLength() == zip64FieldLength && sizes &&
          sizes->outputSize() == 4U + sizes->fieldSize() &&
          sizes->compressedSize() == header_.sourceFileSize() &&
-         sizes->uncompressedSize() == header_.sourceFileSize();
+         sizes->uncompressedSize() == header_.sourceFileSize() &&
+         sizes->offsetOfLocalHeaderRecord() == offset;
 }
 
 bool KQZipInteroperablePlan::_read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset,

@@ -60,7 +60,7 @@ class KQZipInteroperablePlan {
   std::uint32_t _externalAttributes(const std::string& name) const;
   bool _stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData);
   bool _readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error);
-  bool _matchesLocalHeader(const KQZipFileLocalHeader& local) const;
+  bool _matchesLocalHeader(const KQZipFileLocalHeader& local, std::uint64_t offset) const;
   bool _read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset, KQ::NSErrorSlot error) const;
   bool _refuse(const std::string& reason, KQ::NSErrorSlot error) const;
   bool _refuseHeader(std::uint64_t offset, KQ::NSErrorSlot error) const;

@@ -16,6 +16,7 @@
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
 #include "Support/LogCapture.h"
+#include "Support/Sanitizers.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/TestStreams.h"
@@ -51,17 +52,7 @@ using Lines = std::vector<std::string>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 
 // The sanitizers' own bookkeeping touches memory in proportion to what is asked for.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
-#else
-constexpr bool sanitized = false;
-#endif
+constexpr bool sanitized = KQTEST_ADDRESS_SANITIZER || KQTEST_THREAD_SANITIZER;
 
 constexpr std::uint64_t largestOffset = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t largestNumber = std::numeric_limits<std::uint64_t>::max();

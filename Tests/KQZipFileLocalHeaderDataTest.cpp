@@ -16,18 +16,8 @@
 #include <vector>
 
 #include "Support/EntryRecords.h"
+#include "Support/Sanitizers.h"
 #include "Support/SystemCalls.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KQZIP_SANITIZED_MEMORY 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KQZIP_SANITIZED_MEMORY 1
-#endif
-#endif
-#ifndef KQZIP_SANITIZED_MEMORY
-#define KQZIP_SANITIZED_MEMORY 0
-#endif
 
 using KQTest::contentsOf;
 using KQTest::dosDate;
@@ -298,7 +288,8 @@ TEST(KQZipFileLocalHeaderData, ALengthThatNoMemoryCanHoldGivesNothing) {
 }
 
 TEST(KQZipFileLocalHeaderData, ALengthBeyondTheProcesssLimitOfMemoryGivesNothing) {
-  if (KQZIP_SANITIZED_MEMORY) GTEST_SKIP() << "a sanitizer's own memory does not fit under a limit";
+  if (KQTEST_ADDRESS_SANITIZER || KQTEST_THREAD_SANITIZER)
+    GTEST_SKIP() << "a sanitizer's own memory does not fit under a limit";
   KQTest::inChildProcess([] {
     const auto header = headerDeclaring(std::uint64_t{1} << 38);
     TestInputStream stream("0123456789");
@@ -312,7 +303,8 @@ TEST(KQZipFileLocalHeaderData, ALengthBeyondTheProcesssLimitOfMemoryGivesNothing
 }
 
 TEST(KQZipFileLocalHeaderData, AHugeDeclaredLengthInASmallFileCostsNoMemory) {
-  if (KQZIP_SANITIZED_MEMORY) GTEST_SKIP() << "a sanitizer keeps records of every byte that is allocated";
+  if (KQTEST_ADDRESS_SANITIZER || KQTEST_THREAD_SANITIZER)
+    GTEST_SKIP() << "a sanitizer keeps records of every byte that is allocated";
   const TemporaryDirectory folder;
   writeFile(folder / "archive", "0123456789");
   const std::uint64_t length = 8192 * mebibyte;
@@ -333,7 +325,8 @@ TEST(KQZipFileLocalHeaderData, AHugeDeclaredLengthInASmallFileCostsNoMemory) {
 }
 
 TEST(KQZipFileLocalHeaderData, TheDataIsNotCopiedASecondTime) {
-  if (KQZIP_SANITIZED_MEMORY) GTEST_SKIP() << "a sanitizer keeps records of every byte that is allocated";
+  if (KQTEST_ADDRESS_SANITIZER || KQTEST_THREAD_SANITIZER)
+    GTEST_SKIP() << "a sanitizer keeps records of every byte that is allocated";
   KQTest::inChildProcess([] {
     class Zeros : public KQ::NSInputStream {
      public:

@@ -7,19 +7,11 @@
 #include <type_traits>
 
 #include "Support/Bytes.h"
+#include "Support/Sanitizers.h"
 #include "Support/TemporaryDirectory.h"
 
 // An address sanitizer pads objects, so that their sizes say nothing.
-#ifdef __has_feature
-#if __has_feature(address_sanitizer)
-#define KQZIP_TEST_PADS_OBJECTS
-#endif
-#endif
-#ifdef __SANITIZE_ADDRESS__
-#define KQZIP_TEST_PADS_OBJECTS
-#endif
-
-#if defined(__GLIBC__) && !defined(KQZIP_TEST_PADS_OBJECTS)
+#if defined(__GLIBC__) && !KQTEST_ADDRESS_SANITIZER
 #define KQZIP_TEST_CAN_ASK_FOR_SIZES
 #include <link.h>
 #endif

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Support/GoldenArchive.h"
+#include "Support/Sanitizers.h"
 #include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -56,7 +57,7 @@ KQTest::ProcessResult runLimitedTo(std::uint64_t limit, const std::vector<std::s
 void expectNeverCreatedUnlessWhole(const KQTest::SourceTree& tree, const std::string& whole,
                                    const std::set<std::uint64_t>& limits) {
   KQTest::inChildProcess([&] {
-#if defined(__SANITIZE_THREAD__)
+#if KQTEST_THREAD_SANITIZER
     // ThreadSanitizer's own start meets a limit of 0 before the tool can ignore the signal.
     std::signal(SIGXFSZ, SIG_IGN);
 #endif

@@ -2,7 +2,8 @@
 # the preset `package`, whose prefix /usr gives the libraries their place.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kqzip)
-set(CPACK_PACKAGE_CONTACT "KQZip maintainers <maintainers@localhost>")
+# A Debian package has to name somebody with an address; a domain below .invalid never belongs to anybody.
+set(CPACK_PACKAGE_CONTACT "KQZip maintainers <maintainers@kqzip.invalid>")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

@@ -30,11 +30,15 @@ static bool pack(const std::string& archive, const std::string& file, const std:
   entry->setFileName(KQ::lastPathComponent(file));
   entry->addExtraField(std::make_shared<AuthorField>(author));
 
+  if (KQ::NSFileManager::fileExistsAtPath(archive)) return false;  // the stream would empty it
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(archive);
   stream->open();
-  return entry->writeToStream(*stream) &&
-         KQZipCentralDirectory::centralDirectoryWithFileEntries({entry})->writeToStream(*stream) &&
-         stream->flush();
+  const bool written =
+      entry->writeToStream(*stream) &&
+      KQZipCentralDirectory::centralDirectoryWithFileEntries({entry})->writeToStream(*stream) &&
+      stream->flush();
+  stream->close();
+  return written && stream->streamStatus() != KQ::NSStreamStatusError;
 }
 
 static void list(const std::string& archive) {
@@ -55,9 +59,7 @@ int main(int argc, char** argv) {
   if (argc != 4) return 2;
   KQZipExtraField::registerSubclass<AuthorField>();  // before the first archive is read
   const bool packed = pack(argv[1], argv[2], argv[3]);
-  if (packed)
-    list(argv[1]);
-  else
-    std::fprintf(stderr, "the archive could not be written\n");
+  if (packed) list(argv[1]);
+  if (!packed) std::fprintf(stderr, "the archive exists or could not be written\n");
   return packed ? 0 : 1;
 }

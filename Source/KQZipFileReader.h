@@ -42,10 +42,11 @@ class KQZIP_EXPORT KQZipFileReader {
   /// reader without entries.
   ///
   /// Nothing, with the error in the slot, when a record cannot be read: -100 "got unexpected bytes looking
-  /// for known signatures: %x" for an unknown signature, otherwise the error of the local header (-101 for an
-  /// entry that is compressed, the stream's for data that ends beyond any file offset, none where the archive
-  /// ends inside the header). An archive cut off inside an entry's data opens; so does one with up to three
-  /// bytes behind its last record.
+  /// for known signatures: %x" for an unknown signature, which for the reader the end records of an archive
+  /// without entries have too, otherwise the error of the local header (-101 for an entry that is compressed,
+  /// the stream's for data that ends beyond any file offset, none where the archive ends inside the header).
+  /// An archive cut off inside an entry's data opens; so does one with up to three bytes behind its last
+  /// record.
   static std::shared_ptr<KQZipFileReader> initWithZipPath(const std::string& zipPath,
                                                           KQ::NSErrorSlot error = nullptr);
 

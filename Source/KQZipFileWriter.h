@@ -18,7 +18,8 @@
 ///     KQZipFileWriter writer;
 ///     writer.addFilePath("out/report.pdf", "report.pdf");
 ///     std::shared_ptr<const KQ::NSError> error;
-///     if (!writer.writeToZipPath("backup.zip", &error)) std::cerr << error->localizedDescription();
+///     if (!writer.writeToZipPath("backup.zip", &error))
+///       std::cerr << (error ? error->localizedDescription() : "a file could not be read");
 ///
 /// All work happens on the calling thread; a writer is used by one thread at a time, and several writers may
 /// work at once. A write makes a progress with one unit for each entry: to watch it or to cancel it from any
@@ -47,18 +48,18 @@ class KQZIP_EXPORT KQZipFileWriter {
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// Writes the archive to a new file. Refuses a path at which anything exists, which is left as it is, with
-  /// -1 "Could not write to zip path %@", and one whose parent is not an existing folder with -1 "Could not
-  /// write to zip path %@ because parent directory doesn't exist"; both are logged as "failed writing to
-  /// path: %@
-  /// %@". Otherwise fails as writeToStream() does, also with -51 when closing the file fails, and logs
-  /// "closing stream because writing failed: %@". The partly written file then stays on disk.
+  /// -1 "Could not write to zip path %@", and one whose parent is not an existing folder with
+  /// -1 "Could not write to zip path %@ because parent directory doesn't exist"; both are logged as
+  /// "failed writing to path: %@ %@". Otherwise fails as writeToStream() does, also with -51 when closing the
+  /// file fails, and logs "closing stream because writing failed: %@". The partly written file then stays on
+  /// disk.
   bool writeToZipPath(const std::optional<std::string>& zipPath, KQ::NSErrorSlot error = nullptr);
 
   /// Packs the folder `directory` into a new archive: every regular file whose own name does not begin with
   /// ".", under its path relative to the folder, with the folder's own name in front if
   /// `keepParentDirectory`. Files in a hidden folder are included when their own names are not hidden, which
   /// is meant. Folders, links and special files get no entry; a folder without files gives an archive without
-  /// entries.
+  /// entries, which KQZipFileReader refuses with -100.
   ///
   /// Fails with the file manager's error, and makes no archive, when a folder, the given one included, or the
   /// attributes of an item cannot be read, or the name of an item is not valid UTF-8; of several the last

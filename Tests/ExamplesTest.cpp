@@ -208,7 +208,18 @@ TEST(Examples, OwnExtraFieldSaysThatItFailed) {
       {example("OwnExtraField"), tree / "none/one.zip", tree.file("a.txt", "hello"), "Ada Lovelace"});
   EXPECT_EQ(1, failed.exitStatus);
   EXPECT_EQ("", failed.output);
-  EXPECT_NE(std::string::npos, failed.errors.find("the archive could not be written\n"));
+  EXPECT_NE(std::string::npos, failed.errors.find("the archive exists or could not be written\n"));
+}
+
+TEST(Examples, OwnExtraFieldLeavesAnArchiveThatExistsAsItIs) {
+  const KQTest::SourceTree tree;
+  tree.file("one.zip", "precious");
+  const auto refused = KQTest::runProcess(
+      {example("OwnExtraField"), tree / "one.zip", tree.file("a.txt", "hello"), "Ada Lovelace"});
+  EXPECT_EQ(1, refused.exitStatus);
+  EXPECT_EQ("", refused.output);
+  EXPECT_EQ("the archive exists or could not be written\n", refused.errors);
+  EXPECT_EQ("precious", KQTest::readFile(tree / "one.zip"));
 }
 
 TEST(Examples, TakeOverLogKeepsTheLinesToItself) {

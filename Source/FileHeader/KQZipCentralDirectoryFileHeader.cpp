@@ -80,19 +80,19 @@ bool KQZipCentralDirectoryFileHeader::parseFromStream(KQ::NSInputStream& stream,
   if (!methodRead) return false;
   if (compression_ != 0)
     return KQZipFail(error, KQZipErrorUnsupportedCompression, "File uses unsupported compression method.");
-  return KQZipReadBlock16(stream, &modTime_, error) &&                 // 4
-         KQZipReadBlock16(stream, &modDate_, error) &&                 // 6
-         KQZipReadBlock32(stream, &crc32_, error) &&                   // 8
-         KQZipReadBlock32(stream, &compressedSize_, error) &&          // 12
-         KQZipReadBlock32(stream, &uncompressedSize_, error) &&        // 16
-         KQZipReadBlock16(stream, &fileNameLength_, error) &&          // 20
-         KQZipReadBlock16(stream, &extraFieldLength_, error) &&        // 22
-         KQZipReadBlock16(stream, &fileCommentLength_, error) &&       // 24
-         KQZipReadBlock16(stream, &diskNumberStart_, error) &&         // 26
-         KQZipReadBlock16(stream, &internalFileAttributes_, error) &&  // 28
-         KQZipReadBlock32(stream, &externalFileAttributes_, error) &&  // 30
-         KQZipReadBlock32(stream, &offsetOfLocalHeader_, error) &&     // 34
-         _parseFileName(stream, error) &&                              // 38
+  return KQZipReadBlock16(stream, &modTime_, error) &&                 // 12
+         KQZipReadBlock16(stream, &modDate_, error) &&                 // 14
+         KQZipReadBlock32(stream, &crc32_, error) &&                   // 16
+         KQZipReadBlock32(stream, &compressedSize_, error) &&          // 20
+         KQZipReadBlock32(stream, &uncompressedSize_, error) &&        // 24
+         KQZipReadBlock16(stream, &fileNameLength_, error) &&          // 28
+         KQZipReadBlock16(stream, &extraFieldLength_, error) &&        // 30
+         KQZipReadBlock16(stream, &fileCommentLength_, error) &&       // 32
+         KQZipReadBlock16(stream, &diskNumberStart_, error) &&         // 34
+         KQZipReadBlock16(stream, &internalFileAttributes_, error) &&  // 36
+         KQZipReadBlock32(stream, &externalFileAttributes_, error) &&  // 38
+         KQZipReadBlock32(stream, &offsetOfLocalHeader_, error) &&     // 42
+         _parseFileName(stream, error) &&                              // 46
          _parseExtraFields(stream, error) &&                           //
          _parseFileComment(stream, error);                             //
 }

@@ -9,7 +9,7 @@
 #include "../Platform/NSError.h"
 
 /// @file
-/// Archives that every program can open.
+/// Archives that other programs open.
 ///
 /// By the rules of the library's own form an archive's end records count themselves in the directory's size,
 /// the classic counts wrap at 65,536, no header says that its name is UTF-8 and there are no permissions. The

@@ -164,13 +164,36 @@ TEST(ToolConform, WhatKQZipDidNotWriteIsRefusedInOneLineAndLeftAsItIs) {
   writeFile(folder / "a.zip", foreign);
   expectFailed(runTool({"conform", folder / "a.zip"}),
                (folder / "a.zip") +
-                   " cannot be made interoperable: it does not end with the records that KQZip writes");
+                   " cannot be made interoperable: it does not end with the records that KQZip writes (kqzip "
+                   "verify tells whether it is damaged)");
   EXPECT_EQ(foreign, readFile(folder / "a.zip"));
   expectFailed(runTool({"conform", folder / "missing"}), (folder / "missing") + systemReason(ENOENT));
   expectFailed(runTool({"conform", folder.path().string()}),
-               folder.path().string() + ": " + std::strerror(EISDIR));
+               folder.path().string() + ": " + std::strerror(EISDIR) + " (kqzip create packs a folder)");
   ASSERT_EQ(0, mkfifo((folder / "pipe").c_str(), 0600));
-  expectFailed(runTool({"conform", folder / "pipe"}), (folder / "pipe: ") + std::strerror(ESPIPE));
+  expectFailed(runTool({"conform", folder / "pipe"}),
+               "\"" + (folder / "pipe") + "\" is not a regular file (copy it to one)");
+  expectFailed(runTool({"conform", ""}), "the archive's name is empty (give the path of an archive)");
+  writeFile(folder / "bad\xFF", foreign);
+  expectFailed(runTool({"conform", folder / "bad\xFF"}), (folder / "bad\\xFF") + systemReason(EILSEQ));
+}
+
+TEST(ToolConform, EveryRefusalSaysWhatToDoNext) {
+  const TemporaryDirectory folder;
+  const std::string exact = goldenArchive({SourceTree::entry("\xC3\xBC", "text")});
+  const std::size_t header = ArchiveTail(exact).startOfDirectory;
+  const auto expectRefusal = [&](std::size_t methodAt, const std::string& why) {
+    std::string damaged = exact;
+    setNumberAt(damaged, methodAt, 2, 8);
+    writeFile(folder / "a.zip", damaged);
+    expectFailed(runTool({"conform", folder / "a.zip"}), (folder / "a.zip") +
+                                                             " cannot be made interoperable: " + why +
+                                                             " (kqzip verify tells whether it is damaged)");
+    EXPECT_EQ(damaged, readFile(folder / "a.zip"));
+  };
+  expectRefusal(8, "the entry at offset 0 and its central header differ");
+  expectRefusal(header + 10,
+                "the central header at offset " + std::to_string(header) + " is not as KQZip writes it");
 }
 
 TEST(ToolConform, NeedsExactlyOneArchive) {

@@ -158,7 +158,7 @@ TEST(ToolCreate, WhatDoesNotExistIsAnErrorBeforeAnArchiveIsMade) {
   expectRefused(folder, {file, missing}, missing + reason(ENOENT));
   expectRefused(folder, {file, dangling}, dangling + reason(ENOENT));
   expectRefused(folder, {file + "/"}, file + "/" + reason(ENOTDIR));
-  expectRefused(folder, {""}, reason(ENOENT));
+  expectRefused(folder, {""}, "\"\"" + reason(ENOENT));
 }
 
 TEST(ToolCreate, SpecialFilesAreAnErrorBeforeAnArchiveIsMade) {
@@ -178,13 +178,14 @@ TEST(ToolCreate, WhatMayNotBeReadOrWrittenIsAnErrorAndNeverAnEmptyArchive) {
   folder.file("open.txt", "text");
   folder.file("tree/a.txt", "text");
   folder.file("tree/closed/b.txt", "text");
+  folder.file("files/closed.txt", "text");
   fs::create_directory(folder / "closed");
   // Where an unprivileged user may run it.
   fs::copy_file(KQZIP_TOOL, folder / "kqzip");
   fs::permissions(folder / "kqzip", fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
   fs::create_directory(folder / "out");
   fs::permissions(folder / "out", fs::perms::all);
-  for (const std::string closed : {"closed.txt", "closed", "tree/closed"})
+  for (const std::string closed : {"closed.txt", "closed", "tree/closed", "files/closed.txt"})
     fs::permissions(folder / closed, fs::perms::none);
 
   inUnprivilegedChildProcess([&] {
@@ -197,6 +198,11 @@ TEST(ToolCreate, WhatMayNotBeReadOrWrittenIsAnErrorAndNeverAnEmptyArchive) {
     expectDenied("closed.txt", "closed.txt");
     expectDenied("closed", "closed");
     expectDenied("tree", "tree/closed");
+    // Within a folder it is the library that finds a file closed.
+    const std::string partial = folder / "out/partial.zip";
+    expectFailed(runProcess({folder / "kqzip", "create", partial, folder / "files"}),
+                 "Can't calculate CRC of " + (folder / "files/closed.txt") + " (partial archive left at " +
+                     partial + "; remove it before another try; check that the file can be read)");
     // Nor can it be written.
     expectFailed(runProcess({folder / "kqzip", "create", folder / "out.zip", folder / "open.txt"}),
                  folder.path().string() + reason(EACCES));
@@ -227,6 +233,26 @@ TEST(ToolCreate, AnArchiveWithoutAParentFolderIsRefused) {
   expectNothingAt(folder / "missing");
 }
 
+TEST(ToolCreate, APlaceWhereNoArchiveCanBeIsRefusedWithItsReason) {
+  const SourceTree folder;
+  folder.file("tree/a.txt", "text");
+  const auto expectNoPlace = [&](const std::string& archive, const std::string& why) {
+    expectFailed(runTool({"create", archive, folder / "tree"}), archive + why);
+  };
+  const std::string fileInTheWay = std::string(": ") + std::strerror(ENOTDIR) +
+                                   " (a file stands where its folder should be, choose another path)";
+  expectNoPlace(folder / "tree/a.txt/out.zip", fileInTheWay);
+  expectNoPlace(folder / "tree/a.txt/deeper/out.zip", fileInTheWay);
+  expectNoPlace(folder / "tree/a.txt/", fileInTheWay);
+  expectNoPlace(folder / (std::string(252, 'x') + ".zip"), reason(ENAMETOOLONG));
+  expectNoPlace(folder / "new.zip/",
+                std::string(": ") + std::strerror(EISDIR) + " (leave out the slash at its end)");
+  expectFailed(runTool({"create", "", folder / "tree"}),
+               "the archive's name is empty (give the path of an archive)");
+  EXPECT_EQ("text", readFile(folder / "tree/a.txt"));
+  EXPECT_EQ(1, std::distance(fs::directory_iterator(folder / ""), fs::directory_iterator()));
+}
+
 TEST(ToolCreate, ANameThatIsNotUTF8IsAnErrorThatNamesTheFile) {
   const SourceTree folder;
   folder.file("bad\xFF.txt", "text");
@@ -237,7 +263,7 @@ TEST(ToolCreate, ANameThatIsNotUTF8IsAnErrorThatNamesTheFile) {
   expectRefused(folder, {folder / "folder\xFD/good.txt"}, (folder / "folder\\xFD/good.txt") + reason(EILSEQ));
   expectRefused(folder, {folder / "tree"}, (folder / "tree/bad\\xFE.txt") + reason(EILSEQ));
   expectFailed(runTool({"create", folder / "out\xFF.zip", folder.file("a.txt", "text")}),
-               (folder / "out\\xFF.zip") + reason(EILSEQ));
+               (folder / "out\\xFF.zip: ") + std::strerror(EILSEQ) + " (choose a name that is UTF-8)");
 }
 
 TEST(ToolCreate, AMessageIsOneLineWhateverTheNameHolds) {
@@ -307,6 +333,10 @@ TEST(ToolCreate, ArgumentsThatAreMissingOrUnknownAreWrongUsage) {
                    createUsage);
   expectWrongUsage(runTool({"create", "--keep", archive, "/dev"}),
                    "The following argument was not expected: --keep", createUsage);
+  const std::string noShortHelp = "there is no option \"-h\" (--help prints the help)";
+  expectWrongUsage(runTool({"create", "-h"}), noShortHelp, createUsage);
+  expectWrongUsage(runTool({"create", "-h", archive, "/dev"}), noShortHelp, createUsage);
+  expectWrongUsage(runTool({"create", "-kh", archive, "/dev"}), noShortHelp, createUsage);
   expectNothingAt(archive);
 }
 
@@ -348,6 +378,11 @@ TEST(Tool, HelpOfACommandNamesItsOptionsAndTheExitStatuses) {
               result.output.find("Exit status: 0 done, 1 failed (a line on standard error says why), 2 wrong "
                                  "usage, 130 interrupted."));
   }
+}
+
+TEST(Tool, HelpSaysWhereReadableSizesShow) {
+  EXPECT_NE(std::string::npos, runTool({"list", "--help"}).output.find("With --long, sizes in units"));
+  EXPECT_EQ(std::string::npos, runTool({"verify", "--help"}).output.find("With --long"));
 }
 
 TEST(Tool, TextThatCannotBePrintedIsAFailure) {

@@ -226,8 +226,9 @@ TEST(ToolClosedOutput, DoesNotKeepVerifyFromItsAnswer) {
   tool.closeOutput();
   const ProcessResult result = tool.finish();
   EXPECT_EQ(1, result.exitStatus);
-  EXPECT_EQ("kqzip: " + (folder / "a.zip") + ": 3 problems found (kqzip extract gives back what is whole)\n",
-            result.errors);
+  EXPECT_EQ(
+      "kqzip: " + (folder / "a.zip") + ": 3 problems found (kqzip extract gives back what is not cut off)\n",
+      result.errors);
 }
 
 TEST(ToolArchiveCutWhileItIsRead, ExtractSaysThatTheFileIsShort) {

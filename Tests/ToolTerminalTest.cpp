@@ -193,7 +193,8 @@ TEST(ToolTerminal, VerifyPrintsItsLinesBesideTheProgress) {
   EXPECT_EQ(0U, lines[0].find("large: CRC-32 is "));
   EXPECT_EQ("a: is not in the central directory", lines[1]);
   EXPECT_EQ("large: is not in the central directory", lines[2]);
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)", lines[3]);
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is not cut off)",
+            lines[3]);
   EXPECT_EQ("", lines[4]);
 }
 
@@ -265,7 +266,7 @@ TEST(ToolTerminal, QuietShowsNothingHoweverLongItTakes) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip");
   RunningProgram verify(onTerminal({"verify", "-q", archive}), Streams::ErrorsOnTerminal);
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\r\n",
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is not cut off)\r\n",
             verify.finish().errors);
 
   // So much is not written before a line would have been shown.
@@ -291,7 +292,7 @@ TEST(ToolTerminal, NothingIsShownWhereStandardErrorIsNoTerminal) {
   const TemporaryDirectory folder;
   const std::string archive = slowArchive(folder / "a.zip");
   const ProcessResult result = runTool({"verify", archive});
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\n",
+  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is not cut off)\n",
             result.errors);
   EXPECT_EQ(0U, result.output.find("large: CRC-32 is "));
 }
@@ -316,7 +317,7 @@ TEST(ToolTerminal, ATerminalThatCannotRewriteALineShowsNoProgress) {
     const std::vector<std::string> tool = toolCommand({"verify", archive});
     command.insert(command.end(), tool.begin(), tool.end());
     RunningProgram verify(command, Streams::ErrorsOnTerminal, 300);
-    EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is whole)\r\n",
+    EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is not cut off)\r\n",
               verify.finish().errors);
   }
 }

@@ -12,6 +12,7 @@ namespace Tool {
 
 inline constexpr char verifyTellsMore[] = "kqzip verify tells all that is wrong";
 inline constexpr char otherProgramNeeded[] = "another archive program may read it";
+inline constexpr char checkTheFile[] = "check that it is the right file";
 inline constexpr char inTheWay[] = "move it away, or extract elsewhere with -C";
 
 /// The text with remarks behind it, "text (one; another)". Empty remarks are left out.

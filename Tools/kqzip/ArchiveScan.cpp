@@ -1,11 +1,7 @@
 #include "ArchiveScan.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
@@ -14,6 +10,7 @@
 #include <utility>
 
 #include "Advice.h"
+#include "ArchivePath.h"
 #include "Interruption.h"
 #include "Json.h"
 #include "Message.h"
@@ -44,14 +41,8 @@ constexpr std::uint64_t zip64SizeFieldEnd = 12;
 constexpr std::int64_t unsupportedCompression = -101;
 
 std::uint64_t sizeOfArchive(const std::string& path) {
-  if (!KQ::isValidUTF8(path)) failWithSystemError(EILSEQ, path);
+  requireArchiveFile(path);
   std::error_code error;
-  const fs::file_status status = fs::status(path, error);
-  if (error) failWithSystemError(error.value(), path);
-  if (fs::is_directory(status)) failWithSystemError(EISDIR, path, "kqzip create packs a folder");
-  if (!fs::is_regular_file(status))
-    throw Failure(withRemarks(inQuotes(path) + " is not a regular file", {"copy it to one"}));
-  if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
   const std::uint64_t size = fs::file_size(path, error);
   if (error) failWithSystemError(error.value(), path);
   return size;
@@ -275,9 +266,12 @@ bool ArchiveScan::stop(Problem problem) {
 void ArchiveScan::stopBetweenRecords(std::uint64_t start, std::int64_t bytesRead) {
   if (bytesRead < 0) {
     stop({std::nullopt, errorText(stream_->streamError(), "the archive cannot be read")});
+  } else if (fileSize_ == 0) {
+    stop({std::nullopt, "the file is empty", checkTheFile});
   } else if (!endRecordSeen_) {
     if (!stopBehindEntryWithoutSize(start))
-      stop({std::nullopt, "the archive ends early, at offset " + number(fileSize_)});
+      stop({std::nullopt, "the archive ends early, at offset " + number(fileSize_),
+            start == 0 ? checkTheFile : ""});
   } else if (bytesRead > 0) {
     trailingBytes_ = start;
   }
@@ -320,8 +314,8 @@ bool ArchiveScan::stopAtUnknownBytes(std::uint32_t signature, std::uint64_t star
   if (stopBehindEntryWithoutSize(start)) return false;
   const std::string unknown = "unknown signature " + hexadecimal(signature) + " at offset " + number(start);
   if (start != 0) return stop({std::nullopt, unknown});
-  return stop({std::nullopt, "this is no archive, or something stands in front of it: " + unknown,
-               "check that it is the right file"});
+  return stop(
+      {std::nullopt, "this is no archive, or something stands in front of it: " + unknown, checkTheFile});
 }
 
 // Where no record follows an entry that says that its sizes come behind its data, they do: then its end is

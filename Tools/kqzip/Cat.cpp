@@ -1,5 +1,7 @@
 #include "Cat.h"
 
+#include <algorithm>
+
 #include "Advice.h"
 #include "ArchiveScan.h"
 #include "EntryReading.h"
@@ -10,11 +12,21 @@ namespace Tool {
 
 namespace {
 
+bool hasFolder(const ArchiveScan& archive, const std::string& name) {
+  const std::string start = !name.empty() && name.back() == '/' ? name : name + "/";
+  const auto& entries = archive.entries();
+  return std::any_of(entries.begin(), entries.end(), [&start](const ArchiveEntry& entry) {
+    return entry.name.substr(0, start.size()) == start;
+  });
+}
+
 const ArchiveEntry& entryNamed(const ArchiveScan& archive, const std::string& name) {
   for (const ArchiveEntry* entry : archive.currentEntries()) {
     if (entry->name == name) return *entry;
   }
-  throw archive.missing(name);
+  if (!hasFolder(archive, name)) throw archive.missing(name);
+  throw Failure(withRemarks(archive.path() + ": " + inQuotes(name) + " is a folder",
+                            {"kqzip extract gives it with all below it"}));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "Advice.h"
 #include "ArchiveCheck.h"
+#include "ArchivePath.h"
 #include "Conform.h"
 #include "Interruption.h"
 #include "Message.h"
@@ -117,19 +118,26 @@ Packing packingOf(const CreateOptions& options) {
   return packingOfFiles(options);
 }
 
-// What the library would report as an error of writing, without its reason.
-void requirePlaceForArchive(const std::string& archive) {
-  requireFaithfulText(archive, archive);
-  const std::string parent = KQ::stringByDeletingLastPathComponent(archive);
-  const std::string folder = parent.empty() ? "." : parent;
-  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 && errno != ENOENT &&
-      errno != ENOTDIR)
-    failWithSystemError(errno, folder);
-}
-
 bool existsAt(const std::string& path) {
   std::error_code ignored;
   return fs::exists(path, ignored);
+}
+
+// What the library would report as an error of writing, without its reason.
+void requirePlaceForArchive(const std::string& archive) {
+  requireArchiveName(archive);
+  if (!KQ::isValidUTF8(archive)) failWithSystemError(EILSEQ, archive, "choose a name that is UTF-8");
+  struct stat status {};
+  if (::lstat(archive.c_str(), &status) != 0 && errno != ENOENT) {
+    if (errno != ENOTDIR) failWithSystemError(errno, archive);
+    failWithSystemError(errno, archive, "a file stands where its folder should be, choose another path");
+  }
+  if (archive.back() == '/' && !existsAt(archive))
+    failWithSystemError(EISDIR, archive, "leave out the slash at its end");
+  const std::string parent = KQ::stringByDeletingLastPathComponent(archive);
+  const std::string folder = parent.empty() ? "." : parent;
+  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 && errno != ENOENT)
+    failWithSystemError(errno, folder);
 }
 
 // The library refuses a path that exists, and one without a folder to be in, with the same code.

@@ -50,8 +50,11 @@ void remove(const fs::path& path) {
 
 Destination::Destination(const std::string& directory, bool followLinks)
     : directory_(directory.empty() ? "." : directory), followLinks_(followLinks) {
-  createFolders(directory_.string());
   std::error_code error;
+  const fs::file_status status = fs::status(directory_, error);
+  if (fs::exists(status) && !fs::is_directory(status))
+    failWithSystemError(ENOTDIR, directory, "choose another folder with -C");
+  createFolders(directory_.string());
   realDirectory_ = fs::canonical(directory_, error);
   if (error) failWithSystemError(error.value(), directory);
 }

@@ -16,7 +16,8 @@ void failWithSystemError(int code, const std::string& path) {
 }
 
 void failWithSystemError(int code, const std::string& path, const std::string& advice) {
-  const std::string text = KQ::NSError::errorWithPOSIXCode(code, path)->localizedDescription();
+  const std::string shown = path.empty() ? inQuotes(path) : path;
+  const std::string text = KQ::NSError::errorWithPOSIXCode(code, shown)->localizedDescription();
   throw Failure(withRemarks(text, {advice}));
 }
 

@@ -28,6 +28,8 @@ void writeAll(std::string_view bytes) {
       waitUntilWritable();
     } else if (errno == EPIPE) {
       throw OutputClosed();
+    } else if (errno == EBADF) {
+      failWithSystemError(errno, "standard output", "it is closed, send it to a file or to /dev/null");
     } else if (errno != EINTR) {
       failWithSystemError(errno, "standard output");
     }

@@ -22,7 +22,7 @@ namespace Tool {
 namespace {
 
 std::optional<Problem> problemOfHeader(const ArchiveEntry& entry) {
-  if (entry.isEncrypted()) return Problem{entry.nameText(), "is encrypted"};
+  if (entry.isEncrypted()) return Problem{entry.nameText(), "is encrypted", otherProgramNeeded};
   const std::uint64_t uncompressed = entry.uncompressedLength();
   if (uncompressed == entry.length()) return std::nullopt;
   return Problem{entry.nameText(), "has " + std::to_string(entry.length()) + " bytes, header says " +
@@ -84,6 +84,12 @@ std::unique_ptr<VerifyReport> makeReport(const VerifyOptions& options, const Arc
   return std::make_unique<VerifyLines>(line, isSummed ? summary(options, archive) : "");
 }
 
+std::string nextStep(const VerifyOptions& options, const ArchiveScan& archive, const VerifyReport& report) {
+  if (!options.summary) return "remove it and pack again";
+  if (!report.advice().empty()) return report.advice();
+  return archive.entries().empty() ? "" : "kqzip extract gives back what is not cut off";
+}
+
 }  // namespace
 
 void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
@@ -103,8 +109,7 @@ void verify(const VerifyOptions& options, const std::shared_ptr<KQ::NSProgress>&
   if (report->problems() == 0) return;
   const std::string text =
       options.archive + ": " + counted(report->problems(), "problem", "problems") + " found";
-  throw Failure(withRemarks(
-      text, {options.summary ? "kqzip extract gives back what is whole" : "remove it and pack again"}));
+  throw Failure(withRemarks(text, {nextStep(options, archive, *report)}));
 }
 
 }  // namespace Tool

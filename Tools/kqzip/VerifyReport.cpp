@@ -11,6 +11,7 @@ namespace Tool {
 
 void VerifyReport::add(const Problem& problem) {
   ++problems_;
+  if (advice_.empty()) advice_ = problem.advice;
   tell(problem);
 }
 

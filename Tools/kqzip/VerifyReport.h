@@ -26,6 +26,9 @@ class VerifyReport {
   /// How many problems there were.
   std::uint64_t problems() const { return problems_; }
 
+  /// What to do about the first problem for which that is known; empty when there is none.
+  const std::string& advice() const { return advice_; }
+
   /// Ends the report of a verification that has come to its end.
   virtual void end() = 0;
 
@@ -45,6 +48,7 @@ class VerifyReport {
   ProgressLine& line_;
   StandardOutput output_;
   std::uint64_t problems_ = 0;
+  std::string advice_;
 };
 
 /// A line for each problem, and at the end `summary` if there was none.

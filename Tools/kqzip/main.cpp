@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -61,8 +62,8 @@ void addQuiet(CLI::App* command, bool& quiet, const std::string& effect) {
   command->add_flag("-q,--quiet", quiet, effect);
 }
 
-void addHumanReadable(CLI::App* command, bool& isHuman) {
-  command->add_flag("-h,--human-readable", isHuman, "Sizes in units, as 12 B or 1.5 MiB");
+void addHumanReadable(CLI::App* command, bool& isHuman, const std::string& effect) {
+  command->add_flag("-h,--human-readable", isHuman, effect);
 }
 
 template <class Value>
@@ -108,11 +109,13 @@ void defineList(CLI::App& app, Command& command) {
   CLI::App* list = addCommand(
       app, "list", "Print the names in an archive",
       "One name a line, control characters and invalid bytes as \\xNN, a backslash as \\\\. Of several\n"
-      "entries with one name the last counts. Of a damaged archive, all that is whole is listed.");
+      "entries with one name the last counts. Of an archive that is cut off or whose records are damaged, "
+      "all\n"
+      "entries whose record and length are whole are listed.");
   addPositional(list, "ARCHIVE", options->archive, "The archive to list")->required();
   list->add_flag("-l,--long", options->isLong, "With type ('-' file, 'd' folder), size in bytes and date");
   list->add_flag("-0,--null", options->endsNull, "Names as they stand, each with a NUL behind it");
-  addHumanReadable(list, options->isHuman);
+  addHumanReadable(list, options->isHuman, "With --long, sizes in units, as 12 B or 1.5 MiB");
   list->add_flag("--json", options->isJson, "All there is to know, as one JSON document");
   list->callback([options, &command] {
     command.run = [options](const auto& work) { Tool::list(*options, *work); };
@@ -125,9 +128,11 @@ void defineExtract(CLI::App& app, Command& command) {
   CLI::App* extract = addCommand(
       app, "extract", "Give an archive's files back",
       "Existing files are replaced and dates are set. An archive with a name that is absolute, is empty or\n"
-      "has a \"..\" component is refused, and so is a symbolic link that leads out of the folder. Of a\n"
-      "damaged archive, all that is whole is extracted. Permissions are set as far as the mask (umask) lets\n"
-      "new files have them.");
+      "has a \"..\" component is refused, and so is a symbolic link that leads out of the folder. Of an\n"
+      "archive that is cut off or whose records are damaged, all entries whose record and length are whole\n"
+      "are extracted; data that was changed is found by kqzip verify. Permissions are set as far as the "
+      "mask\n"
+      "(umask) lets new files have them.");
   addPositional(extract, "ARCHIVE", options->archive, "The archive to read")->required();
   addPositional(extract, "PATH", options->paths,
                 "What to extract: names, or folders with all below them; otherwise all");
@@ -143,8 +148,8 @@ void defineExtract(CLI::App& app, Command& command) {
 void defineCat(CLI::App& app, Command& command) {
   const auto options = std::make_shared<CatOptions>();
   CLI::App* cat = addCommand(app, "cat", "Write an entry's bytes to standard output",
-                             "An entry that is whole is given back without a message even where the rest of\n"
-                             "the archive is damaged.");
+                             "An entry whose record and length are whole is given back without a message\n"
+                             "even where the rest of the archive is damaged.");
   addPositional(cat, "ARCHIVE", options->archive, "The archive to read")->required();
   addPositional(cat, "PATH", options->path, "The entry's name")->required();
   cat->callback([options, &command] {
@@ -161,7 +166,7 @@ void defineVerify(CLI::App& app, Command& command) {
       "directory. Prints a line for each thing that is wrong, and fails if there is any.");
   addPositional(verify, "ARCHIVE", options->archive, "The archive to check")->required();
   addQuiet(verify, options->quiet, "Show no progress, and print nothing when all is right");
-  addHumanReadable(verify, options->isHuman);
+  addHumanReadable(verify, options->isHuman, "Sizes in units, as 12 B or 1.5 MiB");
   verify->add_flag("--json", options->isJson, "Always print one JSON document instead");
   verify->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::verify(*options, work); }; });
@@ -231,8 +236,11 @@ ExitStatus reportWrongUsage(const CLI::App& app, const std::string& text) {
 
 // CLI11's texts know commands only as subcommands.
 std::string mistakeIn(const CLI::App& app, const CLI::ParseError& end) {
-  const std::vector<std::string> rest = app.remaining();
-  if (!app.get_subcommands().empty()) return withoutMarks(end.what());
+  const auto chosen = app.get_subcommands();
+  const std::vector<std::string> rest = chosen.empty() ? app.remaining() : chosen.front()->remaining();
+  if (!chosen.empty() && std::find(rest.begin(), rest.end(), "-h") != rest.end())
+    return "there is no option \"-h\" (--help prints the help)";
+  if (!chosen.empty()) return withoutMarks(end.what());
   return rest.empty() ? "a command is required"
                       : "there is no command or option " + inQuotes(withoutMarks(rest.front()));
 }

@@ -6,7 +6,6 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -15,6 +14,7 @@
 #include "Support/ChangingSource.h"
 #include "Support/RunningProgram.h"
 #include "Support/SourceTree.h"
+#include "Support/StoppedProgram.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
 
@@ -45,14 +45,7 @@ bool isThere(const char* path, bool claimsMore) {
 // Runs the tool, stopped at a moment of its reading of `path` for `change` to happen.
 ProcessResult runToolWithChange(const std::vector<std::string>& arguments, const std::string& path,
                                 SourceMoment moment, const std::function<void()>& change) {
-  const char* const options = std::getenv("ASAN_OPTIONS");
-  std::vector<std::string> command{
-      "/usr/bin/env", "LD_PRELOAD=" KQZIP_STOP_AT_FILE_MOMENT, "KQZIP_TEST_STOP_FILE=" + path,
-      "KQZIP_TEST_STOP_MOMENT=" + std::to_string(static_cast<int>(moment)),
-      // AddressSanitizer wants to be loaded first unless it is told not to.
-      "ASAN_OPTIONS=" + std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0"};
-  for (const std::string& part : toolCommand(arguments)) command.push_back(part);
-  RunningProgram tool(command);
+  RunningProgram tool(stoppedAt(path, fileMoment(moment), stopWhole, toolCommand(arguments)));
   tool.waitUntilItStops();
   change();
   tool.send(SIGCONT);

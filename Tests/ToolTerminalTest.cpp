@@ -13,6 +13,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/RunningProgram.h"
+#include "Support/StoppedProgram.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
 
@@ -64,11 +65,6 @@ class Screen {
 };
 
 using Lines = std::vector<std::string>;
-
-std::uint64_t sizeOf(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
-}
 
 std::string sparseFile(const std::string& path, std::uint64_t length) {
   writeFile(path, "");
@@ -129,6 +125,46 @@ class LeasedFile {
  private:
   int file_;
   bool isHeld_ = false;
+};
+
+/// The tool on a terminal, with its reading of a file held in the middle, and nothing else of it.
+class HeldTool {
+ public:
+  HeldTool(const TemporaryDirectory& folder, const std::string& name,
+           const std::vector<std::string>& arguments, const std::string& file)
+      : pipe_(makePipe(folder / (name + "-" + arguments.front()))),
+        program_(
+            stoppedAt(file, {1, FileMoment::Call::Read, 1048576, 3 * 1048576}, pipe_, onTerminal(arguments)),
+            Streams::ErrorsOnTerminal, 300) {
+    // Nobody has the other end open before the tool is there.
+    waitUntil([this] { return (hold_ = open(pipe_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; });
+  }
+  ~HeldTool() { letGo(); }
+  HeldTool(const HeldTool&) = delete;
+  HeldTool& operator=(const HeldTool&) = delete;
+
+  RunningProgram& program() { return program_; }
+
+  /// Lets it go on to its end.
+  ProcessResult finish() {
+    letGo();
+    return program_.finish();
+  }
+
+ private:
+  static std::string makePipe(const std::string& path) {
+    EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
+    return path;
+  }
+
+  void letGo() {
+    if (hold_ >= 0) close(hold_);
+    hold_ = -1;
+  }
+
+  std::string pipe_;
+  RunningProgram program_;
+  int hold_ = -1;
 };
 
 /// An archive with one entry that is right and one that is not.
@@ -264,28 +300,30 @@ TEST(ToolTerminal, ASecondInterruptionErasesTheLineToo) {
 
 TEST(ToolTerminal, QuietShowsNothingHoweverLongItTakes) {
   const TemporaryDirectory folder;
-  const std::string archive = slowArchive(folder / "a.zip");
-  RunningProgram verify(onTerminal({"verify", "-q", archive}), Streams::ErrorsOnTerminal);
-  EXPECT_EQ("kqzip: " + archive + ": 3 problems found (kqzip extract gives back what is not cut off)\r\n",
-            verify.finish().errors);
-
-  // So much is not written before a line would have been shown.
-  constexpr std::uint64_t much = gibibyte / 2;
-  const std::string target = folder / "out/large";
-  RunningProgram extract(onTerminal({"extract", "-q", "-C", folder / "out", archive}),
-                         Streams::ErrorsOnTerminal);
-  waitUntil([&] { return sizeOf(target) > much; });
-  extract.send(SIGINT);
-  EXPECT_EQ("kqzip: interrupted (partial file left at " + target + ")\r\n", extract.finish().errors);
-  fs::remove(target);
-
-  const std::string created = folder / "b.zip";
-  RunningProgram create(
-      onTerminal({"create", "--quiet", created, sparseFile(folder / "large", 2 * gibibyte)}),
-      Streams::ErrorsOnTerminal);
-  waitUntil([&] { return sizeOf(created) > 0; });
-  create.send(SIGINT);
-  EXPECT_EQ("kqzip: interrupted (partial archive left at " + created + ")\r\n", create.finish().errors);
+  writeFile(folder / "tree/large", patternBytes(3 * 1048576));
+  expectDone(runTool({"create", folder / "a.zip", folder / "tree"}));
+  struct Example {
+    std::string held;  // The file whose reading is held in its middle.
+    std::vector<std::string> quiet;
+    std::vector<std::string> shown;
+  };
+  const std::string archive = folder / "a.zip";
+  const std::string source = folder / "tree/large";
+  const std::vector<Example> examples{
+      {source,
+       {"create", "--quiet", folder / "b.zip", folder / "tree"},
+       {"create", folder / "c.zip", folder / "tree"}},
+      {archive, {"verify", "-q", archive}, {"verify", archive}},
+      {archive, {"extract", "-q", "-C", folder / "b", archive}, {"extract", "-C", folder / "c", archive}}};
+  for (const Example& example : examples) {
+    SCOPED_TRACE(example.quiet.front());
+    HeldTool quiet(folder, "quiet", example.quiet, example.held);
+    // This one is held after the other and has shown its line: the other has had its time.
+    HeldTool shown(folder, "shown", example.shown, example.held);
+    shown.program().readErrorsUntil("%");
+    expectDone(quiet.finish());
+    EXPECT_TRUE(showsLine(shown.finish().errors, bar + "[0-9]+%.*"));
+  }
 }
 
 TEST(ToolTerminal, NothingIsShownWhereStandardErrorIsNoTerminal) {

@@ -10,40 +10,13 @@
 #include <functional>
 #include <string>
 
-#include "Support/SourceMoment.h"
+#include "Support/FileMoment.h"
 
 // Stands between a program and the system's calls that concern one file, so that something can be done at an
 // exact moment of that file's reading. Include it in one source file of a program, and in no other: it
 // defines the functions that the library's calls then go to.
 
 namespace KQTest {
-
-/// A moment in the reading of a file: right before a call that concerns it.
-struct FileMoment {
-  enum class Call { Open, Read, Attributes };
-
-  int opens;              ///< How often the file was opened before.
-  Call call;              ///< The next such call behind that opening is the moment.
-  std::int64_t from = 0;  ///< For a read, the first at this offset or behind it.
-};
-
-/// The moment of a source in the system's calls. The library opens a source twice, for the CRC and for the
-/// copy.
-inline FileMoment fileMoment(SourceMoment moment) {
-  const std::int64_t block = 1048576;
-  switch (moment) {
-    case SourceMoment::DuringTheChecksum:
-      return {1, FileMoment::Call::Read, block};
-    case SourceMoment::BehindTheChecksum:
-      return {1, FileMoment::Call::Attributes};
-    case SourceMoment::BeforeTheCopy:
-      return {1, FileMoment::Call::Open};
-    case SourceMoment::DuringTheCopy:
-      return {2, FileMoment::Call::Read, block};
-    default:
-      return {2, FileMoment::Call::Attributes};
-  }
-}
 
 /// While one exists, something is done once, at a moment in the reading of a file.
 class AtFileMoment {
@@ -85,7 +58,9 @@ class AtFileMoment {
 
  private:
   void reached(FileMoment::Call call, std::int64_t offset) {
-    if (hasCome_ || opens_ != moment_.opens || call != moment_.call || offset < moment_.from) return;
+    if (hasCome_ || opens_ != moment_.opens || call != moment_.call || offset < moment_.from ||
+        offset >= moment_.end)
+      return;
     hasCome_ = true;
     action_();
   }

@@ -18,13 +18,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Support/ArchiveRecords.h"
 #include "Support/GoldenArchive.h"
+#include "Support/InteroperableArchive.h"
 #include "Support/LogCapture.h"
 #include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
@@ -43,6 +48,7 @@ struct Interposer {
   std::vector<std::string> calls;
   std::size_t failAt = 0;  // The number of the call, from 1; 0 for none.
   int fault = 0;
+  std::vector<std::pair<off_t, std::string>> replaced{};  // What pwrite() wrote over, and where.
 
   static Interposer*& active() {
     static thread_local Interposer* interposer = nullptr;
@@ -83,11 +89,20 @@ ssize_t transfer(const char* name, std::size_t length, Call call) {
   return -1;
 }
 
-// What a close that fails may mean: half of the file never reaches the disk.
+// What a close that fails may mean: half of what was written never reaches the disk, whatever its order. A
+// file that was written in place keeps what it had there.
 void loseWhatWasWritten(int file) {
+  static auto* const write = systemFunction<ssize_t(int, const void*, size_t, off_t)>("pwrite");
+  static auto* const statusOf = systemFunction<int(int, struct stat*)>("fstat");
+  const int mode = fcntl(file, F_GETFL) & O_ACCMODE;
   struct stat status {};
-  const bool written = (fcntl(file, F_GETFL) & O_ACCMODE) != O_RDONLY;
-  if (written && fstat(file, &status) == 0 && ftruncate(file, status.st_size / 2) != 0) abort();
+  if (mode == O_WRONLY && (statusOf(file, &status) != 0 || ftruncate(file, status.st_size / 2) != 0)) abort();
+  if (mode != O_RDWR) return;
+  const auto& replaced = Interposer::active()->replaced;
+  for (std::size_t i = 0; i < replaced.size(); i += 2) {
+    const auto& [offset, bytes] = replaced[i];
+    if (write(file, bytes.data(), bytes.size(), offset) != static_cast<ssize_t>(bytes.size())) abort();
+  }
 }
 
 }  // namespace
@@ -137,6 +152,19 @@ extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
   });
 }
 
+extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t offset) {
+  static auto* const real = systemFunction<ssize_t(int, const void*, size_t, off_t)>("pwrite");
+  static auto* const realRead = systemFunction<ssize_t(int, void*, size_t, off_t)>("pread");
+  return transfer("pwrite", length, [&](std::size_t part) {
+    if (Interposer* const interposer = Interposer::active()) {
+      std::string bytes(part, '\0');
+      if (realRead(file, bytes.data(), part, offset) != static_cast<ssize_t>(part)) abort();
+      interposer->replaced.emplace_back(offset, bytes);
+    }
+    return real(file, buffer, part, offset);
+  });
+}
+
 extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {
   static auto* const real = systemFunction<off_t(int, off_t, int)>("lseek");
   return whole("lseek", [&] { return real(file, offset, whence); });
@@ -150,6 +178,20 @@ extern "C" int stat(const char* path, struct stat* status) noexcept {
 extern "C" int lstat(const char* path, struct stat* status) noexcept {
   static auto* const real = systemFunction<int(const char*, struct stat*)>("lstat");
   return whole("lstat", [&] { return real(path, status); });
+}
+
+extern "C" int fstat(int file, struct stat* status) noexcept {
+  static auto* const real = systemFunction<int(int, struct stat*)>("fstat");
+  const auto fault = faultFor("fstat");
+  // It never waits, so no signal interrupts it.
+  if (!fault || *fault == shortTransfer || *fault == EINTR) return real(file, status);
+  errno = *fault;
+  return -1;
+}
+
+extern "C" int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
+  static auto* const real = systemFunction<int(int, const char*, struct stat*, int)>("fstatat");
+  return whole("fstatat", [&] { return real(folder, path, status, flags); });
 }
 
 extern "C" int mkdir(const char* path, mode_t mode) noexcept {
@@ -180,6 +222,31 @@ extern "C" dirent* readdir(DIR* folder) {
 }
 
 namespace {
+
+// The calls above.
+const std::set<std::string> wrappedCalls{"open",   "close",   "read",      "pread",     "writev",
+                                         "pwrite", "lseek",   "stat",      "lstat",     "fstat",
+                                         "mkdir",  "fstatat", "utimensat", "fdopendir", "readdir"};
+
+// Whether this is a function of another library that either makes no system call or reports no failure of
+// one.
+bool makesNoCallThatMayFail(const std::string& name) {
+  static const std::set<std::string> others{// Memory and text.
+                                            "bcmp", "calloc", "free", "malloc", "memchr", "memcmp", "memcpy",
+                                            "memmove", "memset", "strcmp", "strlen",
+                                            // Time, threads and checksums.
+                                            "crc32", "localtime_r", "mktime", "pthread_mutex_lock",
+                                            "pthread_mutex_unlock", "sched_yield",
+                                            // The log.
+                                            "fwrite", "stderr", "syslog",
+                                            // Open folders.
+                                            "closedir", "dirfd"};
+  // C++'s own files would make calls behind our backs.
+  for (const char* const file : {"10filesystem", "filebuf", "fstream"}) {
+    if (name.find(file) != std::string::npos) return false;
+  }
+  return others.count(name) == 1 || name[0] == '_' || name.rfind("utf8proc_", 0) == 0;
+}
 
 // What an operation leaves behind, to be compared in full. Nothing when it said that it failed.
 using Outcome = std::optional<std::map<std::string, std::string>>;
@@ -333,6 +400,21 @@ class SystemCallFaults : public ::testing::Test {
   std::string archive_ = directory_ / "archive.zip";
 };
 
+TEST_F(SystemCallFaults, EveryCallOfTheLibraryIsOneThatCanFailHere) {
+  const KQTest::ProcessResult result =
+      KQTest::runProcess({"nm", "--dynamic", "--undefined-only", "--format=posix", KQZIP_SHARED_LIBRARY});
+  ASSERT_EQ(0, result.exitStatus) << result.errors;
+  std::size_t found = 0;
+  std::istringstream lines(result.output);
+  for (std::string name; lines >> name; lines.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
+    name.resize(std::min(name.find('@'), name.size()));
+    found += wrappedCalls.count(name);
+    EXPECT_TRUE(wrappedCalls.count(name) == 1 || makesNoCallThatMayFail(name)) << name;
+  }
+  // The failure of what the library does not call would test nothing.
+  EXPECT_EQ(wrappedCalls.size(), found);
+}
+
 TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
   const std::string target = directory_ / "packed.zip";
   failEveryCallOnce(
@@ -480,6 +562,42 @@ TEST_F(SystemCallFaults, WritingToAPathFailsOrWritesTheWholeArchive) {
                        return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
                      },
                      {}});
+}
+
+TEST_F(SystemCallFaults, MakingAnArchiveInteroperableFailsAndCanBeRepeatedOrIsDone) {
+  entries_.insert(entries_.begin() + 1, KQTest::SourceTree::entry("\xC3\xA9/", ""));
+  entries_.push_back(KQTest::SourceTree::entry("\xC3\xBC", "umlaut"));
+  const std::string exact = KQTest::goldenArchive(entries_);
+  const std::string interoperable = KQTest::interoperableArchive(exact);
+  const auto contents = [this] {
+    std::map<std::string, std::string> read;
+    const auto reader = KQZipFileReader::initWithZipPath(archive_);
+    if (!reader) return read;
+    for (const std::string& path : reader->relativePaths())
+      read[path] = KQTest::bytesOf(reader->dataForRelativePath(path)).value_or("no data");
+    return read;
+  };
+  KQTest::writeFile(archive_, exact);
+  const std::map<std::string, std::string> before = contents();
+  ASSERT_EQ(entries_.size(), before.size());
+  failEveryCallOnce({[&] { KQTest::writeFile(archive_, exact); },
+                     [&]() -> Outcome {
+                       std::shared_ptr<const KQ::NSError> error;
+                       const bool made = KQZipMakeArchiveInteroperable(archive_, &error);
+                       EXPECT_EQ(made, error == nullptr);
+                       if (!made) return std::nullopt;
+                       return std::map<std::string, std::string>{};
+                     },
+                     [&](const Outcome& outcome) -> Outcome {
+                       if (outcome)
+                         return std::map<std::string, std::string>{{"archive", KQTest::readFile(archive_)}};
+                       EXPECT_TRUE(before == contents()) << "an entry cannot be read";
+                       EXPECT_TRUE(KQZipMakeArchiveInteroperable(archive_)) << "it cannot be repeated";
+                       KQTest::expectSameBytes(interoperable, KQTest::readFile(archive_));
+                       return std::nullopt;
+                     },
+                     {}});
+  KQTest::expectSameBytes(interoperable, KQTest::readFile(archive_), "what the last call made");
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/LogCapture.h"
+#include "Support/OtherPrograms.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -27,7 +28,6 @@ using KQTest::errorText;
 using KQTest::patternBytes;
 using KQTest::readFile;
 using KQTest::readFrom;
-using KQTest::runProcess;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 
@@ -40,19 +40,21 @@ const std::string compressionMessage = "-101 File uses unsupported compression m
 /// An even second, far from any change to daylight saving.
 constexpr long long date = 1592224496;
 
-/// Skips the test when the machine does not have the program. "sh -c command -v" finds it without running it.
-#define NEED(program)                                                    \
-  do {                                                                   \
-    if (runProcess({"sh", "-c", "command -v " program}).exitStatus != 0) \
-      GTEST_SKIP() << program " is not on this machine";                 \
+/// Skips the test when the machine does not have the program.
+#define NEED(program)                                                                \
+  do {                                                                               \
+    if (!KQTest::isHere(program)) GTEST_SKIP() << program " is not on this machine"; \
   } while (false)
+
+/// Keeps Java from leaving a folder among the temporary files.
+const std::string noStatistics = "-J-XX:-UsePerfData";
 
 /// What another program's archive is to hold, by path; a path that ends in "/" is a folder.
 using Files = std::map<std::string, std::string, KQ::NSStringLess>;
 
 /// Runs a program that must succeed, in `folder`.
 void run(const Arguments& arguments, const std::string& folder) {
-  const KQTest::ProcessResult result = runProcess(arguments, folder);
+  const KQTest::ProcessResult result = KQTest::runOtherProgram(arguments, folder);
   ASSERT_EQ(0, result.exitStatus) << arguments.front() << ": " << result.errors << result.output;
 }
 
@@ -259,14 +261,14 @@ TEST_F(ForeignArchives, SevenZipFromItsStandardInputStoresASizeInTheZip64Field) 
 
 TEST_F(ForeignArchives, JarStoresWhatCanBeRead) {
   NEED("jar");
-  run({"jar", "c0fM", archive, "a.txt", "empty", "folder", "large.bin"}, tree);
+  run({"jar", noStatistics, "c0fM", archive, "a.txt", "empty", "folder", "large.bin"}, tree);
   expectHolds(archive, files);
   expectExtracts(archive, out, files);
 }
 
 TEST_F(ForeignArchives, JarStoresItsManifestToo) {
   NEED("jar");
-  run({"jar", "c0f", archive, "a.txt"}, tree);
+  run({"jar", noStatistics, "c0f", archive, "a.txt"}, tree);
   ASSERT_EQ(std::nullopt, walk(readFile(archive)).unsupported);
   const Reader reader = KQZipFileReader::initWithZipPath(archive);
   ASSERT_TRUE(reader);
@@ -375,7 +377,7 @@ TEST_F(ForeignArchives, WhatBsdtarCompressesIsRefused) {
 
 TEST_F(ForeignArchives, WhatJarCompressesIsRefused) {
   NEED("jar");
-  run({"jar", "cfM", archive, "large.bin"}, tree);
+  run({"jar", noStatistics, "cfM", archive, "large.bin"}, tree);
   expectFails(archive, compressionMessage, out);
 }
 
@@ -423,7 +425,7 @@ TEST_F(ForeignArchives, BsdtarIntoAPipeFailsCleanlyWhereSizesFollowTheData) {
 
 TEST_F(ForeignArchives, JarIntoAPipeCanBeReadOrFailsCleanly) {
   NEED("jar");
-  run({"sh", "-c", "jar c0M a.txt large.bin | cat > \"$0\"", archive}, tree);
+  run({"sh", "-c", "jar -J-XX:-UsePerfData c0M a.txt large.bin | cat > \"$0\"", archive}, tree);
   expectHoldsUnlessSizesFollowTheData(archive, out,
                                       {{"a.txt", files["a.txt"]}, {"large.bin", files["large.bin"]}});
 }

@@ -585,13 +585,15 @@ TEST(HostileArchives, AnArchiveWithAnyBytesChangedOpensOrFailsAndNothingElse) {
     const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip", &error);
     TestInputStream stream(bytes);
     const Reader same = KQZipFileReader::initWithStream(stream);
+    // The one difference: no file has an offset beyond 2^63, and the stream, which is not one, goes there.
+    const bool isBeyondFiles =
+        error && error->domain() == KQ::NSPOSIXErrorDomain && error->code() == EOVERFLOW;
+    ASSERT_EQ(reader != nullptr || isBeyondFiles, same != nullptr) << round << ": " << errorText(error);
     if (!reader) continue;
     EXPECT_FALSE(error) << errorText(error);
     ++opened;
     askEverything(*reader);
-    if (same) {
-      EXPECT_EQ(same->relativePaths(), reader->relativePaths());
-    }
+    EXPECT_EQ(same->relativePaths(), reader->relativePaths());
   }
   // Both outcomes must have been seen, or the changes tested nothing.
   EXPECT_GT(opened, rounds / 20);

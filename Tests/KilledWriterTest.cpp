@@ -110,10 +110,10 @@ extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
 
 namespace {
 
-// The same every time when the environment says so; another one each time when it does not.
+// The same every time, unless the environment gives another one.
 unsigned seedOfThisRun() {
   const char* const given = std::getenv("KQZIP_TEST_SEED");
-  return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+  return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 20240229;
 }
 
 class KilledWriter : public ::testing::Test {
@@ -298,6 +298,7 @@ TEST_F(KilledWriter, TheToolKilledFromOutsideLeavesEveryWholeEntry) {
     std::vector<std::string> command{"create", archive_, tree_ / "tree"};
     if (isExact) command.emplace_back("--exact");
     RunningProgram tool(toolCommand(command));
+    // How far beyond that the tool gets is up to the system: here the seed does not repeat a run to the byte.
     waitUntil([&] { return fs::exists(archive_) && fs::file_size(archive_) >= enough; });
     tool.send(SIGKILL);
     const ProcessResult result = tool.finish();

@@ -467,7 +467,7 @@ TEST(NSString, TheOrderDoesNotDependOnTheLocale) {
   const Locale locale("C");
   expectOrder("Z", "a");
   expectOrder(utf8(U"\u00E9"), "f");
-  std::setlocale(LC_ALL, "C.UTF-8");
+  ASSERT_NE(nullptr, std::setlocale(LC_ALL, "C.UTF-8"));
   expectOrder("Z", "a");
   expectOrder(utf8(U"\u00E9"), "f");
 }

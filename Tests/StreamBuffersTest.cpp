@@ -2,6 +2,7 @@
 
 #include <KQZip/KQZip.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
@@ -131,6 +132,7 @@ TEST(StreamBuffers, WhatIsPutIntoAFileStreamsRoomIsWrittenInItsPlace) {
 }
 
 TEST(StreamBuffers, AFileStreamThatFailedOffersNoRoomAndKeepsItsOffset) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "the system has no device that is always full";
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath("/dev/full");
   stream->open();
   ASSERT_TRUE(stream->putIntoRoom("12345", 5));

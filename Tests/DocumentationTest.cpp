@@ -16,6 +16,9 @@
 #include <utility>
 #include <vector>
 
+#include "Support/GoldenArchive.h"
+#include "Support/InteroperableArchive.h"
+#include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -229,6 +232,34 @@ TEST(Documentation, TheInteroperableExampleDiffersInTheThreePlacesThatFormatName
             format.find(
                 "the external attributes at 108 become `00 00 A4 81`, and the sizes at 190 and at 238 begin "
                 "with `50` where they began with `B2`."));
+}
+
+TEST(Documentation, FormatHasTheAttributesThatFilesAndFoldersGet) {
+  const KQTest::TemporaryDirectory directory;
+  const std::string path = directory / "a.zip";
+  KQTest::writeFile(path, KQTest::goldenArchive({KQTest::SourceTree::entry("file", ""),
+                                                 KQTest::SourceTree::entry("folder/", "")}));
+  ASSERT_TRUE(KQZipMakeArchiveInteroperable(path));
+  const std::string archive = KQTest::readFile(path);
+  const std::size_t file = KQTest::ArchiveTail(archive).startOfDirectory;
+  const std::size_t folder = file + 46 + std::string("file").size() + 28;
+  std::vector<std::string> written;
+  for (const std::size_t header : {file, folder}) {
+    std::array<char, 11> text{};
+    std::snprintf(text.data(), text.size(), "0x%08X",
+                  static_cast<unsigned>(KQTest::numberAt(archive, header + 38, 4)));
+    written.emplace_back(text.data());
+  }
+
+  std::vector<std::string> documented;
+  static const std::regex number("0x[0-9A-F]{8}");
+  for (const auto& row : rows(page("Format.md"), 3)) {
+    if (row[0] != "external attributes of a central header") continue;
+    for (std::sregex_iterator match(row[2].begin(), row[2].end(), number), end; match != end; ++match)
+      documented.push_back(match->str());
+  }
+  EXPECT_EQ(written, documented);
+  EXPECT_EQ((std::vector<std::string>{"0x81A40000", "0x41ED0010"}), written);
 }
 
 TEST(Documentation, TheTablesOfTheRecordsAddUpToTheirSizes) {

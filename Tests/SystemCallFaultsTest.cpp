@@ -48,6 +48,7 @@ struct Interposer {
   std::vector<std::string> calls;
   std::size_t failAt = 0;  // The number of the call, from 1; 0 for none.
   int fault = 0;
+  bool typesAreUnknown = false;                           // Folders tell names alone, as some disks do.
   std::vector<std::pair<off_t, std::string>> replaced{};  // What pwrite() wrote over, and where.
 
   static Interposer*& active() {
@@ -182,11 +183,7 @@ extern "C" int lstat(const char* path, struct stat* status) noexcept {
 
 extern "C" int fstat(int file, struct stat* status) noexcept {
   static auto* const real = systemFunction<int(int, struct stat*)>("fstat");
-  const auto fault = faultFor("fstat");
-  // It never waits, so no signal interrupts it.
-  if (!fault || *fault == shortTransfer || *fault == EINTR) return real(file, status);
-  errno = *fault;
-  return -1;
+  return whole("fstat", [&] { return real(file, status); });
 }
 
 extern "C" int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
@@ -216,9 +213,14 @@ extern "C" DIR* fdopendir(int file) {
 extern "C" dirent* readdir(DIR* folder) {
   static auto* const real = systemFunction<dirent*(DIR*)>("readdir");
   const auto fault = faultFor("readdir");
-  if (!fault || *fault == shortTransfer) return real(folder);
-  errno = *fault;
-  return nullptr;
+  if (fault && *fault != shortTransfer) {
+    errno = *fault;
+    return nullptr;
+  }
+  dirent* const entry = real(folder);
+  const Interposer* const interposer = Interposer::active();
+  if (entry != nullptr && interposer != nullptr && interposer->typesAreUnknown) entry->d_type = DT_UNKNOWN;
+  return entry;
 }
 
 namespace {
@@ -268,6 +270,7 @@ struct Operation {
   std::function<Outcome(const Outcome&)>
       inspect;  // Runs without faults; completes the outcome from the disk.
   std::vector<Leniency> leniencies;
+  bool typesAreUnknown = false;  // Whether names in folders come without their types.
 };
 
 std::set<std::string> openDescriptors() {
@@ -297,6 +300,7 @@ void failEveryCallOnce(const Operation& operation) {
   const KQTest::LogCapture log;
   const auto attempt = [&operation](Interposer& interposer) {
     operation.prepare();
+    interposer.typesAreUnknown = operation.typesAreUnknown;
     Interposer::active() = &interposer;
     Outcome outcome = operation.run();
     Interposer::active() = nullptr;
@@ -417,32 +421,34 @@ TEST_F(SystemCallFaults, EveryCallOfTheLibraryIsOneThatCanFailHere) {
 
 TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
   const std::string target = directory_ / "packed.zip";
-  failEveryCallOnce(
-      {[&] { fs::remove(target); },
-       [&]() -> Outcome {
-         std::shared_ptr<const KQ::NSError> error;
-         const bool packed = withProgress([&] {
-           return KQZipFileWriter::createZipFileAtPath(target, directory_ / "tree", false, &error);
-         });
-         if (!packed) return std::nullopt;
-         return std::map<std::string, std::string>{};
-       },
-       [&](const Outcome& outcome) -> Outcome {
-         if (!outcome) return std::nullopt;
-         return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
-       },
-       {oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
-                 [](KQTest::GoldenEntry& entry) { entry.crc = 0; }),
-        oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
-                 [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
-        oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
-                 [](KQTest::GoldenEntry& entry) {
-                   entry.localSize = 0;
-                   entry.localTime = 0;
-                   entry.localDate = 0;
-                 }),
-        oneEntry("a size that cannot be read for the central header is zero there", "lstat",
-                 [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })}});
+  Operation operation{
+      [&] { fs::remove(target); },
+      [&]() -> Outcome {
+        std::shared_ptr<const KQ::NSError> error;
+        const bool packed = withProgress(
+            [&] { return KQZipFileWriter::createZipFileAtPath(target, directory_ / "tree", false, &error); });
+        if (!packed) return std::nullopt;
+        return std::map<std::string, std::string>{};
+      },
+      [&](const Outcome& outcome) -> Outcome {
+        if (!outcome) return std::nullopt;
+        return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
+      },
+      {oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
+                [](KQTest::GoldenEntry& entry) { entry.crc = 0; }),
+       oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
+                [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
+       oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
+                [](KQTest::GoldenEntry& entry) {
+                  entry.localSize = 0;
+                  entry.localTime = 0;
+                  entry.localDate = 0;
+                }),
+       oneEntry("a size that cannot be read for the central header is zero there", "lstat",
+                [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })}};
+  failEveryCallOnce(operation);
+  operation.typesAreUnknown = true;
+  failEveryCallOnce(operation);
 }
 
 TEST_F(SystemCallFaults, OpeningAnArchiveFailsOrListsEveryEntry) {

@@ -123,12 +123,17 @@ const dirent* nextEntry(DIR* folder) {
   return entry;
 }
 
-// Links are not followed. Not every file system tells the type along with the name.
-bool isFolderItself(DIR* folder, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+// Links are not followed. Not every file system tells the type along with the name. 0, or the reason why the
+// type cannot be found: a folder that is taken for a file would be left out with all that is in it.
+int findWhetherFolder(DIR* folder, const dirent& entry, bool* isFolder) {
+  *isFolder = entry.d_type == DT_DIR;
+  if (entry.d_type != DT_UNKNOWN) return 0;
   struct stat status {};
-  return ::fstatat(::dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-         S_ISDIR(status.st_mode);
+  const int result = NSRepeatingInterrupted(
+      [&] { return ::fstatat(::dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW); });
+  *isFolder = result == 0 && S_ISDIR(status.st_mode);
+  // What has vanished meanwhile is told of by whoever opens it.
+  return result == 0 || errno == ENOENT ? 0 : errno;
 }
 
 }  // namespace
@@ -223,8 +228,10 @@ std::optional<std::vector<NSDirectoryEnumerator::Item>> NSDirectoryEnumerator::_
       break;
     }
     const std::string_view name = entry->d_name;
-    if (name != "." && name != "..")
-      items.push_back({std::string(name), isFolderItself(folder.get(), *entry)});
+    if (name == "." || name == "..") continue;
+    Item item{std::string(name), false};
+    code = findWhetherFolder(folder.get(), *entry, &item.isFolder);
+    if (code == 0) items.push_back(std::move(item));
   }
   if (code == 0) return items;
   error_ = NSError::errorWithPOSIXCode(code, path);

@@ -49,7 +49,7 @@ bool NSFileDescriptor::openForWriting(const std::string& path) {
 bool NSFileDescriptor::openInPlace(const std::string& path, bool updating) {
   if (!_open(path, (updating ? O_RDWR : O_RDONLY) | O_NONBLOCK)) return false;
   struct stat status {};
-  int code = ::fstat(descriptor_, &status) == 0 ? 0 : errno;
+  int code = _status(&status) ? 0 : errno;
   if (code == 0 && !S_ISREG(status.st_mode)) code = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
   if (code == 0) return true;
   close();
@@ -126,9 +126,13 @@ bool NSFileDescriptor::writeAllAt(const void* buffer, std::uint64_t length, std:
   return true;
 }
 
+bool NSFileDescriptor::_status(struct stat* status) const {
+  return NSRepeatingInterrupted([&] { return ::fstat(descriptor_, status); }) == 0;
+}
+
 std::int64_t NSFileDescriptor::length() const {
   struct stat status {};
-  return ::fstat(descriptor_, &status) == 0 ? static_cast<std::int64_t>(status.st_size) : -1;
+  return _status(&status) ? static_cast<std::int64_t>(status.st_size) : -1;
 }
 
 }  // namespace KQ

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/uio.h>
 
 #include <cerrno>
@@ -69,6 +70,7 @@ class NSFileDescriptor {
 
  private:
   bool _open(const std::string& path, int flags);
+  bool _status(struct stat* status) const;
 
   int descriptor_ = -1;
 };

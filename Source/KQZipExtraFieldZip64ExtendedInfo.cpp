@@ -9,6 +9,13 @@ constexpr std::size_t width = 8;
 
 // Sets the value's bytes from the data at `start`, low ones first; bytes for which no data remains stay.
 void decode(const std::uint8_t* data, std::uint64_t length, std::uint64_t start, std::uint64_t* value) {
+  if (start + width <= length) {
+    // All of the value's bytes, which the compiler turns into one load.
+    std::uint64_t whole = 0;
+    for (std::size_t i = 0; i < width; ++i) whole |= static_cast<std::uint64_t>(data[start + i]) << (8 * i);
+    *value = whole;
+    return;
+  }
   for (std::size_t i = 0; i < width && start + i < length; ++i) {
     const std::uint64_t mask = static_cast<std::uint64_t>(0xFF) << (8 * i);
     *value = (*value & ~mask) | static_cast<std::uint64_t>(data[start + i]) << (8 * i);

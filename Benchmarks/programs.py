@@ -1,6 +1,7 @@
 """The programs that are compared, and the ways to run one: timed, or counted."""
 import json
 import pathlib
+import random
 import re
 import shlex
 import subprocess
@@ -78,12 +79,13 @@ def run(command, folder, **options):
 
 def time_in_rounds(commands, folder, prepare, rounds):
     """The seconds of every run of every command. Each round is one call of hyperfine that runs every command once, so
-    what disturbs the machine for a while disturbs all of them; every round begins with another command. What a command
-    prints goes to /dev/null."""
+    what disturbs the machine for a while disturbs all of them. The order is drawn anew for every round, so that no
+    command always comes behind the same other one. What a command prints goes to /dev/null."""
     names = list(commands)
+    orders = random.Random(1)
     seconds = {name: [] for name in names}
-    for number in range(rounds):
-        order = names[number % len(names):] + names[:number % len(names)]
+    for _ in range(rounds):
+        order = orders.sample(names, len(names))
         with tempfile.NamedTemporaryFile(dir=folder, suffix=".json") as export:
             options = ["--shell=none", "--runs=1", "--style=none", f"--export-json={export.name}"]
             if prepare:

@@ -230,6 +230,28 @@ TEST(ToolConform, ExtractOfAnExactArchiveMakesFilesAsTheyWere) {
   EXPECT_EQ(0640U, modeOf(folder / "out/run"));
 }
 
+TEST(ToolConform, ExtractFindsPermissionsInADirectoryOfAnyOrderAndTheLastOfAnEntryCounts) {
+  const TemporaryDirectory folder;
+  const Mask mask(0);
+  const std::vector<GoldenEntry> entries{SourceTree::entry("a", "1"), SourceTree::entry("b", "2"),
+                                         SourceTree::entry("c", "3")};
+  const std::string archive = goldenArchive(entries);
+  const std::size_t start = ArchiveTail(archive).startOfDirectory;
+  constexpr std::size_t length = 46 + 1 + 28;
+  const auto header = [&](std::size_t number, unsigned mode) {
+    std::string bytes = archive.substr(start + number * length, length);
+    setNumberAt(bytes, 38, 4, std::uint64_t{0100000U | mode} << 16);
+    return bytes;
+  };
+  const std::string directory = header(2, 0700) + header(0, 0601) + header(1, 0602) + header(0, 0603);
+  // The end records count three headers; they are not what extraction goes by.
+  writeFile(folder / "a.zip", archive.substr(0, start) + directory + archive.substr(start + 3 * length));
+  expectDone(runTool({"extract", "-C", folder / "out", folder / "a.zip"}));
+  EXPECT_EQ(0603U, modeOf(folder / "out/a"));
+  EXPECT_EQ(0602U, modeOf(folder / "out/b"));
+  EXPECT_EQ(0700U, modeOf(folder / "out/c"));
+}
+
 TEST(ToolConform, ExtractNeverSetsMoreThanPermissionsAndOnlyThoseOfUnix) {
   const SourceTree folder;
   const Mask mask(0);

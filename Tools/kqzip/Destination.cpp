@@ -1,10 +1,14 @@
 #include "Destination.h"
 
 #include <KQZip/KQZip.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <system_error>
 
 #include "Advice.h"
@@ -22,28 +26,26 @@ void createFolders(const std::string& path) {
     failWithError(error, inQuotes(path) + " cannot be created");
 }
 
-void createFolder(const fs::path& path) {
+void createFolder(const std::string& path) {
   std::error_code error;
-  if (!fs::create_directory(path, error) && error) failWithSystemError(error.value(), path.string());
+  if (!fs::create_directory(path, error) && error) failWithSystemError(error.value(), path);
 }
 
-// The status of the item itself, links not followed.
-fs::file_status statusOf(const fs::path& path) {
-  std::error_code error;
-  const fs::file_status status = fs::symlink_status(path, error);
-  if (status.type() == fs::file_type::none) failWithSystemError(error.value(), path.string());
-  return status;
+// The type of the item itself, links not followed, as in a mode; nothing where there is none.
+std::optional<mode_t> typeOf(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0) return status.st_mode & S_IFMT;
+  if (errno != ENOENT && errno != ENOTDIR) failWithSystemError(errno, path);
+  return std::nullopt;
 }
 
-void requireFolderBehind(const fs::path& path) {
+void requireFolderBehind(const std::string& path) {
   std::error_code ignored;
-  if (!fs::is_directory(path, ignored)) failWithSystemError(ENOTDIR, path.string(), inTheWay);
+  if (!fs::is_directory(path, ignored)) failWithSystemError(ENOTDIR, path, inTheWay);
 }
 
-void remove(const fs::path& path) {
-  std::error_code error;
-  fs::remove(path, error);
-  if (error) failWithSystemError(error.value(), path.string());
+void remove(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) failWithSystemError(errno, path);
 }
 
 }  // namespace
@@ -54,35 +56,35 @@ Destination::Destination(const std::string& directory, bool followLinks)
   const fs::file_status status = fs::status(directory_, error);
   if (fs::exists(status) && !fs::is_directory(status))
     failWithSystemError(ENOTDIR, directory, "choose another folder with -C");
-  createFolders(directory_.string());
+  createFolders(directory_);
   realDirectory_ = fs::canonical(directory_, error);
   if (error) failWithSystemError(error.value(), directory);
 }
 
 std::string Destination::folder(const std::string& path) const {
-  std::string full = KQ::stringByAppendingPathComponent(directory_.string(), path);
+  std::string full = KQ::stringByAppendingPathComponent(directory_, path);
   if (followLinks_) {
     createFolders(full);
     return full;
   }
-  fs::path way = directory_;
-  for (const fs::path& component : fs::path(path)) {
-    way /= component;
-    requireFolder(way);
+  // Each folder on the way, the outermost first.
+  for (std::size_t end = directory_.size(); end < full.size();) {
+    end = std::min(full.find('/', end + 1), full.size());
+    if (full[end - 1] != '/') requireFolder(full.substr(0, end));
   }
   return full;
 }
 
 std::string Destination::placeForFile(const std::string& path) const {
   folder(KQ::stringByDeletingLastPathComponent(path));
-  std::string full = KQ::stringByAppendingPathComponent(directory_.string(), path);
-  const fs::file_status status = statusOf(full);
-  if (status.type() == fs::file_type::not_found) return full;
-  if (fs::is_directory(status)) failWithSystemError(EISDIR, full, inTheWay);
-  if (fs::is_symlink(status)) {
+  std::string full = KQ::stringByAppendingPathComponent(directory_, path);
+  const std::optional<mode_t> type = typeOf(full);
+  if (!type) return full;
+  if (type == S_IFDIR) failWithSystemError(EISDIR, full, inTheWay);
+  if (type == S_IFLNK) {
     if (followLinks_) return full;
     requireInside(full);
-  } else if (!fs::is_regular_file(status)) {
+  } else if (type != S_IFREG) {
     throw Failure(withRemarks(inQuotes(full) + " is in the way and is not a regular file", {inTheWay}));
   }
   remove(full);
@@ -90,22 +92,21 @@ std::string Destination::placeForFile(const std::string& path) const {
 }
 
 // Looked at anew for each entry: what was a folder may have become a link meanwhile.
-void Destination::requireFolder(const fs::path& path) const {
-  const fs::file_status status = statusOf(path);
-  if (status.type() == fs::file_type::not_found) return createFolder(path);
-  if (fs::is_directory(status)) return;
-  if (fs::is_symlink(status)) requireInside(path);
+void Destination::requireFolder(const std::string& path) const {
+  const std::optional<mode_t> type = typeOf(path);
+  if (!type) return createFolder(path);
+  if (type == S_IFDIR) return;
+  if (type == S_IFLNK) requireInside(path);
   requireFolderBehind(path);
 }
 
-void Destination::requireInside(const fs::path& link) const {
+void Destination::requireInside(const std::string& link) const {
   std::error_code error;
   const fs::path real = fs::canonical(link, error);
   const auto difference =
       std::mismatch(realDirectory_.begin(), realDirectory_.end(), real.begin(), real.end());
   if (error || difference.first != realDirectory_.end()) {
-    const std::string text =
-        inQuotes(link.string()) + " is a symbolic link that leads out of " + inQuotes(directory_.string());
+    const std::string text = inQuotes(link) + " is a symbolic link that leads out of " + inQuotes(directory_);
     throw Failure(withRemarks(text, {"remove it, or --unsafe-paths follows it"}));
   }
 }

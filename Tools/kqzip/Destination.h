@@ -22,10 +22,10 @@ class Destination {
   std::string placeForFile(const std::string& path) const;
 
  private:
-  void requireFolder(const std::filesystem::path& path) const;
-  void requireInside(const std::filesystem::path& link) const;
+  void requireFolder(const std::string& path) const;
+  void requireInside(const std::string& link) const;
 
-  std::filesystem::path directory_;
+  std::string directory_;
   std::filesystem::path realDirectory_;
   bool followLinks_;
 };

@@ -1,6 +1,9 @@
 #include "Extract.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <system_error>
@@ -30,9 +33,9 @@ std::string partialFile(const std::string& path) {
 // An archive that ends early yields a short file, which the export counts as a success; this one had all of
 // its bytes when it was scanned.
 void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
-  std::error_code error;
-  const std::uintmax_t size = fs::file_size(path, error);
-  if (error) failWithSystemError(error.value(), path);
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) failWithSystemError(errno, path);
+  const auto size = static_cast<std::uint64_t>(status.st_size);
   if (size != entry.length()) {
     const std::string text = inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
                              std::to_string(entry.length()) + " bytes";
@@ -67,7 +70,7 @@ std::uint64_t lengthOf(const ExtractionPlan& plan) {
 
 void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
                   EntryProgress& progress) {
-  const Permissions permissions(archive);
+  Permissions permissions(archive);
   std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
   for (const ExtractionItem& item : plan.items) {
     requireNotInterrupted(progress.work());

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "Advice.h"
 #include "Message.h"
@@ -13,32 +14,34 @@ namespace Tool {
 
 namespace {
 
-std::vector<std::string_view> componentsOf(std::string_view name) {
-  std::vector<std::string_view> components;
+// Calls `visit` with each component of the name, empty ones too, until it returns false.
+template <class Visit>
+bool allComponents(std::string_view name, Visit visit) {
   while (!name.empty()) {
     const std::size_t length = std::min(name.find('/'), name.size());
-    components.push_back(name.substr(0, length));
+    if (!visit(name.substr(0, length))) return false;
     name.remove_prefix(std::min(length + 1, name.size()));
   }
-  return components;
+  return true;
 }
 
 std::optional<std::string> whyUnsafe(std::string_view name) {
   if (name.empty()) return "is empty";
   if (name.front() == '/') return "is absolute";
-  const auto components = componentsOf(name);
-  if (std::find(components.begin(), components.end(), "..") != components.end())
+  if (!allComponents(name, [](std::string_view component) { return component != ".."; }))
     return "has a \"..\" component";
   return std::nullopt;
 }
 
 std::string targetOf(std::string_view name) {
   std::string target;
-  for (const std::string_view component : componentsOf(name)) {
-    if (component.empty() || component == ".") continue;
+  target.reserve(name.size());
+  allComponents(name, [&target](std::string_view component) {
+    if (component.empty() || component == ".") return true;
     if (!target.empty()) target += '/';
     target += component;
-  }
+    return true;
+  });
   return target;
 }
 
@@ -65,26 +68,34 @@ void requireNoFileAt(std::string_view target, const ExtractionItem& item, const 
 
 void refuseFilesInTheWay(const std::vector<ExtractionItem>& items) {
   FilesByTarget files;
+  files.reserve(items.size());
   for (const ExtractionItem& item : items) {
     if (!item.entry->isFolder()) files.emplace(item.target, item.entry);
   }
+  std::string_view lastFolder;
   for (const ExtractionItem& item : items) {
     const std::string_view target = item.target;
     if (item.entry->isFolder()) requireNoFileAt(target, item, files);
+    // What stands together in a folder needs the same ones.
+    const std::size_t lastSlash = target.rfind('/');
+    if (lastSlash == std::string_view::npos) continue;
+    const std::string_view folder = target.substr(0, lastSlash);
+    if (folder == std::exchange(lastFolder, folder)) continue;
     for (std::size_t slash = target.find('/'); slash != std::string_view::npos;
          slash = target.find('/', slash + 1))
       requireNoFileAt(target.substr(0, slash), item, files);
   }
 }
 
-std::vector<ExtractionItem> lastOfEachTarget(const std::vector<ExtractionItem>& items) {
-  std::unordered_map<std::string_view, const ExtractionItem*> lastAt;
-  for (const ExtractionItem& item : items) lastAt[item.target] = &item;
-  std::vector<ExtractionItem> last;
-  for (const ExtractionItem& item : items) {
-    if (lastAt.at(item.target) == &item) last.push_back(item);
+void keepLastOfEachTarget(std::vector<ExtractionItem>& items) {
+  std::unordered_map<std::string_view, const ArchiveEntry*> lastAt;
+  lastAt.reserve(items.size());
+  for (const ExtractionItem& item : items) lastAt[item.target] = item.entry;
+  // Marked first: the targets are what the map goes by.
+  for (ExtractionItem& item : items) {
+    if (lastAt.at(item.target) != item.entry) item.entry = nullptr;
   }
-  return last;
+  std::erase_if(items, [](const ExtractionItem& item) { return item.entry == nullptr; });
 }
 
 }  // namespace
@@ -112,7 +123,7 @@ ExtractionPlan planExtraction(const ArchiveScan& archive, const std::vector<std:
   }
   if (const auto path = selection.unmatched()) throw archive.missing(*path);
   refuseFilesInTheWay(plan.items);
-  plan.items = lastOfEachTarget(plan.items);
+  keepLastOfEachTarget(plan.items);
   return plan;
 }
 

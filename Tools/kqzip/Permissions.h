@@ -2,9 +2,10 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "ArchiveScan.h"
 
@@ -19,10 +20,17 @@ class Permissions {
 
   /// Gives the file or folder that the entry became its permissions, as far as the mask lets a new file have
   /// them; one without any is left as it is. Throws a Failure when that cannot be.
-  void apply(const ArchiveEntry& entry, const std::string& path) const;
+  void apply(const ArchiveEntry& entry, const std::string& path);
 
  private:
-  std::unordered_map<std::uint64_t, mode_t> permissionsAt_;
+  struct Given {
+    std::uint64_t localHeaderAt;
+    mode_t permissions;
+  };
+
+  // In the order of the offsets, as the entries are and the directory is as a rule, and the next likely one.
+  std::vector<Given> given_;
+  std::size_t likely_ = 0;
   mode_t mask_;
 };
 

@@ -21,6 +21,7 @@ void expectDelivers(const std::string& bytes, KQ::NSInputStream& stream) {
   std::mt19937 random(7);
   std::uint64_t position = 0;
   std::uint64_t taken = 0;
+  int looks = 0;
   std::string piece(100000, '\0');
   auto* const first = reinterpret_cast<std::uint8_t*>(piece.data());
   for (int step = 0; step < 20000; ++step) {
@@ -41,6 +42,14 @@ void expectDelivers(const std::string& bytes, KQ::NSInputStream& stream) {
         count = static_cast<std::uint64_t>(stream.read(first, wanted));
         ASSERT_EQ(position < length ? std::min(wanted, length - position) : 0, count);
         break;
+      case 3:
+        // A look at what is at hand takes nothing.
+        if (const std::uint8_t* const bytesAtHand = stream.bytesAtHand(wanted);
+            bytesAtHand != nullptr && wanted != 0) {
+          ASSERT_EQ(bytes.substr(position, wanted), std::string(bytesAtHand, bytesAtHand + wanted));
+          ++looks;
+        }
+        continue;
       default:
         count = stream.takeAtHand(piece.data(), wanted) ? wanted : 0;
         taken += count;
@@ -51,6 +60,7 @@ void expectDelivers(const std::string& bytes, KQ::NSInputStream& stream) {
     position += count;
   }
   EXPECT_LT(10000U, taken) << "most small reads should find their bytes at hand";
+  EXPECT_LT(1000, looks);
 }
 
 TEST(StreamBuffers, WhatAFileStreamHasAtHandIsWhatItWouldRead) {

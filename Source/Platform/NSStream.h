@@ -88,6 +88,12 @@ class KQZIP_EXPORT NSInputStream : public NSStream {
     return true;
   }
 
+  /// The next `length` bytes, which stay in the stream: for who looks at a whole record at once. They are
+  /// good until the stream is used again. Null when the stream has fewer at hand, whether or not more follow.
+  const std::uint8_t* bytesAtHand(std::uint64_t length) const {
+    return static_cast<std::uint64_t>(atHandEnd_ - atHand_) < length ? nullptr : atHand_;
+  }
+
  protected:
   /// The bytes at hand, which the stream's next reads would deliver: a part of its buffer. Both are null for
   /// a stream that offers none, as a host's own does unless it sets them. A stream that counts its offset

@@ -50,26 +50,25 @@ std::uint64_t sizeOfArchive(const std::string& path) {
 
 std::string number(std::uint64_t value) { return std::to_string(value); }
 
-}  // namespace
-
-ArchiveEntry::ArchiveEntry(std::string_view nameAsStored, const KQZipFileLocalHeader& header)
-    : name(nameAsStored),
-      // A parsed header's own offset is where its fields begin.
-      localHeaderAt_(header.offset() - signatureSize),
-      dataAt_(header.offsetOfDataInArchive()),
-      length_(header.dataLengthFromHeader()),
-      uncompressedLength_(header.uncompressedSize()),
-      crc32_(header.crc32()),
-      flags_(header.flags()),
-      modTime_(header.modTime()),
-      modDate_(header.modDate()) {
-  if (const auto field = header.findZip64InfoField()) uncompressedLength_ = field->uncompressedSize();
+LocalFields localFields(const KQZipFileLocalHeader& header) {
+  LocalFields fields;
+  fields.dataAt = header.offsetOfDataInArchive();
+  fields.length = header.dataLengthFromHeader();
+  const auto zip64 = header.findZip64InfoField();
+  fields.uncompressedLength = zip64 ? zip64->uncompressedSize() : header.uncompressedSize();
+  fields.crc32 = header.crc32();
+  fields.flags = header.flags();
+  fields.modTime = header.modTime();
+  fields.modDate = header.modDate();
+  return fields;
 }
+
+}  // namespace
 
 KQ::NSDate ArchiveEntry::modificationDate() const {
   KQZipFileEntry fields;
-  fields.setModTime(modTime_);
-  fields.setModDate(modDate_);
+  fields.setModTime(fields_.modTime);
+  fields.setModDate(fields_.modDate);
   return fields.modificationDate();
 }
 
@@ -143,10 +142,12 @@ void ArchiveScan::scan(const KQ::NSProgress& work) {
 
 std::optional<std::uint32_t> ArchiveScan::readSignature(std::uint64_t start) {
   std::array<std::uint8_t, 4> bytes{};
-  const std::int64_t count = stream_->read(bytes.data(), bytes.size());
-  if (count != 4) {
-    stopBetweenRecords(start, count);
-    return std::nullopt;
+  if (!stream_->takeAtHand(bytes.data(), bytes.size())) {
+    const std::int64_t count = stream_->read(bytes.data(), bytes.size());
+    if (count != 4) {
+      stopBetweenRecords(start, count);
+      return std::nullopt;
+    }
   }
   std::uint32_t signature = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i) signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
@@ -167,42 +168,65 @@ bool ArchiveScan::readRecord(std::uint32_t signature, std::uint64_t start) {
 }
 
 bool ArchiveScan::readLocalHeader(std::uint64_t start) {
+  const std::optional<LocalHeaderAtHand> header = localHeaderAtHand(*stream_, start);
+  return header ? addEntry(header->name, start, header->fields) : parseLocalHeader(start);
+}
+
+bool ArchiveScan::parseLocalHeader(std::uint64_t start) {
   KQZipFileLocalHeader header;
   std::shared_ptr<const KQ::NSError> error;
   if (!header.parseFromStream(*stream_, &error)) return stopInsideLocalHeader(start, error);
   const std::uint64_t nameAt = start + localHeaderSize;
   const std::uint64_t dataAt = nameAt + header.fileNameLength() + header.extraFieldLength();
   // A read that the archive's end cuts short is no failure to the library; only the position tells.
-  if (header.offsetOfDataInArchive() != dataAt || dataAt > fileSize_)
-    return stopInsideLocalHeader(start, nullptr);
+  if (header.offsetOfDataInArchive() != dataAt) return stopInsideLocalHeader(start, nullptr);
+  // The library keeps no name that is not valid UTF-8.
+  const KQ::NSSharedString text = header.sharedFileName();
+  if (text.isPresent()) return addEntry(text.view(), start, localFields(header));
+  return addEntry(readBytes(nameAt, header.fileNameLength()), start, localFields(header));
+}
 
-  const std::string_view name = nameOf(header, nameAt);
-  const std::uint64_t length = header.dataLengthFromHeader();
-  if (length > fileSize_ - dataAt) {
-    return stop(
-        {std::string(name), "ends after " + number(fileSize_ - dataAt) + " of " + number(length) + " bytes"});
+bool ArchiveScan::addEntry(std::string_view name, std::uint64_t start, const LocalFields& fields) {
+  if (fields.dataAt > fileSize_) return stopInsideLocalHeader(start, nullptr);
+  if (fields.length > fileSize_ - fields.dataAt) {
+    return stop({std::string(name), "ends after " + number(fileSize_ - fields.dataAt) + " of " +
+                                        number(fields.length) + " bytes"});
   }
   if (!entries_.empty() && !KQ::NSStringLess()(entries_.back().name, name)) namesAscend_ = false;
-  entries_.emplace_back(name, header);
-  return skipTo(dataAt + length);
+  entries_.emplace_back(keep(name), start, fields);
+  return skipTo(fields.dataAt + fields.length);
 }
 
 bool ArchiveScan::readCentralHeader(std::uint64_t start) {
+  const std::optional<CentralHeaderAtHand> header = centralHeaderAtHand(*stream_);
+  return header ? addCentralRecord(header->name, start, header->fields, header->size)
+                : parseCentralHeader(start);
+}
+
+bool ArchiveScan::parseCentralHeader(std::uint64_t start) {
   KQZipCentralDirectoryFileHeader header;
   std::shared_ptr<const KQ::NSError> error;
   if (!header.parseFromStream(*stream_, &error)) return stopInsideTail(start, error);
   const std::uint64_t size =
       centralHeaderSize + header.fileNameLength() + header.extraFieldLength() + header.fileCommentLength();
+  const KQ::NSSharedString text = header.sharedFileName();
+  if (text.isPresent()) return addCentralRecord(text.view(), start, centralFields(header), size);
+  return addCentralRecord(readBytes(start + centralHeaderSize, header.fileNameLength()), start,
+                          centralFields(header), size);
+}
+
+bool ArchiveScan::addCentralRecord(std::string_view name, std::uint64_t start, const CentralFields& fields,
+                                   std::uint64_t size) {
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
-  // As a rule the header in the same place is the same entry's.
+  // As a rule the entry in the same place has the same name, which is kept already.
   const std::size_t place = centralRecords_.size();
-  const std::string_view likely = place < entries_.size() ? entries_[place].name : std::string_view();
-  const std::string_view name = nameOf(header, start + centralHeaderSize, likely);
-  centralRecords_.push_back(centralRecord(header, name));
+  const bool isKept = place < entries_.size() && entries_[place].name == name;
+  centralRecords_.push_back(centralRecord(fields, isKept ? entries_[place].name : keep(name)));
   return skipTailRecord(start, size);
 }
 
 bool ArchiveScan::skipCentralHeader(std::uint64_t start) {
+  if (const auto size = sizeOfCentralHeaderAtHand(*stream_)) return skipTailRecord(start, *size);
   std::uint16_t lengthOfName = 0;
   std::uint16_t lengthOfExtraFields = 0;
   std::uint16_t lengthOfComment = 0;
@@ -331,15 +355,7 @@ bool ArchiveScan::stopBehindEntryWithoutSize(std::uint64_t start) {
   return true;
 }
 
-// The name as stored: the library keeps none that is not valid UTF-8. `likely` is a name that is kept
-// already and may be the same.
-std::string_view ArchiveScan::nameOf(const KQZipFileEntry& header, std::uint64_t nameAt,
-                                     std::string_view likely) {
-  const KQ::NSSharedString text = header.sharedFileName();
-  if (!text.isPresent()) return keep(readBytes(nameAt, header.fileNameLength()));
-  return text.view() == likely ? likely : keep(text.view());
-}
-
+// Keeps the bytes of a name as long as the scan lives.
 std::string_view ArchiveScan::keep(std::string_view name) {
   if (name.empty()) return {};
   auto* const bytes = static_cast<char*>(names_.allocate(name.size(), 1));

@@ -13,6 +13,7 @@
 
 #include "CentralRecord.h"
 #include "Message.h"
+#include "RecordsAtHand.h"
 
 namespace Tool {
 
@@ -20,7 +21,9 @@ namespace Tool {
 /// commands need, which takes a fraction of the header's memory.
 class ArchiveEntry {
  public:
-  ArchiveEntry(std::string_view name, const KQZipFileLocalHeader& header);
+  /// An entry whose local header starts at `localHeaderAt`.
+  ArchiveEntry(std::string_view nameAsStored, std::uint64_t localHeaderAt, const LocalFields& fields)
+      : name(nameAsStored), localHeaderAt_(localHeaderAt), fields_(fields) {}
 
   std::string_view name;  ///< The bytes of the name as stored, valid UTF-8 or not. The scan keeps them.
 
@@ -29,31 +32,25 @@ class ArchiveEntry {
   /// Offset of the local header's first byte.
   std::uint64_t localHeaderAt() const { return localHeaderAt_; }
   /// Offset of the data's first byte.
-  std::uint64_t dataAt() const { return dataAt_; }
+  std::uint64_t dataAt() const { return fields_.dataAt; }
   /// Bytes of data.
-  std::uint64_t length() const { return length_; }
+  std::uint64_t length() const { return fields_.length; }
   /// What the header says the data's length is once it is unpacked.
-  std::uint64_t uncompressedLength() const { return uncompressedLength_; }
+  std::uint64_t uncompressedLength() const { return fields_.uncompressedLength; }
   /// The CRC-32 that the header gives.
-  std::uint32_t crc32() const { return crc32_; }
+  std::uint32_t crc32() const { return fields_.crc32; }
   /// The header's date, in local time.
   KQ::NSDate modificationDate() const;
   /// True for a name that ends in "/".
   bool isFolder() const { return !name.empty() && name.back() == '/'; }
   /// True when the data is no use without a password.
-  bool isEncrypted() const { return (flags_ & 1U) != 0; }
+  bool isEncrypted() const { return (fields_.flags & 1U) != 0; }
   /// True when the sizes stand behind the data.
-  bool hasDataDescriptor() const { return (flags_ & 8U) != 0; }
+  bool hasDataDescriptor() const { return (fields_.flags & 8U) != 0; }
 
  private:
   std::uint64_t localHeaderAt_;
-  std::uint64_t dataAt_;
-  std::uint64_t length_;
-  std::uint64_t uncompressedLength_;
-  std::uint32_t crc32_;
-  std::uint16_t flags_;
-  std::uint16_t modTime_;
-  std::uint16_t modDate_;
+  LocalFields fields_;
 };
 
 class Json;
@@ -133,7 +130,9 @@ class ArchiveScan {
   std::optional<std::uint32_t> readSignature(std::uint64_t start);
   bool readRecord(std::uint32_t signature, std::uint64_t start);
   bool readLocalHeader(std::uint64_t start);
+  bool parseLocalHeader(std::uint64_t start);
   bool readCentralHeader(std::uint64_t start);
+  bool parseCentralHeader(std::uint64_t start);
   bool skipCentralHeader(std::uint64_t start);
   bool readZip64EndRecord(std::uint64_t start);
   bool readZip64Locator(std::uint64_t start);
@@ -150,8 +149,10 @@ class ArchiveScan {
   bool stopBehindEntryWithoutSize(std::uint64_t start);
   void stopBetweenRecords(std::uint64_t start, std::int64_t bytesRead);
 
+  bool addEntry(std::string_view name, std::uint64_t start, const LocalFields& fields);
+  bool addCentralRecord(std::string_view name, std::uint64_t start, const CentralFields& fields,
+                        std::uint64_t size);
   std::string readBytes(std::uint64_t start, std::uint64_t length);
-  std::string_view nameOf(const KQZipFileEntry& header, std::uint64_t nameAt, std::string_view likely = {});
   std::string_view keep(std::string_view name);
 
   std::string path_;

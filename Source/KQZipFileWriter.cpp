@@ -128,17 +128,9 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
   return written && (closed || reportFailedWrite(error) || logFailure());
 }
 
-bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,
-                                          const std::string& withContentsOfDirectory,
-                                          bool keepParentDirectory, KQ::NSErrorSlot error) {
-  const std::string prefix = keepParentDirectory ? KQ::lastPathComponent(withContentsOfDirectory) : "";
-  KQZipFileWriter writer;
-  return writer._addContentsOfDirectory(withContentsOfDirectory, prefix, error) &&
-         writer.writeToZipPath(zipPath, error);
-}
-
-bool KQZipFileWriter::_addContentsOfDirectory(const std::string& directory, const std::string& prefix,
-                                              KQ::NSErrorSlot error) {
+bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool keepParentDirectory,
+                                             KQ::NSErrorSlot error) {
+  const std::string prefix = keepParentDirectory ? KQ::lastPathComponent(directory) : "";
   std::vector<std::string> relativePaths;
   auto enumerator = KQ::NSFileManager::enumeratorAtPath(directory);
   while (auto relativePath = enumerator.nextObject()) {
@@ -162,4 +154,23 @@ bool KQZipFileWriter::_addContentsOfDirectory(const std::string& directory, cons
     }
   }
   return complete;
+}
+
+bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,
+                                          const std::string& withContentsOfDirectory,
+                                          bool keepParentDirectory, KQ::NSErrorSlot error) {
+  KQZipFileWriter writer;
+  return writer.addContentsOfDirectory(withContentsOfDirectory, keepParentDirectory, error) &&
+         writer.writeToZipPath(zipPath, error);
+}
+
+KQZipPermissions KQZipFileWriter::permissionsOfSources() const {
+  // They are asked for in the order of the archive, so that the next entry is the likely one.
+  return [this, next = fileEntries_.begin()](
+             const std::string& relativePath) mutable -> std::optional<std::uint32_t> {
+    if (next == fileEntries_.end() || next->first.view() != relativePath)
+      next = fileEntries_.find(KQ::NSSharedString(relativePath));
+    if (next == fileEntries_.end()) return std::nullopt;
+    return (next++)->second->sourceFilePermissions();
+  };
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "FileHeader/KQZipFileLocalHeader.h"
+#include "Interoperability/KQZipInteroperability.h"
 #include "KQZipCentralDirectory.h"
 #include "KQZipStreamPrimitives.h"
 #include "Platform/NSProgress.h"
@@ -55,18 +56,32 @@ class KQZIP_EXPORT KQZipFileWriter {
   /// disk.
   bool writeToZipPath(const std::optional<std::string>& zipPath, KQ::NSErrorSlot error = nullptr);
 
-  /// Packs the folder `directory` into a new archive: every regular file whose own name does not begin with
-  /// ".", under its path relative to the folder, with the folder's own name in front if
-  /// `keepParentDirectory`. Files in a hidden folder are included when their own names are not hidden, which
-  /// is meant. Folders, links and special files get no entry; a folder without files gives an archive without
-  /// entries, which KQZipFileReader refuses with -100.
+  /// Adds the contents of the folder `directory`: every regular file whose own name does not begin with ".",
+  /// under its path relative to the folder, with the folder's own name in front if `keepParentDirectory`.
+  /// Files in a hidden folder are included when their own names are not hidden, which is meant. Folders,
+  /// links and special files get no entry.
   ///
-  /// Fails with the file manager's error, and makes no archive, when a folder, the given one included, or the
-  /// attributes of an item cannot be read, or the name of an item is not valid UTF-8; of several the last
-  /// one. Otherwise fails as writeToZipPath() does. An archive inside the folder is not among its own
-  /// entries.
+  /// Fails with the file manager's error when a folder, the given one included, or the attributes of an item
+  /// cannot be read, or the name of an item is not valid UTF-8; of several the last one. The other files are
+  /// added all the same.
+  bool addContentsOfDirectory(const std::string& directory, bool keepParentDirectory,
+                              KQ::NSErrorSlot error = nullptr);
+
+  /// Packs the contents of the folder into a new archive, as addContentsOfDirectory() and writeToZipPath() of
+  /// a new writer do, and fails as they do; no archive is made when the first fails. A folder without files
+  /// gives an archive without entries, which KQZipFileReader refuses with -100. An archive inside the folder
+  /// is not among its own entries.
   static bool createZipFileAtPath(const std::string& zipPath, const std::string& withContentsOfDirectory,
                                   bool keepParentDirectory, KQ::NSErrorSlot error = nullptr);
+
+  /// The permissions that the files had when they were written, for who makes the archive interoperable:
+  ///
+  ///     writer.writeToZipPath("backup.zip", &error) &&
+  ///         KQZipMakeArchiveInteroperable("backup.zip", writer.permissionsOfSources(), &error);
+  ///
+  /// There are none for a file that has not been written or was not a regular one then. What is returned is
+  /// good until a file is added or the writer is gone, and is used by one thread at a time.
+  KQZipPermissions permissionsOfSources() const;
 
  private:
   using Entries = std::vector<std::shared_ptr<KQZipFileLocalHeader>>;
@@ -80,8 +95,6 @@ class KQZIP_EXPORT KQZipFileWriter {
   void _addEntry(std::string filePath, const KQ::NSSharedString& name);
   bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
   bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
-  bool _addContentsOfDirectory(const std::string& directory, const std::string& prefix,
-                               KQ::NSErrorSlot error);
 
   // Sorted by name, which is the order of the archive.
   std::map<KQ::NSSharedString, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries_;

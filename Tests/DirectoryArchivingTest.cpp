@@ -406,6 +406,43 @@ TEST_F(DirectoryArchiving, AFileThatMayNotBeReadFailsWhenItIsWritten) {
   });
 }
 
+TEST_F(DirectoryArchiving, AWriterTakesTheContentsOfSeveralFoldersAndFilesBeside) {
+  makeUsualTree();
+  tree_.file("Other/a.txt", "another first");
+  tree_.file("Other/c.txt", "third");
+  KQZipFileWriter writer;
+  Error error = untouchedError();
+  const Error before = error;
+  EXPECT_TRUE(writer.addContentsOfDirectory(tree_ / "Folder", false, &error));
+  EXPECT_TRUE(writer.addContentsOfDirectory(tree_ / "Folder", true, &error));
+  EXPECT_TRUE(writer.addContentsOfDirectory(tree_ / "Other", false, &error));
+  writer.addFilePath(tree_ / "Other/c.txt", "d");
+  EXPECT_TRUE(writer.writeToZipPath(tree_ / "out.zip", &error));
+  EXPECT_EQ(before, error);
+  expectSameBytes(
+      goldenArchive({SourceTree::entry("Folder/a.txt", "first"),
+                     SourceTree::entry("Folder/sub/b.txt", "second"),
+                     SourceTree::entry("a.txt", "another first"), SourceTree::entry("c.txt", "third"),
+                     SourceTree::entry("d", "third"), SourceTree::entry("sub/b.txt", "second")}),
+      readFile(tree_ / "out.zip"));
+}
+
+TEST_F(DirectoryArchiving, AddingAFolderThatCannotBeReadFailsAndAddsTheRest) {
+  makeUsualTree();
+  KQZipFileWriter writer;
+  Error error;
+  EXPECT_FALSE(writer.addContentsOfDirectory(tree_ / "missing", false, &error));
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ("NSPOSIXErrorDomain", error->domain());
+  EXPECT_EQ(ENOENT, error->code());
+  EXPECT_FALSE(writer.addContentsOfDirectory(tree_ / "missing", false));
+  tree_.file("Folder/not \xFF UTF-8", "x");
+  EXPECT_FALSE(writer.addContentsOfDirectory(tree_ / "Folder", false, &error));
+  EXPECT_EQ(EILSEQ, error->code());
+  EXPECT_TRUE(writer.writeToZipPath(tree_ / "out.zip"));
+  expectSameBytes(usualArchive(), readFile(tree_ / "out.zip"));
+}
+
 TEST_F(DirectoryArchiving, TheWritersProgressIsAChildOfTheCallers) {
   makeUsualTree();
   const auto all = KQ::NSProgress::progressWithTotalUnitCount(10);

@@ -747,6 +747,30 @@ TEST(KQZipFileEntry, UpdatingTheAttributesTakesSizeAndDateFromTheSource) {
   EXPECT_EQ(Lines(), log.lines());
 }
 
+TEST(KQZipFileEntry, UpdatingTheAttributesTakesThePermissionsOfARegularSource) {
+  const LogCapture log;
+  SourceEntry source("0123456789");
+  EXPECT_EQ(std::nullopt, source.entry.sourceFilePermissions());
+  ASSERT_EQ(0, ::chmod(source.path.c_str(), 04751));
+  source.entry.updateFileSize();
+  source.entry.updateModificationDate();
+  EXPECT_EQ(std::nullopt, source.entry.sourceFilePermissions());
+  source.entry.updateAttributesFromSourceFile();
+  EXPECT_EQ(std::optional<std::uint16_t>(04751), source.entry.sourceFilePermissions());
+
+  KQZipFileEntry copy;
+  copy.copyPropertiesFromHeader(source.entry);
+  EXPECT_EQ(std::nullopt, copy.sourceFilePermissions());
+
+  std::filesystem::remove(source.path);
+  source.entry.updateAttributesFromSourceFile();
+  EXPECT_EQ(std::optional<std::uint16_t>(04751), source.entry.sourceFilePermissions())
+      << "as the size, which stays too";
+  std::filesystem::create_symlink("elsewhere", source.path);
+  source.entry.updateAttributesFromSourceFile();
+  EXPECT_EQ(std::nullopt, source.entry.sourceFilePermissions());
+}
+
 TEST(KQZipFileEntry, UpdatingTheSizeOrTheDateTakesOnlyThat) {
   const TimeZone zone(utc);
   SourceEntry source("0123456789");

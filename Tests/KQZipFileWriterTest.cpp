@@ -1189,3 +1189,46 @@ TEST_F(KQZipFileWriterTest, ACancelledWriteToAPathIsLoggedAndLeavesThePartlyWrit
     expectSameBytes(goldenLocalHeader(entry, 0), readFile(path));
   }
 }
+
+// The permissions of the sources
+
+TEST(KQZipFileWriterPermissions, AreThoseThatTheSourcesHadWhenTheyWereWritten) {
+  const SourceTree tree;
+  const std::map<std::string, mode_t> modes{{"a", 0755}, {"b", 0640}, {"c", 04711}, {"\xC3\xBC", 0400}};
+  KQZipFileWriter writer;
+  for (const auto& [name, mode] : modes) {
+    tree.file(name, name);
+    writer.addFilePath(tree / name, name);
+  }
+  const auto unwritten = writer.permissionsOfSources();
+  for (const auto& [name, mode] : modes) EXPECT_EQ(std::nullopt, unwritten(name));
+
+  for (const auto& [name, mode] : modes) ASSERT_EQ(0, ::chmod((tree / name).c_str(), mode));
+  ASSERT_TRUE(writer.writeToZipPath(tree / "out.zip"));
+  for (const auto& [name, mode] : modes) ASSERT_EQ(0, ::chmod((tree / name).c_str(), 0600));
+  const auto permissions = writer.permissionsOfSources();
+  for (const auto& [name, mode] : modes)
+    EXPECT_EQ(std::optional<std::uint32_t>(mode), permissions(name)) << name;
+  // In any order, again, and between names that it has not.
+  for (const std::string name : {"c", "a", "missing", "", "c", "a", "b", "zz", "b"}) {
+    const auto known = modes.find(name);
+    EXPECT_EQ(known == modes.end() ? std::nullopt : std::optional<std::uint32_t>(known->second),
+              permissions(name))
+        << name;
+  }
+}
+
+TEST(KQZipFileWriterPermissions, AreNotThoseOfASymbolicLink) {
+  const SourceTree tree;
+  tree.file("real", "contents");
+  fs::create_symlink("real", tree / "link");
+  KQZipFileWriter writer;
+  writer.addFilePath(tree / "link", "link");
+  ASSERT_TRUE(writer.writeToZipPath(tree / "out.zip"));
+  EXPECT_EQ(std::nullopt, writer.permissionsOfSources()("link"));
+}
+
+TEST(KQZipFileWriterPermissions, OfAnEmptyWriterAreNone) {
+  const KQZipFileWriter writer;
+  EXPECT_EQ(std::nullopt, writer.permissionsOfSources()("a"));
+}

@@ -362,6 +362,21 @@ TEST(NSFileManager, SettingADateKeepsAllThatTheFileSystemCanHold) {
   }
 }
 
+TEST(NSFileManager, AttributesHaveThePermissionsOfTheItemItself) {
+  const TemporaryDirectory folder;
+  writeFile(folder / "file", "contents");
+  fs::create_symlink("file", folder / "link");
+  for (const mode_t mode : {0000U, 0640U, 0777U, 04755U, 03711U}) {
+    ASSERT_EQ(0, ::chmod((folder / "file").c_str(), mode));
+    const auto attributes = NSFileManager::attributesOfItemAtPath(folder / "file");
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(std::optional<std::uint16_t>(mode), attributes->NSFilePosixPermissions);
+  }
+  const auto attributes = NSFileManager::attributesOfItemAtPath(folder / "link");
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(std::optional<std::uint16_t>(0777), attributes->NSFilePosixPermissions);
+}
+
 TEST(NSFileManager, SettingADateChangesNothingElse) {
   const TemporaryDirectory folder;
   writeFile(folder / "file", "contents");
@@ -371,6 +386,7 @@ TEST(NSFileManager, SettingADateChangesNothingElse) {
   NSFileAttributes attributes = withDate(date(1333333333));
   attributes.NSFileSize = 3;
   attributes.NSFileType = KQ::NSFileTypeDirectory;
+  attributes.NSFilePosixPermissions = 0777;
   EXPECT_TRUE(NSFileManager::setAttributes(attributes, folder / "file"));
   const struct stat status = statusOf(folder / "file");
   EXPECT_EQ(1333333333, status.st_mtim.tv_sec);

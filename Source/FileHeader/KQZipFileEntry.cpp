@@ -159,6 +159,8 @@ void KQZipFileEntry::updateAttributesFromSourceFile() {
   if (const auto attributes = _attributesOfSourceFile()) {
     _updateModificationDateFromAttributes(*attributes);
     _updateSourceFileSizeFromAttributes(*attributes);
+    const bool isRegular = attributes->NSFileType == KQ::NSFileTypeRegular;
+    sourceFilePermissions_ = isRegular ? attributes->NSFilePosixPermissions : std::nullopt;
   }
 }
 

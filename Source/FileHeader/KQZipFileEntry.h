@@ -174,6 +174,10 @@ class KQZIP_EXPORT KQZipFileEntry {
   std::uint64_t sourceFileSize() const { return sourceFileSize_; }
   void setSourceFileSize(std::uint64_t value) { sourceFileSize_ = value; }  ///< Stored as it is.
 
+  /// The permissions of the source file, the lowest twelve bits of its mode, when its size and date were last
+  /// taken together; nothing before, and for a source that was no regular file. No record has them.
+  std::optional<std::uint16_t> sourceFilePermissions() const { return sourceFilePermissions_; }
+
   /// Where the record stands: its first byte when it was written, 4 bytes further when it was parsed.
   std::uint64_t offset() const { return offset_; }
   void setOffset(std::uint64_t value) { offset_ = value; }  ///< Stored as it is.
@@ -238,6 +242,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   bool needsToCalculateCRC_ = true;
   bool needsToSetModificationDate_ = true;
   bool needsToSetFileSize_ = true;
+  std::optional<std::uint16_t> sourceFilePermissions_;
   // The date and time fields that came from a date, and so are possible ones; 0 is none.
   std::uint32_t possibleDateAndTime_ = 0;
   std::uint64_t sourceFileSize_ = 0;

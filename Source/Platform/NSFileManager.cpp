@@ -156,7 +156,7 @@ std::optional<NSFileAttributes> NSFileManager::attributesOfItemAtPath(const std:
     return std::nullopt;
   }
   return NSFileAttributes{static_cast<std::uint64_t>(status.st_size), dateOf(status.st_mtim),
-                          typeOf(status.st_mode)};
+                          typeOf(status.st_mode), static_cast<std::uint16_t>(status.st_mode & 07777)};
 }
 
 bool NSFileManager::setAttributes(const NSFileAttributes& attributes, const std::string& path,

@@ -29,6 +29,9 @@ struct NSFileAttributes {
   std::optional<std::uint64_t> NSFileSize;        ///< Size in bytes.
   std::optional<NSDate> NSFileModificationDate;   ///< When the contents last changed.
   std::optional<NSFileAttributeType> NSFileType;  ///< What the item is.
+
+  /// The lowest twelve bits of the mode: who may do what, and the marks above that (04000, 02000, 01000).
+  std::optional<std::uint16_t> NSFilePosixPermissions = std::nullopt;
 };
 
 /// Walks a folder deeply; see NSFileManager::enumeratorAtPath(). One thread at a time.
@@ -77,12 +80,12 @@ class KQZIP_EXPORT NSFileManager {
   /// is a folder, and to false when nothing is there.
   static bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr);
 
-  /// Size, date and type of the item itself: a symbolic link is reported as a link. A date that NSDate
-  /// cannot hold is moved to the nearest one that it can.
+  /// Size, date, type and permissions of the item itself: a symbolic link is reported as a link. A date that
+  /// NSDate cannot hold is moved to the nearest one that it can.
   static std::optional<NSFileAttributes> attributesOfItemAtPath(const std::string& path,
                                                                 NSErrorSlot error = nullptr);
 
-  /// Applies the modification date, links followed. Size and type describe the file and are taken as given.
+  /// Applies the modification date, links followed. The others describe the file and are taken as given.
   /// Without a date it only tests that the item exists.
   static bool setAttributes(const NSFileAttributes& attributes, const std::string& path,
                             NSErrorSlot error = nullptr);

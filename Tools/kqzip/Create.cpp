@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <system_error>
+#include <utility>
 
 #include "Advice.h"
 #include "ArchiveCheck.h"
@@ -26,11 +27,8 @@ namespace Tool {
 
 namespace {
 
-// How the archive is made, and which file became the entry of a name.
-struct Packing {
-  std::function<bool(KQ::NSErrorSlot)> pack;
-  std::function<std::string(const std::string&)> sourceOf;
-};
+// Gives the writer what it is to pack.
+using Filling = std::function<bool(KQZipFileWriter&, KQ::NSErrorSlot)>;
 
 fs::file_status statusOf(const std::string& path) {
   std::error_code error;
@@ -55,17 +53,12 @@ std::string directoryToKeep(const std::string& directory) {
   return named;
 }
 
-Packing packingOfDirectory(const CreateOptions& options) {
+Filling fillingWithDirectory(const CreateOptions& options) {
   const std::string& source = options.sources.front();
   const std::string directory = options.keepParent ? directoryToKeep(source) : source;
-  const std::size_t prefixLength = options.keepParent ? KQ::lastPathComponent(directory).size() + 1 : 0;
-  return {[&options, directory](KQ::NSErrorSlot error) {
-            return KQZipFileWriter::createZipFileAtPath(options.archive, directory, options.keepParent,
-                                                        error);
-          },
-          [directory, prefixLength](const std::string& name) {
-            return KQ::stringByAppendingPathComponent(directory, std::string_view(name).substr(prefixLength));
-          }};
+  return [&options, directory](KQZipFileWriter& writer, KQ::NSErrorSlot error) {
+    return writer.addContentsOfDirectory(directory, options.keepParent, error);
+  };
 }
 
 void requireReadableFile(const std::string& path) {
@@ -95,27 +88,27 @@ std::map<std::string, std::string> namesOfFiles(const std::vector<std::string>& 
   return argumentOfName;
 }
 
-Packing packingOfFiles(const CreateOptions& options) {
-  const auto writer = std::make_shared<KQZipFileWriter>();
-  const auto files = namesOfFiles(options.sources);
-  for (const auto& [name, file] : files) {
+Filling fillingWithFiles(const CreateOptions& options) {
+  auto files = namesOfFiles(options.sources);
+  for (auto& [name, file] : files) {
     // The writer takes a file's size from the path as it stands, so a link gives way to what it points to.
-    const std::string source = canonicalPath(file);
+    std::string source = canonicalPath(file);
     requireFaithfulText(source, file);
-    writer->addFilePath(source, name);
+    file = std::move(source);
   }
-  return {
-      [&options, writer](KQ::NSErrorSlot error) { return writer->writeToZipPath(options.archive, error); },
-      [files](const std::string& name) { return files.at(name); }};
+  return [files = std::move(files)](KQZipFileWriter& writer, KQ::NSErrorSlot /*error*/) {
+    for (const auto& [name, source] : files) writer.addFilePath(source, name);
+    return true;
+  };
 }
 
-Packing packingOf(const CreateOptions& options) {
+Filling fillingFrom(const CreateOptions& options) {
   const auto isFolder = [](const std::string& path) { return fs::is_directory(statusOf(path)); };
   const auto folders = std::count_if(options.sources.begin(), options.sources.end(), isFolder);
-  if (folders == 1 && options.sources.size() == 1) return packingOfDirectory(options);
+  if (folders == 1 && options.sources.size() == 1) return fillingWithDirectory(options);
   if (folders != 0) throw Failure("give one folder alone, or files", WrongUsage);
   if (options.keepParent) throw Failure("--keep-parent is for a folder", WrongUsage);
-  return packingOfFiles(options);
+  return fillingWithFiles(options);
 }
 
 bool existsAt(const std::string& path) {
@@ -155,25 +148,14 @@ ProgressLine::Amount sizeOfFile(const std::string& path) {
   return error ? ProgressLine::Amount{readableSize(0), 0} : ProgressLine::Amount{readableSize(size), size};
 }
 
-// Those of the source as it is now; one that has vanished has none.
-constexpr mode_t permissionBits = 07777;
-
-KQZipPermissions permissionsFrom(const Packing& packing) {
-  return [&packing](const std::string& name) -> std::optional<std::uint32_t> {
-    struct stat status {};
-    if (::stat(packing.sourceOf(name).c_str(), &status) != 0) return std::nullopt;
-    return status.st_mode & permissionBits;
-  };
-}
-
 // In this order: what cannot be read back is told of before anything else is done with the archive.
-void finish(const CreateOptions& options, const Packing& packing,
+void finish(const CreateOptions& options, const KQZipFileWriter& writer,
             const std::shared_ptr<KQ::NSProgress>& work) {
   bool isExact = true;
   try {
     requireReadableArchive(options.archive, *work);
     requireNotInterrupted(*work);
-    if (!options.exact) makeInteroperable(options.archive, permissionsFrom(packing));
+    if (!options.exact) makeInteroperable(options.archive, writer.permissionsOfSources());
     isExact = options.exact;
     if (options.verifies) verify({options.archive, options.quiet, false}, work);
   } catch (const Failure& failure) {
@@ -186,16 +168,17 @@ void finish(const CreateOptions& options, const Packing& packing,
 }  // namespace
 
 void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
-  const Packing packing = packingOf(options);
+  const Filling fill = fillingFrom(options);
   requirePlaceForArchive(options.archive);
   const bool existedBefore = existsAt(options.archive);
+  KQZipFileWriter writer;
   std::shared_ptr<const KQ::NSError> error;
   bool done = false;
   {
     const ProgressLine line(!options.quiet, work, [&options] { return sizeOfFile(options.archive); });
-    done = packing.pack(&error);
+    done = fill(writer, &error) && writer.writeToZipPath(options.archive, &error);
   }
-  if (done) return finish(options, packing, work);
+  if (done) return finish(options, writer, work);
   const bool isPartial = !existedBefore && existsAt(options.archive);
   const std::string trace = isPartial ? "partial archive left at " + options.archive : "";
   if (work->isCancelled()) throw Failure(withRemarks("interrupted", {trace}), Interrupted);

@@ -87,6 +87,13 @@ void refuseFilesInTheWay(const std::vector<ExtractionItem>& items) {
   }
 }
 
+// Whether every target is its entry's name, of which nothing was left out.
+bool areNames(const std::vector<ExtractionItem>& items) {
+  return std::all_of(items.begin(), items.end(), [](const ExtractionItem& item) {
+    return item.target.size() == item.entry->name.size();
+  });
+}
+
 void keepLastOfEachTarget(std::vector<ExtractionItem>& items) {
   std::unordered_map<std::string_view, const ArchiveEntry*> lastAt;
   lastAt.reserve(items.size());
@@ -123,7 +130,7 @@ ExtractionPlan planExtraction(const ArchiveScan& archive, const std::vector<std:
   }
   if (const auto path = selection.unmatched()) throw archive.missing(*path);
   refuseFilesInTheWay(plan.items);
-  keepLastOfEachTarget(plan.items);
+  if (!archive.namesAscend() || !areNames(plan.items)) keepLastOfEachTarget(plan.items);
   return plan;
 }
 

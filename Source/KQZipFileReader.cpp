@@ -229,6 +229,7 @@ bool KQZipFileReader::_copyData(const KQZipFileLocalHeader& entry, KQ::NSInputSt
     if (written <= 0) return false;
     remaining -= static_cast<std::uint64_t>(count);
     progress.setCompletedUnitCount(progress.completedUnitCount() + written);
+    if (written == KQZipBlockSize) remaining -= KQZipMoveBlocks(input, output, remaining, progress);
     if (progress.isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");
   }
   return true;

@@ -1,10 +1,15 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <utility>
+
+#include "Platform/NSFileOutputStream.h"
+#include "Platform/NSProgress.h"
+#include "Platform/NSStream.h"
 
 // What the transfers have in common that bypass the stream primitives: the copies of data and the scans for
 // signatures. For the library's own use.
@@ -56,6 +61,21 @@ class KQZipTransferBlock {
  private:
   std::unique_ptr<std::uint8_t[]> bytes_;
 };
+
+/// Goes on with a copy of up to `length` bytes, block by block, as long as the system moves them by itself
+/// and nobody cancels. To be called behind a whole block, so that nothing changes for small files. Returns
+/// how many bytes that made; the rest is to be read and written.
+inline std::uint64_t KQZipMoveBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target,
+                                     std::uint64_t length, KQ::NSProgress& progress) {
+  std::uint64_t done = 0;
+  while (done < length && !progress.isCancelled()) {
+    const std::uint64_t moved = KQ::NSMoveBytes(source, target, std::min(length - done, KQZipBlockSize));
+    if (moved == 0) break;
+    progress.setCompletedUnitCount(progress.completedUnitCount() + static_cast<std::int64_t>(moved));
+    done += moved;
+  }
+  return done;
+}
 
 /// The four bytes by which a scan chooses the next record.
 using KQZipSignatureBytes = std::array<std::uint8_t, 4>;

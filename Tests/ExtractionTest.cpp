@@ -397,7 +397,8 @@ TEST(ExtractionOfOneEntry, EveryReadOrWriteThatFailsIsAFailureWithoutAnErrorThat
     const std::string whole = path == std::string("a") ? data : "x";
     std::size_t count = 0;
     {
-      const SystemCalls calls;
+      SystemCalls calls;
+      calls.cannotMove = true;
       ASSERT_TRUE(reader->writeDataForRelativePath(path, folder / "out"));
       count = calls.transfers.size();
     }
@@ -407,6 +408,7 @@ TEST(ExtractionOfOneEntry, EveryReadOrWriteThatFailsIsAFailureWithoutAnErrorThat
       Error error = before;
       {
         SystemCalls calls;
+        calls.cannotMove = true;
         calls.failAt = number;
         EXPECT_FALSE(reader->writeDataForRelativePath(path, folder / "out", &error)) << number;
       }

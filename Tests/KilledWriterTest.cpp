@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -106,6 +107,16 @@ extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
   if (cut != 0) die();
   if (written > 0) life()->bytes -= static_cast<std::uint64_t>(written);
   return written;
+}
+
+extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
+  static auto* const real = systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
+  countCall();
+  if (life() == nullptr) return real(target, source, offset, length);
+  const ssize_t sent = real(target, source, offset, std::min<std::uint64_t>(length, life()->bytes));
+  if (sent > 0) life()->bytes -= static_cast<std::uint64_t>(sent);
+  if (life()->bytes == 0 && static_cast<std::uint64_t>(sent) < length) die();
+  return sent;
 }
 
 namespace {

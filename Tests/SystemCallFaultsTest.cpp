@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -166,6 +167,11 @@ extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t off
   });
 }
 
+extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
+  static auto* const real = systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
+  return transfer("sendfile", length, [&](std::size_t part) { return real(target, source, offset, part); });
+}
+
 extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {
   static auto* const real = systemFunction<off_t(int, off_t, int)>("lseek");
   return whole("lseek", [&] { return real(file, offset, whence); });
@@ -226,9 +232,9 @@ extern "C" dirent* readdir(DIR* folder) {
 namespace {
 
 // The calls above.
-const std::set<std::string> wrappedCalls{"open",   "close",   "read",      "pread",     "writev",
-                                         "pwrite", "lseek",   "stat",      "lstat",     "fstat",
-                                         "mkdir",  "fstatat", "utimensat", "fdopendir", "readdir"};
+const std::set<std::string> wrappedCalls{"open",     "close",     "read",      "pread",  "writev", "pwrite",
+                                         "sendfile", "lseek",     "stat",      "lstat",  "fstat",  "mkdir",
+                                         "fstatat",  "utimensat", "fdopendir", "readdir"};
 
 // Whether this is a function of another library that either makes no system call or reports no failure of
 // one.
@@ -369,12 +375,14 @@ std::set<std::string> archivesWithOneEntry(const std::vector<KQTest::GoldenEntry
 
 class SystemCallFaults : public ::testing::Test {
  protected:
-  SystemCallFaults() {
-    for (const auto& [name, contents] :
-         std::map<std::string, std::string>{{"a.txt", "hello"},
-                                            {"b/large.bin", KQTest::patternBytes(70000)},
-                                            {"b/small.bin", KQTest::patternBytes(700, 2)},
-                                            {"empty", ""}}) {
+  SystemCallFaults()
+      : SystemCallFaults({{"a.txt", "hello"},
+                          {"b/large.bin", KQTest::patternBytes(70000)},
+                          {"b/small.bin", KQTest::patternBytes(700, 2)},
+                          {"empty", ""}}) {}
+
+  explicit SystemCallFaults(const std::map<std::string, std::string>& files) {
+    for (const auto& [name, contents] : files) {
       directory_.file("tree/" + name, contents);
       entries_.push_back(KQTest::SourceTree::entry(name, contents));
     }
@@ -399,9 +407,54 @@ class SystemCallFaults : public ::testing::Test {
     return result;
   }
 
+  // Packs the tree; what is left is the archive.
+  Operation packing(std::vector<Leniency> leniencies) const {
+    const std::string target = directory_ / "packed.zip";
+    return {[target] { fs::remove(target); },
+            [this, target]() -> Outcome {
+              std::shared_ptr<const KQ::NSError> error;
+              const bool packed = withProgress([&] {
+                return KQZipFileWriter::createZipFileAtPath(target, directory_ / "tree", false, &error);
+              });
+              if (!packed) return std::nullopt;
+              return std::map<std::string, std::string>{};
+            },
+            [target](const Outcome& outcome) -> Outcome {
+              if (!outcome) return std::nullopt;
+              return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
+            },
+            std::move(leniencies)};
+  }
+
+  // Extracts the archive; what is left are the files.
+  Operation extracting(std::vector<Leniency> leniencies) const {
+    const std::string target = directory_ / "out/deeper";
+    return {[this] { fs::remove_all(directory_ / "out"); },
+            [this, target]() -> Outcome {
+              std::shared_ptr<const KQ::NSError> error;
+              const bool extracted =
+                  withProgress([&] { return KQZipFileReader::unzipFileAtPath(archive_, target, &error); });
+              if (!extracted) return std::nullopt;
+              return std::map<std::string, std::string>{};
+            },
+            [target](const Outcome& outcome) -> Outcome {
+              if (!outcome) return std::nullopt;
+              return treeAt(target);
+            },
+            std::move(leniencies)};
+  }
+
   KQTest::SourceTree directory_;
   std::vector<KQTest::GoldenEntry> entries_;
   std::string archive_ = directory_ / "archive.zip";
+};
+
+// A file of several blocks, behind the first of which the system copies by itself.
+class LargeFileFaults : public SystemCallFaults {
+ protected:
+  static constexpr std::size_t block = 1048576;
+
+  LargeFileFaults() : SystemCallFaults({{"large", KQTest::patternBytes(2 * block + 70000)}}) {}
 };
 
 TEST_F(SystemCallFaults, EveryCallOfTheLibraryIsOneThatCanFailHere) {
@@ -420,32 +473,19 @@ TEST_F(SystemCallFaults, EveryCallOfTheLibraryIsOneThatCanFailHere) {
 }
 
 TEST_F(SystemCallFaults, PackingATreeFailsOrWritesTheWholeArchive) {
-  const std::string target = directory_ / "packed.zip";
-  Operation operation{
-      [&] { fs::remove(target); },
-      [&]() -> Outcome {
-        std::shared_ptr<const KQ::NSError> error;
-        const bool packed = withProgress(
-            [&] { return KQZipFileWriter::createZipFileAtPath(target, directory_ / "tree", false, &error); });
-        if (!packed) return std::nullopt;
-        return std::map<std::string, std::string>{};
-      },
-      [&](const Outcome& outcome) -> Outcome {
-        if (!outcome) return std::nullopt;
-        return std::map<std::string, std::string>{{"archive", KQTest::readFile(target)}};
-      },
-      {oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
-                [](KQTest::GoldenEntry& entry) { entry.crc = 0; }),
-       oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
-                [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
-       oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
-                [](KQTest::GoldenEntry& entry) {
-                  entry.localSize = 0;
-                  entry.localTime = 0;
-                  entry.localDate = 0;
-                }),
-       oneEntry("a size that cannot be read for the central header is zero there", "lstat",
-                [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })}};
+  Operation operation =
+      packing({oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
+                        [](KQTest::GoldenEntry& entry) { entry.crc = 0; }),
+               oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
+                        [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
+               oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
+                        [](KQTest::GoldenEntry& entry) {
+                          entry.localSize = 0;
+                          entry.localTime = 0;
+                          entry.localDate = 0;
+                        }),
+               oneEntry("a size that cannot be read for the central header is zero there", "lstat",
+                        [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })});
   failEveryCallOnce(operation);
   operation.typesAreUnknown = true;
   failEveryCallOnce(operation);
@@ -492,28 +532,16 @@ TEST_F(SystemCallFaults, ReadingAnEntryGivesNothingOrEveryByte) {
 }
 
 TEST_F(SystemCallFaults, ExtractingAnArchiveFailsOrGivesEveryFileBack) {
-  const std::string target = directory_ / "out/deeper";
   const auto withoutOneFolder = [](const auto& result, const auto& complete) {
     return result.size() + 1 == complete.size() && isPartOf(result, complete);
   };
-  failEveryCallOnce({[&] { fs::remove_all(directory_ / "out"); },
-                     [&]() -> Outcome {
-                       std::shared_ptr<const KQ::NSError> error;
-                       const bool extracted = withProgress(
-                           [&] { return KQZipFileReader::unzipFileAtPath(archive_, target, &error); });
-                       if (!extracted) return std::nullopt;
-                       return std::map<std::string, std::string>{};
-                     },
-                     [&](const Outcome& outcome) -> Outcome {
-                       if (!outcome) return std::nullopt;
-                       return treeAt(target);
-                     },
-                     {anArchiveThatCannotBeOpenedHasNoEntries,
-                      aSignatureThatCannotBeReadEndsTheScan,
-                      {"a folder that cannot be created for an entry without data is passed over", "mkdir",
-                       withoutOneFolder},
-                      {"a folder that cannot be found again for an entry without data is passed over", "stat",
-                       withoutOneFolder}}});
+  failEveryCallOnce(
+      extracting({anArchiveThatCannotBeOpenedHasNoEntries,
+                  aSignatureThatCannotBeReadEndsTheScan,
+                  {"a folder that cannot be created for an entry without data is passed over", "mkdir",
+                   withoutOneFolder},
+                  {"a folder that cannot be found again for an entry without data is passed over", "stat",
+                   withoutOneFolder}}));
 }
 
 TEST_F(SystemCallFaults, ExportingAnEntryFailsOrWritesAllOfIt) {
@@ -604,6 +632,32 @@ TEST_F(SystemCallFaults, MakingAnArchiveInteroperableFailsAndCanBeRepeatedOrIsDo
                      },
                      {}});
   KQTest::expectSameBytes(interoperable, KQTest::readFile(archive_), "what the last call made");
+}
+
+TEST_F(LargeFileFaults, PackingAFileOfSeveralBlocksFailsOrWritesTheWholeArchive) {
+  const auto crcOfTheFirst = [this](std::size_t length) {
+    return oneEntry("a source that cannot be read ends its CRC like the end of the file", "pread",
+                    [length](KQTest::GoldenEntry& entry) {
+                      entry.crc = KQTest::crcOf(KQTest::patternBytes(2 * block + 70000).substr(0, length));
+                    });
+  };
+  failEveryCallOnce(
+      packing({crcOfTheFirst(0), crcOfTheFirst(block), crcOfTheFirst(2 * block),
+               oneEntry("a source that cannot be read ends its copy like the end of the file", "pread",
+                        [](KQTest::GoldenEntry& entry) { entry.data.clear(); }),
+               oneEntry("size and date that cannot be read for the local header are zero there", "lstat",
+                        [](KQTest::GoldenEntry& entry) {
+                          entry.localSize = 0;
+                          entry.localTime = 0;
+                          entry.localDate = 0;
+                        }),
+               oneEntry("a size that cannot be read for the central header is zero there", "lstat",
+                        [](KQTest::GoldenEntry& entry) { entry.centralSize = 0; })}));
+}
+
+TEST_F(LargeFileFaults, ExtractingAFileOfSeveralBlocksFailsOrGivesItBack) {
+  failEveryCallOnce(
+      extracting({anArchiveThatCannotBeOpenedHasNoEntries, aSignatureThatCannotBeReadEndsTheScan}));
 }
 
 }  // namespace

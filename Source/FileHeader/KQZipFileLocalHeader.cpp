@@ -78,6 +78,7 @@ bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutp
   for (std::int64_t written = 1; written > 0 && count > 0;) {
     if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
     written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), KQZipBlockSize));
+    if (written == KQZipBlockSize) KQZipMoveBlocks(source, stream, UINT64_MAX, *progress_);
     count = source.read(buffer.get(), KQZipBlockSize);
     progress_->setCompletedUnitCount(progress_->completedUnitCount() + written);
   }
@@ -188,6 +189,7 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
     progress.setCompletedUnitCount(progress.completedUnitCount() + count);
     remaining -= static_cast<std::uint64_t>(count);
     if (output.write(buffer.get(), static_cast<std::uint64_t>(count)) < 1) return writingFailed();
+    if (count == KQZipBlockSize) remaining -= KQZipMoveBlocks(stream, output, remaining, progress);
   }
   // A small file is still in the stream's buffer: only now it shows whether it could be written. Without data
   // nothing was written, and setting the attributes tells whether the file is there.

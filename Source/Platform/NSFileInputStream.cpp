@@ -96,6 +96,13 @@ bool NSFileInputStream::hasBytesAvailable() {
   return available;
 }
 
+std::uint64_t NSFileInputStream::sendTo(const NSFileDescriptor& target, std::uint64_t length) {
+  if (status_ != NSStreamStatusOpen || seekable_ != true || atHand_ != nullptr || end_ == position_) return 0;
+  const std::uint64_t sent = file_.sendTo(target, length, position_);
+  position_ += sent;
+  return sent;
+}
+
 bool NSFileInputStream::_isSeekable() const {
   if (!seekable_) seekable_ = file_.isSeekable();
   return *seekable_;

@@ -29,6 +29,10 @@ class NSFileInputStream final : public NSInputStream {
   std::int64_t read(std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool hasBytesAvailable() override;
 
+  /// Writes up to `length` of the next bytes to `target` without reading them. Returns how many, and stands
+  /// behind them; none while bytes are buffered, and before the first read.
+  std::uint64_t sendTo(const NSFileDescriptor& target, std::uint64_t length);
+
  private:
   bool _isSeekable() const;
   std::uint64_t _position() const;

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "NSFileInputStream.h"
+
 namespace KQ {
 
 static constexpr std::uint64_t bufferCapacity = 65536;
@@ -52,6 +54,19 @@ std::int64_t NSFileOutputStream::write(const std::uint8_t* buffer, std::uint64_t
 bool NSFileOutputStream::flush() {
   if (status_ == NSStreamStatusOpen) return _writeThrough(nullptr, 0);
   return status_ != NSStreamStatusError;
+}
+
+std::uint64_t NSFileOutputStream::takeFrom(NSFileInputStream& source, std::uint64_t length) {
+  if (status_ != NSStreamStatusOpen || !_writeThrough(nullptr, 0)) return 0;
+  const std::uint64_t taken = source.sendTo(file_, length);
+  passedOn_ += taken;
+  return taken;
+}
+
+std::uint64_t NSMoveBytes(NSInputStream& source, NSOutputStream& target, std::uint64_t length) {
+  auto* const from = dynamic_cast<NSFileInputStream*>(&source);
+  auto* const to = dynamic_cast<NSFileOutputStream*>(&target);
+  return from != nullptr && to != nullptr ? to->takeFrom(*from, length) : 0;
 }
 
 std::uint64_t NSFileOutputStream::_buffered() const {

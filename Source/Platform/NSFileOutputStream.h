@@ -11,6 +11,8 @@
 
 namespace KQ {
 
+class NSFileInputStream;
+
 /// An output stream to a file; see NSOutputStream::outputStreamToFileAtPath().
 class NSFileOutputStream final : public NSOutputStream {
  public:
@@ -27,6 +29,9 @@ class NSFileOutputStream final : public NSOutputStream {
   std::int64_t write(const std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool flush() override;
 
+  /// Takes up to `length` of the next bytes of `source` without bringing them here. Returns how many.
+  std::uint64_t takeFrom(NSFileInputStream& source, std::uint64_t length);
+
  private:
   std::uint64_t _buffered() const;
   void _offerNoRoom();
@@ -41,5 +46,11 @@ class NSFileOutputStream final : public NSOutputStream {
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t passedOn_ = 0;
 };
+
+/// Moves up to `length` bytes from one stream to the other, where both are files and the system does that by
+/// itself: it spares a copy of the data. Returns how many. None are moved between other streams, at the end,
+/// after a failure: reading and writing then moves them, or tells what is wrong. For the rest of a copy that
+/// was begun so.
+std::uint64_t NSMoveBytes(NSInputStream& source, NSOutputStream& target, std::uint64_t length);
 
 }  // namespace KQ

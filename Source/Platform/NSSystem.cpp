@@ -1,6 +1,7 @@
 #include "NSSystem.h"
 
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -124,6 +125,21 @@ bool NSFileDescriptor::writeAllAt(const void* buffer, std::uint64_t length, std:
     length -= static_cast<std::uint64_t>(written);
   }
   return true;
+}
+
+std::uint64_t NSFileDescriptor::sendTo(const NSFileDescriptor& target, std::uint64_t length,
+                                       std::uint64_t offset) const {
+  length = std::min(length, static_cast<std::uint64_t>(INT64_MAX) - offset);
+  std::uint64_t sent = 0;
+  while (sent < length) {
+    auto position = static_cast<off_t>(offset + sent);
+    const ssize_t count = NSRepeatingInterrupted([&] {
+      return ::sendfile(target.descriptor_, descriptor_, &position, std::min(length - sent, longestTransfer));
+    });
+    if (count <= 0) break;
+    sent += static_cast<std::uint64_t>(count);
+  }
+  return sent;
 }
 
 bool NSFileDescriptor::_status(struct stat* status) const {

@@ -65,6 +65,11 @@ class NSFileDescriptor {
   /// Writes all of `length` bytes at `offset`.
   bool writeAllAt(const void* buffer, std::uint64_t length, std::uint64_t offset) const;
 
+  /// Writes up to `length` bytes that this file has at `offset` to `target`, where that stands, without
+  /// bringing them here. Returns how many. They are fewer at the end, after a failure and where the system
+  /// cannot do this: who then reads and writes is told of the reason, or goes on.
+  std::uint64_t sendTo(const NSFileDescriptor& target, std::uint64_t length, std::uint64_t offset) const;
+
   /// The file's length in bytes.
   std::int64_t length() const;
 

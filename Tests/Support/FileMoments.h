@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -99,6 +100,13 @@ extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
   static auto* const real = KQTest::systemFunction<ssize_t(int, void*, size_t, off_t)>("pread");
   if (KQTest::AtFileMoment* const moment = KQTest::AtFileMoment::active()) moment->beforeRead(file, offset);
   return real(file, buffer, length, offset);
+}
+
+extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
+  static auto* const real = KQTest::systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
+  KQTest::AtFileMoment* const moment = KQTest::AtFileMoment::active();
+  if (moment != nullptr && offset != nullptr) moment->beforeRead(source, *offset);
+  return real(target, source, offset, length);
 }
 
 extern "C" int lstat(const char* path, struct stat* status) noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <sys/sendfile.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -43,6 +44,9 @@ class SystemCalls {
       for (const Piece& piece : pieces) length += piece.length;
       return length;
     }
+
+    /// Whether the system moves the bytes from one file to the other, without memory of the process.
+    bool isMove() const { return isWrite && offset >= 0 && pieces.front().address == nullptr; }
   };
 
   // What is to go wrong.
@@ -51,6 +55,7 @@ class SystemCalls {
   std::size_t failAt = 0;                  ///< The number of the call, from 1, that fails; 0 for none.
   bool failForGood = false;                ///< Every call after it fails too.
   int failWith = EIO;                      ///< The `errno` of a call that fails.
+  bool cannotMove = false;                 ///< The system moves nothing from one file to another.
 
   /// Called before each transfer that is not interrupted, with what was asked for.
   std::function<void(const Transfer&)> beforeTransfer;
@@ -172,6 +177,21 @@ extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t off
   return calls->perform(
       &piece, 1, offset,
       [=](const iovec* pieces, int) { return real(file, pieces->iov_base, pieces->iov_len, offset); }, true);
+}
+
+extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
+  static auto* const real = KQTest::systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
+  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
+  if (calls == nullptr || offset == nullptr) return real(target, source, offset, length);
+  if (calls->cannotMove) {
+    errno = EINVAL;
+    return -1;
+  }
+  // It moves no bytes of this process.
+  const iovec piece{nullptr, length};
+  return calls->perform(
+      &piece, 1, *offset,
+      [=](const iovec* pieces, int) { return real(target, source, offset, pieces->iov_len); }, true);
 }
 
 extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {

@@ -46,6 +46,8 @@ class KQZIP_EXPORT KQZipFileWriter {
   /// first entry that cannot be written (see KQZipFileLocalHeader::writeToStream(), a vanished source among
   /// them) or of the central directory, and with -51 "Error writing file" when what the stream has buffered
   /// cannot be written. What reached the stream stays there. Entries stay too: a writer may write again.
+  /// CRC, size, date and permissions that an entry has from an earlier write stay as they are: add a file
+  /// that has changed since once more.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// Writes the archive to a new file. Refuses a path at which anything exists, which is left as it is, with
@@ -74,7 +76,8 @@ class KQZIP_EXPORT KQZipFileWriter {
   static bool createZipFileAtPath(const std::string& zipPath, const std::string& withContentsOfDirectory,
                                   bool keepParentDirectory, KQ::NSErrorSlot error = nullptr);
 
-  /// The permissions that the files had when they were written, for who makes the archive interoperable:
+  /// The permissions that the files had when they were first written, for who makes the archive
+  /// interoperable:
   ///
   ///     writer.writeToZipPath("backup.zip", &error) &&
   ///         KQZipMakeArchiveInteroperable("backup.zip", writer.permissionsOfSources(), &error);

@@ -441,8 +441,11 @@ TEST_F(KQZipFileWriterTest, ASecondWriteKeepsTheCRCAndTheAttributesOfTheFirst) {
 
   writeFile(source(1), "changed since");
   setModificationDate(source(1), SourceTree::date + 60);
+  const auto permissions = writer.permissionsOfSources()("a");
+  ASSERT_EQ(0, ::chmod(source(1).c_str(), 0751));
   TestOutputStream again;
   ASSERT_TRUE(writer.writeToStream(again));
+  EXPECT_EQ(permissions, writer.permissionsOfSources()("a"));
   // A CRC, a size and a date that stand are not taken anew; the directory's header is a new one each time.
   entry.data = "changed since";
   entry.centralSize = entry.data.size();

@@ -41,8 +41,8 @@ class KQZIP_EXPORT KQZipFileEntry {
                                                         KQ::NSErrorSlot error = nullptr);
 
   /// Copies the common fields, the name, the source path, copies of the extra fields and the date. The CRC
-  /// counts as calculated afterwards; the offset, the size of the source file, the position of the data, the
-  /// progress and the two attribute flags are not copied.
+  /// counts as calculated afterwards; the offset, the size and the permissions of the source file, the
+  /// position of the data, the progress and the two attribute flags are not copied.
   virtual void copyPropertiesFromHeader(const KQZipFileEntry& header);
 
   /// Records where the record starts, the stream's current offset or 0 if it has none, and prepares the
@@ -107,9 +107,9 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// CRC is then as before. A read that fails ends the computation like the end of the file.
   virtual bool calculateCRCOfSourceFile();
 
-  /// Takes date and size from the source file. When its attributes cannot be read, nothing changes and
-  /// "failed to get attributes for %@" is logged. They are those of the path itself, so a source should not
-  /// be a symbolic link: the size would be the link's own.
+  /// Takes date, size and, of a regular file, permissions from the source file. When its attributes cannot be
+  /// read, nothing changes and "failed to get attributes for %@" is logged. They are those of the path
+  /// itself, so a source should not be a symbolic link: the size would be the link's own.
   virtual void updateAttributesFromSourceFile();
   /// Takes the size from the source file, as updateAttributesFromSourceFile() does.
   virtual void updateFileSize();

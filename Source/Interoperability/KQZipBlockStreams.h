@@ -52,7 +52,10 @@ class KQZipBlockOutputStream final : public KQ::NSOutputStream {
   }
 
   std::int64_t write(const std::uint8_t* buffer, std::uint64_t maxLength) override {
-    return maxLength == 0 || putIntoRoom(buffer, maxLength) ? static_cast<std::int64_t>(maxLength) : -1;
+    if (maxLength == 0 || putIntoRoom(buffer, maxLength)) return static_cast<std::int64_t>(maxLength);
+    // What has failed takes nothing more.
+    roomEnd_ = room_;
+    return -1;
   }
 
   std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override {

@@ -38,7 +38,7 @@ std::optional<std::uint32_t> permissionsOf(const CentralFields& fields, std::str
   const std::uint32_t mode = fields.externalFileAttributes >> 16;
   const std::uint32_t expected = !name.empty() && name.back() == '/' ? folder : regularFile;
   const bool isExpected = (mode & typeBits) == 0 || (mode & typeBits) == expected;
-  if (!isFromUnix(fields) || !isExpected || (mode & permissionBits) == 0) return std::nullopt;
+  if (!isFromUnix(fields) || !isExpected || mode == 0) return std::nullopt;
   return mode & permissionBits;
 }
 

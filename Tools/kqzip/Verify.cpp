@@ -87,7 +87,8 @@ std::unique_ptr<VerifyReport> makeReport(const VerifyOptions& options, const Arc
 std::string nextStep(const VerifyOptions& options, const ArchiveScan& archive, const VerifyReport& report) {
   if (!options.summary) return "remove it and pack again";
   if (!report.advice().empty()) return report.advice();
-  return archive.entries().empty() ? "" : "kqzip extract gives back what is not cut off";
+  return archive.entries().empty() ? "no entry can be read back, get the archive again"
+                                   : "kqzip extract gives back what can be read, unchecked";
 }
 
 }  // namespace

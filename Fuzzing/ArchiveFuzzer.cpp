@@ -1,7 +1,11 @@
-// Opens the input as an archive and uses everything that a reader offers, then makes it interoperable.
+// Opens the input as an archive and uses everything that a reader offers, scans it as the tool does, then
+// makes it interoperable.
 
 #include <algorithm>
 
+#include "ArchiveScan.h"
+#include "DirectoryComparison.h"
+#include "ExtractionPlan.h"
 #include "FuzzSupport.h"
 
 using KQFuzz::require;
@@ -47,6 +51,46 @@ void useEntry(const KQZipFileReader& reader, const std::string& path) {
             "what is written is the data");
 }
 
+// The scan decodes headers of the ordinary kind without their class, which must read the same.
+void requireAsItsClassReadsIt(const Tool::ArchiveScan& scan, const Tool::ArchiveEntry& entry) {
+  try {
+    const auto header = scan.headerOf(entry);
+    const auto zip64 = header->findZip64InfoField();
+    const auto name = header->fileName();
+    require(!name || *name == entry.name, "the name is the header's");
+    require(header->offsetOfDataInArchive() == entry.dataAt(), "the data stands where the header says");
+    require(header->dataLengthFromHeader() == entry.length(), "the length is the header's");
+    require((zip64 ? zip64->uncompressedSize() : header->uncompressedSize()) == entry.uncompressedLength(),
+            "the uncompressed length is the header's");
+    require(header->crc32() == entry.crc32(), "the CRC is the header's");
+    require(header->modificationDate() == entry.modificationDate(), "the date is the header's");
+  } catch (const Tool::Failure&) {
+    require(false, "a header that was decoded can be read");
+  }
+}
+
+void scanAsTheTool(const std::string& archive) {
+  const auto work = KQ::NSProgress::progressWithTotalUnitCount(1);
+  const Tool::ArchiveScan scan(archive, *work);
+  const Tool::ArchiveScan skipping(archive, *work, Tool::ArchiveScan::DirectorySkipped);
+  require(scan.entries().size() == skipping.entries().size(), "the entries do not depend on the directory");
+  std::uint64_t end = 0;
+  for (const Tool::ArchiveEntry& entry : scan.entries()) {
+    requireAsItsClassReadsIt(scan, entry);
+    require(entry.localHeaderAt() >= end, "entries stand one behind the other");
+    end = entry.dataAt() + entry.length();
+  }
+  require(end <= std::filesystem::file_size(archive), "every entry is whole");
+  Tool::differencesFromCentralDirectory(scan);
+  try {
+    Tool::refuseUnsafeNames(scan, false);
+    for (const Tool::ExtractionItem& item : Tool::planExtraction(scan, {}).items)
+      require(item.target.size() <= item.entry->name.size(), "a target is a name or less");
+  } catch (const Tool::Failure&) {
+    // Refused before anything is written.
+  }
+}
+
 void makeInteroperable(const std::string& archive, const std::vector<std::string>& paths) {
   const std::string before = KQFuzz::readFile(archive);
   std::shared_ptr<const KQ::NSError> error;
@@ -68,6 +112,7 @@ void makeInteroperable(const std::string& archive, const std::vector<std::string
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t length) {
   const std::string archive = KQFuzz::scratch() / "archive.zip";
   KQFuzz::writeFile(archive, bytes, length);
+  scanAsTheTool(archive);
   std::shared_ptr<const KQ::NSError> error;
   const auto reader = KQZipFileReader::initWithZipPath(archive, &error);
   if (!reader) {

@@ -82,7 +82,8 @@ class ArchiveScan {
   /// What becomes of the central directory's headers.
   enum Directory {
     DirectoryRead,    ///< They are read and kept.
-    DirectorySkipped  ///< They are stepped over, for a command that only needs to know that they are there.
+    DirectorySkipped  ///< They are stepped over, for a command that only needs to know that they are there:
+                      ///< one that cannot be read does not end the scan then.
   };
 
   /// Scans the archive at `path`. Throws a Failure when there is none, it cannot be opened or it is no file,

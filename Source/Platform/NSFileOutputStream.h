@@ -48,9 +48,9 @@ class NSFileOutputStream final : public NSOutputStream {
 };
 
 /// Moves up to `length` bytes from one stream to the other, where both are files and the system does that by
-/// itself: it spares a copy of the data. Returns how many. None are moved between other streams, at the end,
-/// after a failure: reading and writing then moves them, or tells what is wrong. For the rest of a copy that
-/// was begun so.
+/// itself: it spares a copy of the data. Returns how many. None are moved between other streams, before the
+/// source was read from, while it has bytes buffered, at its end and after a failure: reading and writing
+/// then moves them, or tells what is wrong.
 std::uint64_t NSMoveBytes(NSInputStream& source, NSOutputStream& target, std::uint64_t length);
 
 }  // namespace KQ

@@ -124,7 +124,11 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
     case KQZipCentralDirectoryFileHeader::signature:
       // The directory's parse begins behind the signature, inside its first header. It is meant and harmless:
       // no answer depends on the directory, and one that cannot be parsed is passed over.
-      if (!centralDirectory_) centralDirectory_ = ParsedDirectory::initWithStream(stream, error);
+      if (!centralDirectory_) {
+        // A slot of its own: an error left in the scan's would pass for that of a later record.
+        std::shared_ptr<const KQ::NSError> directoryError;
+        centralDirectory_ = ParsedDirectory::initWithStream(stream, &directoryError);
+      }
       return true;
     default:
       return KQZipFail(error, KQZipErrorUnknownSignature,

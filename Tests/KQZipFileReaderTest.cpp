@@ -871,6 +871,33 @@ TEST(KQZipFileReader, AfterACentralDirectoryThatCannotBeParsedTheNextSignatureSt
   EXPECT_EQ((Paths{"a", "b"}), reader->relativePaths());
 }
 
+TEST(KQZipFileReader, AnErrorOfACentralDirectoryIsNeverThatOfALaterRecord) {
+  const TemporaryDirectory folder;
+  const std::string bytes =
+      unreadableDirectory() + std::string(Bytes().u32(KQZipFileLocalHeader::signature).u16(45));
+  EXPECT_EQ(std::string("PK\1\2PK\1\2\0\0\0\0\0\0\10\0PK\3\4\55\0", 22), bytes);
+  LogCapture log;
+  EXPECT_EQ("no error", failureOn(folder / "a.zip", bytes));
+
+  TestInputStream cut(bytes);
+  Error error = someError();
+  EXPECT_FALSE(KQZipFileReader::initWithStream(cut, &error));
+  EXPECT_FALSE(error) << errorText(error);
+
+  TestInputStream failing(bytes);
+  failing.failAtRead = static_cast<std::int64_t>(cut.reads.size());
+  error = someError();
+  EXPECT_FALSE(KQZipFileReader::initWithStream(failing, &error));
+  EXPECT_FALSE(error) << errorText(error);
+
+  const Paths lines = log.lines();
+  ASSERT_EQ(7U, lines.size());
+  EXPECT_EQ("Failed to parse KQZipFileLocalHeader from stream: (null)", lines[1]);
+  EXPECT_EQ("Failed to parse KQZipFileLocalHeader from stream: (null)", lines[3]);
+  EXPECT_EQ("stream reading failed: (null)", lines[5]);
+  EXPECT_EQ("Failed to parse KQZipFileLocalHeader from stream: (null)", lines[6]);
+}
+
 TEST(KQZipFileReader, ASecondCentralSignatureIsConsumedAndSkipped) {
   const std::string first = plainRecord("a", "1").bytes() + centralSignature;
   WatchedInputStream stream(first + centralSignature + plainRecord("b", "2").bytes() + centralSignature +

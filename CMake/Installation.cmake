@@ -6,20 +6,10 @@ include(CMakePackageConfigHelpers)
 set(KQZIP_INSTALL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/KQZip")
 set(KQZIP_INSTALL_PKGCONFIG_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
-# All headers that KQZip.h reaches. The others are the library's own.
+# Every header outside the folders Internal/ is public.
 install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/KQZip" COMPONENT Development
   FILES_MATCHING PATTERN "*.h"
-  PATTERN KQZipBlockStreams.h EXCLUDE
-  PATTERN KQZipEndRecords.h EXCLUDE
-  PATTERN KQZipError.h EXCLUDE
-  PATTERN KQZipInteroperablePlan.h EXCLUDE
-  PATTERN KQZipTextBlock.h EXCLUDE
-  PATTERN KQZipTransfer.h EXCLUDE
-  PATTERN NSFileInputStream.h EXCLUDE
-  PATTERN NSFileOutputStream.h EXCLUDE
-  PATTERN NSMemoryInputStream.h EXCLUDE
-  PATTERN NSMemoryOutputStream.h EXCLUDE
-  PATTERN NSSystem.h EXCLUDE)
+  PATTERN Internal EXCLUDE)
 
 install(TARGETS KQZipShared KQZipStatic EXPORT KQZipTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Library NAMELINK_COMPONENT Development

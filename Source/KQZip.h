@@ -14,10 +14,10 @@
 /// What the library needs of the system: streams, files, progress, errors, the log, dates and strings. None
 /// of it knows of archives.
 
+#include "Archive/KQZipInteroperability.h"
 #include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "FileHeader/KQZipFileEntry.h"
 #include "FileHeader/KQZipFileLocalHeader.h"
-#include "Interoperability/KQZipInteroperability.h"
 #include "KQZip64EndOfCentralDirectoryLocator.h"
 #include "KQZip64EndOfCentralDirectoryRecord.h"
 #include "KQZipCentralDirectory.h"
@@ -26,6 +26,7 @@
 #include "KQZipExtraFieldZip64ExtendedInfo.h"
 #include "KQZipFileReader.h"
 #include "KQZipFileWriter.h"
+#include "KQZipPermissions.h"
 #include "KQZipStreamPrimitives.h"
 #include "KQZip_vers.h"
 #include "Platform/NSCalendar.h"

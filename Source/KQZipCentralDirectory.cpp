@@ -1,6 +1,6 @@
 #include "KQZipCentralDirectory.h"
 
-#include "KQZipTransfer.h"
+#include "Internal/KQZipTransfer.h"
 
 static constexpr std::uint32_t saturated = 0xFFFFFFFF;
 

@@ -1,7 +1,7 @@
 #include "KQZipEndOfCentralDirectoryRecord.h"
 
+#include "Internal/KQZipTextBlock.h"
 #include "KQZipStreamPrimitives.h"
-#include "KQZipTextBlock.h"
 
 std::shared_ptr<KQZipEndOfCentralDirectoryRecord> KQZipEndOfCentralDirectoryRecord::initWithStream(
     KQ::NSInputStream& stream, KQ::NSErrorSlot error) {

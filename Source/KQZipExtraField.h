@@ -5,7 +5,7 @@
 #include <typeinfo>
 #include <vector>
 
-#include "KQZipFieldData.h"
+#include "Internal/KQZipFieldData.h"
 #include "Platform/KQExport.h"
 #include "Platform/NSAtomicProperty.h"
 #include "Platform/NSData.h"

@@ -1,43 +1,14 @@
 #include "KQZipFileReader.h"
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
 
-#include "KQZipError.h"
-#include "KQZipTransfer.h"
+#include "Internal/KQZipError.h"
+#include "Internal/KQZipTransfer.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSProgress.h"
 #include "Platform/NSString.h"
 
 namespace {
-
-bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64_t length,
-               KQ::NSErrorSlot error) {
-  const std::int64_t count = stream.read(destination, length);
-  if (count >= 0) return count > 0;
-  // Only an error that stands in the slot already is replaced, which is meant: with the fresh slot of a scan
-  // a damaged archive and one that ends early look the same.
-  if (error != nullptr && *error) *error = KQZipMakeError(KQZipErrorReading, "Error reading file");
-  KQ::NSLog(KQ::stringWithFormat("stream reading failed: %@", {KQZipErrorInSlot(error)}));
-  return false;
-}
-
-template <class Integer>
-bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlot error) {
-  std::array<std::uint8_t, sizeof(Integer)> bytes;
-  if (!stream.takeAtHand(bytes.data(), bytes.size())) {
-    // Starts from the value as it is, so that bytes which are not delivered stay.
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-      bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
-    if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
-  }
-  Integer value = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    value = static_cast<Integer>(value | static_cast<Integer>(static_cast<Integer>(bytes[i]) << (8 * i)));
-  *destination = value;
-  return true;
-}
 
 // The directory as a reader keeps it. Its headers are parsed like any, but since no answer depends on them
 // they are let go: they would double the memory that an entry takes.
@@ -56,24 +27,6 @@ class ParsedDirectory : public KQZipCentralDirectory {
 };
 
 }  // namespace
-
-bool KQZipReadBlockBytes(KQ::NSInputStream& stream, void* destination, std::uint64_t length,
-                         KQ::NSErrorSlot error) {
-  return length == 0 || stream.takeAtHand(destination, length) ||
-         readBlock(stream, static_cast<std::uint8_t*>(destination), length, error);
-}
-
-bool KQZipReadBlock16(KQ::NSInputStream& stream, std::uint16_t* destination, KQ::NSErrorSlot error) {
-  return readInteger(stream, destination, error);
-}
-
-bool KQZipReadBlock32(KQ::NSInputStream& stream, std::uint32_t* destination, KQ::NSErrorSlot error) {
-  return readInteger(stream, destination, error);
-}
-
-bool KQZipReadBlock64(KQ::NSInputStream& stream, std::uint64_t* destination, KQ::NSErrorSlot error) {
-  return readInteger(stream, destination, error);
-}
 
 KQZipFileReader::KQZipFileReader(Key /*key*/, std::optional<std::string> zipPath)
     : zipPath_(std::move(zipPath)) {}

@@ -1,58 +1,13 @@
 #include "KQZipFileWriter.h"
 
-#include <array>
-#include <cstddef>
 #include <vector>
 
-#include "KQZipError.h"
-#include "KQZipTransfer.h"
+#include "Internal/KQZipError.h"
+#include "Internal/KQZipFailedWrite.h"
+#include "Internal/KQZipTransfer.h"
 #include "Platform/NSFileManager.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSString.h"
-
-namespace {
-
-// How every failed write is reported, whether it failed at once or when buffered bytes were flushed.
-bool reportFailedWrite(KQ::NSErrorSlot error) {
-  KQZipFail(error, KQZipErrorWriting, "Error writing file");
-  KQ::NSLog(KQ::stringWithFormat("stream writing failed: %@", {KQZipErrorInSlot(error)}));
-  return false;
-}
-
-bool writeBlock(KQ::NSOutputStream& stream, const std::uint8_t* source, std::uint64_t length,
-                KQ::NSErrorSlot error) {
-  const std::int64_t count = stream.write(source, length);
-  if (count < 0) return reportFailedWrite(error);
-  return count > 0;
-}
-
-template <class Integer>
-bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot error) {
-  std::array<std::uint8_t, sizeof(Integer)> bytes;
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
-  return stream.putIntoRoom(bytes.data(), bytes.size()) ||
-         writeBlock(stream, bytes.data(), bytes.size(), error);
-}
-
-}  // namespace
-
-bool KQZipWriteBlockBytes(KQ::NSOutputStream& stream, const void* source, std::uint64_t length,
-                          KQ::NSErrorSlot error) {
-  return length == 0 || stream.putIntoRoom(source, length) ||
-         writeBlock(stream, static_cast<const std::uint8_t*>(source), length, error);
-}
-
-bool KQZipWriteBlock16(KQ::NSOutputStream& stream, const std::uint16_t* value, KQ::NSErrorSlot error) {
-  return writeInteger(stream, *value, error);
-}
-
-bool KQZipWriteBlock32(KQ::NSOutputStream& stream, const std::uint32_t* value, KQ::NSErrorSlot error) {
-  return writeInteger(stream, *value, error);
-}
-
-bool KQZipWriteBlock64(KQ::NSOutputStream& stream, const std::uint64_t* value, KQ::NSErrorSlot error) {
-  return writeInteger(stream, *value, error);
-}
 
 void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
   _addEntry(filePath, KQ::NSSharedString(relativePath));
@@ -98,7 +53,7 @@ bool KQZipFileWriter::_writeCentralDirectory(const Entries& entries, KQ::NSOutpu
     return false;
   // Buffered bytes may still meet a full disk, and data that the stream did not take shows here at the
   // latest.
-  return stream.flush() || reportFailedWrite(error);
+  return stream.flush() || KQZipReportFailedWrite(error);
 }
 
 bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, KQ::NSErrorSlot error) {
@@ -125,7 +80,7 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
   const bool written = writeToStream(*stream, error) || logFailure();
   stream->close();
   const bool closed = stream->streamStatus() != KQ::NSStreamStatusError;
-  return written && (closed || reportFailedWrite(error) || logFailure());
+  return written && (closed || KQZipReportFailedWrite(error) || logFailure());
 }
 
 bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool keepParentDirectory,

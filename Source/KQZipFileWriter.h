@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "FileHeader/KQZipFileLocalHeader.h"
-#include "Interoperability/KQZipInteroperability.h"
 #include "KQZipCentralDirectory.h"
+#include "KQZipPermissions.h"
 #include "KQZipStreamPrimitives.h"
 #include "Platform/NSProgress.h"
 #include "Platform/NSString.h"

@@ -1,7 +1,7 @@
 // The streams over bytes that somebody else keeps, which making an archive interoperable parses and writes
 // with.
 
-#include <KQZip/Interoperability/KQZipBlockStreams.h>
+#include <KQZip/Internal/KQZipBlockStreams.h>
 #include <KQZip/KQZip.h>
 #include <gtest/gtest.h>
 

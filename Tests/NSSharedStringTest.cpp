@@ -1,4 +1,4 @@
-#include <KQZip/Platform/NSSharedString.h>
+#include <KQZip/Platform/Internal/NSSharedString.h>
 #include <gtest/gtest.h>
 
 #include <optional>

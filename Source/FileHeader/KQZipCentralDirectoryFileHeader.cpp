@@ -1,8 +1,8 @@
 #include "KQZipCentralDirectoryFileHeader.h"
 
-#include "../KQZipError.h"
+#include "../Internal/KQZipError.h"
+#include "../Internal/KQZipTextBlock.h"
 #include "../KQZipStreamPrimitives.h"
-#include "../KQZipTextBlock.h"
 
 static constexpr std::uint32_t saturated = 0xFFFFFFFF;
 

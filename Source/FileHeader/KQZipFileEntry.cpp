@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <typeinfo>
 
-#include "../KQZipError.h"
+#include "../Internal/KQZipError.h"
+#include "../Internal/KQZipTextBlock.h"
+#include "../Internal/KQZipTransfer.h"
 #include "../KQZipStreamPrimitives.h"
-#include "../KQZipTextBlock.h"
-#include "../KQZipTransfer.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
 

@@ -6,16 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "../Internal/KQZipExtraFieldList.h"
 #include "../KQZipExtraField.h"
-#include "../KQZipExtraFieldList.h"
 #include "../KQZipExtraFieldZip64ExtendedInfo.h"
+#include "../Platform/Internal/NSSharedString.h"
 #include "../Platform/KQExport.h"
 #include "../Platform/NSAtomicProperty.h"
 #include "../Platform/NSCalendar.h"
 #include "../Platform/NSError.h"
 #include "../Platform/NSFileManager.h"
 #include "../Platform/NSProgress.h"
-#include "../Platform/NSSharedString.h"
 #include "../Platform/NSStream.h"
 
 /// What the local and the central header of an entry share: the common fields, the extra fields, the source

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "../KQZipError.h"
+#include "../Internal/KQZipError.h"
+#include "../Internal/KQZipTransfer.h"
 #include "../KQZipStreamPrimitives.h"
-#include "../KQZipTransfer.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
 #include "KQZipCentralDirectoryFileHeader.h"

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "NSSystem.h"
+#include "Internal/NSSystem.h"
 
 namespace KQ {
 

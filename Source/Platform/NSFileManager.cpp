@@ -12,8 +12,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Internal/NSSystem.h"
 #include "NSString.h"
-#include "NSSystem.h"
 
 namespace KQ {
 

@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "../KQZip64EndOfCentralDirectoryRecord.h"
-#include "../KQZipError.h"
 #include "../KQZipStreamPrimitives.h"
-#include "../KQZipTransfer.h"
 #include "../Platform/NSString.h"
 #include "KQZipBlockStreams.h"
+#include "KQZipError.h"
+#include "KQZipTransfer.h"
 
 namespace {
 

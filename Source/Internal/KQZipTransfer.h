@@ -7,9 +7,9 @@
 #include <memory>
 #include <utility>
 
-#include "Platform/NSFileOutputStream.h"
-#include "Platform/NSProgress.h"
-#include "Platform/NSStream.h"
+#include "../Platform/Internal/NSFileOutputStream.h"
+#include "../Platform/NSProgress.h"
+#include "../Platform/NSStream.h"
 
 // What the transfers have in common that bypass the stream primitives: the copies of data and the scans for
 // signatures. For the library's own use.

@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "NSStream.h"
+#include "../NSStream.h"
 
 namespace KQ {
 

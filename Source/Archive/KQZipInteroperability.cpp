@@ -1,7 +1,7 @@
 #include "KQZipInteroperability.h"
 
+#include "../Internal/KQZipInteroperablePlan.h"
 #include "../Platform/NSFileHandle.h"
-#include "KQZipInteroperablePlan.h"
 
 bool KQZipMakeArchiveInteroperable(const std::string& zipPath, KQ::NSErrorSlot error) {
   return KQZipMakeArchiveInteroperable(zipPath, KQZipPermissions(), error);

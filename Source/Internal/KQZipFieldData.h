@@ -8,7 +8,7 @@
 #include <utility>
 #include <variant>
 
-#include "Platform/NSData.h"
+#include "../Platform/NSData.h"
 
 /// The data of an extra field: a shared buffer, or 24 bytes without one. Nearly every field is a Zip64 field
 /// of 24 bytes whose data nobody asks for, so the buffer is made for those who do. For the library's own use.

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "NSStream.h"
+#include "../NSStream.h"
 
 namespace KQ {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "NSStream.h"
+#include "../NSStream.h"
 #include "NSSystem.h"
 
 namespace KQ {

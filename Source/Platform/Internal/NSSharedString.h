@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "KQExport.h"
+#include "../KQExport.h"
 
 namespace KQ {
 

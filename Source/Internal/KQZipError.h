@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Platform/NSError.h"
+#include "../Platform/NSError.h"
 
 // The library's own errors, for its own use: callers know them by the domain string and the codes, which
 // the public headers name where they are made.

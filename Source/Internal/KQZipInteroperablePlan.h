@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "../Archive/KQZipInteroperability.h"
 #include "../FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "../FileHeader/KQZipFileLocalHeader.h"
 #include "../Platform/NSError.h"
 #include "../Platform/NSFileHandle.h"
 #include "KQZipEndRecords.h"
-#include "KQZipInteroperability.h"
 
 // What makes an archive interoperable, found out in full before anything is written. For the library's own
 // use.

@@ -1,7 +1,7 @@
 #include "KQZipTextBlock.h"
 
-#include "KQZipStreamPrimitives.h"
-#include "Platform/NSString.h"
+#include "../KQZipStreamPrimitives.h"
+#include "../Platform/NSString.h"
 
 bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, KQ::NSSharedString* text,
                         KQ::NSErrorSlot error) {

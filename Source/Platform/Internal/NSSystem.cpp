@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "NSString.h"
+#include "../NSString.h"
 
 namespace KQ {
 

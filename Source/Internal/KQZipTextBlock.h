@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-#include "Platform/NSError.h"
-#include "Platform/NSSharedString.h"
-#include "Platform/NSStream.h"
+#include "../Platform/Internal/NSSharedString.h"
+#include "../Platform/NSError.h"
+#include "../Platform/NSStream.h"
 
 // Names and comments as records hold them: UTF-8 without a terminator behind a 16-bit length. For the
 // records' own use.

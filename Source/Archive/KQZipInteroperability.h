@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <optional>
 #include <string>
 
+#include "../KQZipPermissions.h"
 #include "../Platform/KQExport.h"
 #include "../Platform/NSError.h"
 
@@ -17,11 +15,6 @@
 /// names or extract files that nobody may read. Make it interoperable once it is written:
 ///
 ///     if (!KQZipMakeArchiveInteroperable("backup.zip", &error)) std::cerr << error->localizedDescription();
-
-/// The permission bits of the source of an entry: the lowest nine bits of a file's mode, of which no others
-/// are used. Nothing for those that an entry gets otherwise. It is called at most once for each entry, before
-/// anything is written, and must not throw.
-using KQZipPermissions = std::function<std::optional<std::uint32_t>(const std::string& relativePath)>;
 
 /// Changes the archive at `zipPath` in place so that other programs can open it. No byte moves, and what
 /// KQZipFileReader answers stays the same. What changes:

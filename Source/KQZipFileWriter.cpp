@@ -5,6 +5,7 @@
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipFailedWrite.h"
 #include "Internal/KQZipTransfer.h"
+#include "Platform/Internal/NSFileOutputStream.h"
 #include "Platform/NSFileManager.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSString.h"
@@ -71,15 +72,18 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
   if (!parentIsDirectory)
     return refuse("Could not write to zip path %@ because parent directory doesn't exist");
 
-  const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(*zipPath);
-  stream->open();
+  // The test above is for the order of the refusals. Opening decides: what has come since, and a link that
+  // leads nowhere, are somebody else's.
+  KQ::NSFileOutputStream stream(*zipPath, KQ::NSFileOutputStream::Existing::Refused);
+  stream.open();
+  if (stream.hasRefusedExisting()) return refuse("Could not write to zip path %@");
   const auto logFailure = [error] {
     KQ::NSLog(KQ::stringWithFormat("closing stream because writing failed: %@", {KQZipErrorInSlot(error)}));
     return false;
   };
-  const bool written = writeToStream(*stream, error) || logFailure();
-  stream->close();
-  const bool closed = stream->streamStatus() != KQ::NSStreamStatusError;
+  const bool written = writeToStream(stream, error) || logFailure();
+  stream.close();
+  const bool closed = stream.streamStatus() != KQ::NSStreamStatusError;
   return written && (closed || KQZipReportFailedWrite(error) || logFailure());
 }
 

@@ -50,7 +50,8 @@ class KQZIP_EXPORT KQZipFileWriter {
   /// that has changed since once more.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// Writes the archive to a new file. Refuses a path at which anything exists, which is left as it is, with
+  /// Writes the archive to a new file. Refuses a path at which anything exists, a symbolic link that leads
+  /// nowhere included, or comes into being before the file is created; it is left as it is, with
   /// -1 "Could not write to zip path %@", and one whose parent is not an existing folder with
   /// -1 "Could not write to zip path %@ because parent directory doesn't exist"; both are logged as
   /// "failed writing to path: %@ %@". Otherwise fails as writeToStream() does, also with -51 when closing the

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/Bytes.h"
+#include "Support/FileMoments.h"
 #include "Support/GoldenArchive.h"
 #include "Support/LogCapture.h"
 #include "Support/SourceTree.h"
@@ -562,6 +563,55 @@ TEST_F(KQZipFileWriterTest, AnythingThatExistsAtThePathIsRefusedAndLeftUntouched
     EXPECT_EQ(0, stat(file.c_str(), &status));
     return static_cast<long long>(status.st_mtime);
   }());
+}
+
+TEST_F(KQZipFileWriterTest, ALinkThatLeadsNowhereIsRefusedAndNotWrittenThrough) {
+  KQZipFileWriter writer;
+  addThree(writer);
+  const std::string path = tree_ / "out.zip";
+  fs::create_symlink("elsewhere.zip", path);
+  LogCapture log;
+  Error error = untouchedError();
+  EXPECT_FALSE(writer.writeToZipPath(path, &error));
+  expectError(error, -1, "Could not write to zip path " + path);
+  EXPECT_FALSE(writer.writeToZipPath(path));
+  EXPECT_EQ((Lines{"failed writing to path: " + path + " " + describe(error),
+                   "failed writing to path: " + path + " (null)"}),
+            log.lines());
+  EXPECT_EQ("elsewhere.zip", fs::read_symlink(path));
+  EXPECT_FALSE(fs::exists(tree_ / "elsewhere.zip"));
+}
+
+TEST_F(KQZipFileWriterTest, WhatComesIntoBeingBeforeTheFileIsCreatedIsRefusedAndLeftUntouched) {
+  const std::string path = tree_ / "out.zip";
+  const std::vector<std::pair<std::string, std::function<void()>>> arrivals{
+      {"a file", [&] { writeFile(path, "somebody else's"); }},
+      {"a folder", [&] { fs::create_directory(path); }},
+      {"a link", [&] { fs::create_symlink("elsewhere.zip", path); }}};
+  for (const auto& [what, arrive] : arrivals) {
+    SCOPED_TRACE(what);
+    fs::remove(path);
+    KQZipFileWriter writer;
+    addThree(writer);
+    const auto all = KQ::NSProgress::progressWithTotalUnitCount(5);
+    all->becomeCurrentWithPendingUnitCount(5);
+    LogCapture log;
+    Error error = untouchedError();
+    {
+      const AtFileMoment moment(path, {0, FileMoment::Call::Open}, arrive);
+      EXPECT_FALSE(writer.writeToZipPath(path, &error));
+      EXPECT_TRUE(moment.hasCome());
+    }
+    expectError(error, -1, "Could not write to zip path " + path);
+    EXPECT_EQ(Lines{"failed writing to path: " + path + " " + describe(error)}, log.lines());
+    EXPECT_EQ(all, KQ::NSProgress::currentProgress());
+    all->resignCurrent();
+    EXPECT_EQ(0, all->completedUnitCount()) << "no progress was made beneath it";
+    EXPECT_FALSE(fs::exists(tree_ / "elsewhere.zip"));
+    if (fs::is_regular_file(path)) {
+      EXPECT_EQ("somebody else's", readFile(path));
+    }
+  }
 }
 
 TEST_F(KQZipFileWriterTest, AParentThatIsNoExistingFolderIsRefused) {

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "Support/GoldenArchive.h"
+#include "Support/RunningProgram.h"
 #include "Support/SourceTree.h"
+#include "Support/StoppedProgram.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
@@ -221,6 +223,31 @@ TEST(ToolCreate, AnExistingArchiveIsRefusedAndLeftAsItIs) {
   // The archive itself as its only source.
   expectFailed(runTool({"create", archive, archive}), message);
   EXPECT_EQ("something else", readFile(archive));
+}
+
+TEST(ToolCreate, ALinkThatLeadsNowhereIsRefusedAndNotWrittenThrough) {
+  const SourceTree folder;
+  folder.file("tree/a.txt", "text");
+  const std::string archive = folder / "out.zip";
+  fs::create_symlink("elsewhere.zip", archive);
+  expectFailed(runTool({"create", archive, folder / "tree"}),
+               "Could not write to zip path " + archive + " (it exists, remove it or choose another name)");
+  EXPECT_TRUE(fs::is_symlink(archive));
+  expectNothingAt(folder / "elsewhere.zip");
+}
+
+TEST(ToolCreate, WhatComesIntoBeingInPlaceOfTheArchiveIsRefusedAndNotCalledPartial) {
+  const SourceTree folder;
+  folder.file("tree/a.txt", "text");
+  const std::string archive = folder / "out.zip";
+  RunningProgram tool(stoppedAt(archive, {0, FileMoment::Call::Open}, stopWhole,
+                                toolCommand({"create", archive, folder / "tree"})));
+  tool.waitUntilItStops();
+  writeFile(archive, "somebody else's");
+  tool.send(SIGCONT);
+  expectFailed(tool.finish(),
+               "Could not write to zip path " + archive + " (it exists, remove it or choose another name)");
+  EXPECT_EQ("somebody else's", readFile(archive));
 }
 
 TEST(ToolCreate, AnArchiveWithoutAParentFolderIsRefused) {

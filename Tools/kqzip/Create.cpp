@@ -116,6 +116,12 @@ bool existsAt(const std::string& path) {
   return fs::exists(path, ignored);
 }
 
+// A link that leads nowhere stands in the way too.
+bool isInTheWayAt(const std::string& path) {
+  std::error_code ignored;
+  return fs::exists(fs::symlink_status(path, ignored));
+}
+
 // What the library would report as an error of writing, without its reason.
 void requirePlaceForArchive(const std::string& archive) {
   requireArchiveName(archive);
@@ -134,12 +140,16 @@ void requirePlaceForArchive(const std::string& archive) {
 }
 
 // The library refuses a path that exists, and one without a folder to be in, with the same code.
-std::string adviceOnArchive(const std::shared_ptr<const KQ::NSError>& error, bool existedBefore,
-                            bool isPartial) {
+bool isRefusal(const std::shared_ptr<const KQ::NSError>& error) {
   constexpr std::int64_t refusedPath = -1;
+  return error && error->code() == refusedPath;
+}
+
+std::string adviceOnArchive(const std::string& archive, const std::shared_ptr<const KQ::NSError>& error,
+                            bool isPartial) {
   if (isPartial) return "remove it before another try";
-  if (!error || error->code() != refusedPath) return {};
-  return existedBefore ? "it exists, remove it or choose another name" : "make that folder first";
+  if (!isRefusal(error)) return {};
+  return isInTheWayAt(archive) ? "it exists, remove it or choose another name" : "make that folder first";
 }
 
 ProgressLine::Amount sizeOfFile(const std::string& path) {
@@ -170,7 +180,7 @@ void finish(const CreateOptions& options, const KQZipFileWriter& writer,
 void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
   const Filling fill = fillingFrom(options);
   requirePlaceForArchive(options.archive);
-  const bool existedBefore = existsAt(options.archive);
+  const bool existedBefore = isInTheWayAt(options.archive);
   KQZipFileWriter writer;
   std::shared_ptr<const KQ::NSError> error;
   bool done = false;
@@ -179,11 +189,12 @@ void create(const CreateOptions& options, const std::shared_ptr<KQ::NSProgress>&
     done = fill(writer, &error) && writer.writeToZipPath(options.archive, &error);
   }
   if (done) return finish(options, writer, work);
-  const bool isPartial = !existedBefore && existsAt(options.archive);
+  // What came into being meanwhile and was refused is somebody else's.
+  const bool isPartial = !existedBefore && !isRefusal(error) && isInTheWayAt(options.archive);
   const std::string trace = isPartial ? "partial archive left at " + options.archive : "";
   if (work->isCancelled()) throw Failure(withRemarks("interrupted", {trace}), Interrupted);
   failWithError(error, "a file could not be read while it was packed",
-                {trace, adviceOnArchive(error, existedBefore, isPartial)});
+                {trace, adviceOnArchive(options.archive, error, isPartial)});
 }
 
 }  // namespace Tool

@@ -19,7 +19,9 @@ NSFileOutputStream::~NSFileOutputStream() { close(); }
 
 void NSFileOutputStream::open() {
   if (status_ != NSStreamStatusNotOpen) return;
-  if (!file_.openForWriting(path_)) {
+  const bool refuses = existing_ == Existing::Refused;
+  if (!(refuses ? file_.openNewForWriting(path_) : file_.openForWriting(path_))) {
+    hasRefusedExisting_ = refuses && errno == EEXIST;
     _fail(errno);
     return;
   }

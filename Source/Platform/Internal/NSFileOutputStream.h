@@ -16,8 +16,16 @@ class NSFileInputStream;
 /// An output stream to a file; see NSOutputStream::outputStreamToFileAtPath().
 class NSFileOutputStream final : public NSOutputStream {
  public:
-  explicit NSFileOutputStream(std::string path) : path_(std::move(path)) {}
+  /// What open() does with a file that exists.
+  enum class Existing { Emptied, Refused };
+
+  explicit NSFileOutputStream(std::string path, Existing existing = Existing::Emptied)
+      : path_(std::move(path)), existing_(existing) {}
   ~NSFileOutputStream() override;
+
+  /// Whether open() refused what is at the path: a file, or anything else, a link that leads nowhere
+  /// included.
+  bool hasRefusedExisting() const { return hasRefusedExisting_; }
 
   void open() override;
   void close() override;
@@ -39,6 +47,8 @@ class NSFileOutputStream final : public NSOutputStream {
   bool _fail(int code);
 
   std::string path_;
+  Existing existing_;
+  bool hasRefusedExisting_ = false;
   NSFileDescriptor file_;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;

@@ -47,6 +47,10 @@ bool NSFileDescriptor::openForWriting(const std::string& path) {
   return _open(path, O_WRONLY | O_CREAT | O_TRUNC);
 }
 
+bool NSFileDescriptor::openNewForWriting(const std::string& path) {
+  return _open(path, O_WRONLY | O_CREAT | O_EXCL);
+}
+
 bool NSFileDescriptor::openInPlace(const std::string& path, bool updating) {
   if (!_open(path, (updating ? O_RDWR : O_RDONLY) | O_NONBLOCK)) return false;
   struct stat status {};

@@ -43,6 +43,9 @@ class NSFileDescriptor {
   /// Creates a file for writing, or empties one that exists.
   bool openForWriting(const std::string& path);
 
+  /// Creates a file for writing; EEXIST when there is anything at `path`, a link that leads nowhere included.
+  bool openNewForWriting(const std::string& path);
+
   /// Opens an existing regular file for access by offset, for writing too if `updating`. Neither waits for
   /// the other end of a pipe nor changes the file; EISDIR for a folder, ESPIPE for what has no offsets.
   bool openInPlace(const std::string& path, bool updating);

@@ -1,5 +1,5 @@
-// Opens the input as an archive and uses everything that a reader offers, scans it as the tool does, then
-// makes it interoperable.
+// Opens the input as an archive and uses everything that a reader offers, scans it as the tool does and
+// prints what the tool would, then makes it interoperable.
 
 #include <algorithm>
 
@@ -7,6 +7,9 @@
 #include "DirectoryComparison.h"
 #include "ExtractionPlan.h"
 #include "FuzzSupport.h"
+#include "Json.h"
+#include "List.h"
+#include "StandardOutput.h"
 
 using KQFuzz::require;
 
@@ -69,6 +72,33 @@ void requireAsItsClassReadsIt(const Tool::ArchiveScan& scan, const Tool::Archive
   }
 }
 
+// What the tool says of an archive, in each form. Standard output is not where it goes.
+void printAsTheTool(const Tool::ArchiveScan& scan) {
+  KQFuzz::discardStandardOutput();
+  Tool::StandardOutput output;
+  for (const bool isLong : {false, true}) {
+    for (const bool endsNull : {false, true}) {
+      for (const bool isHuman : {false, true})
+        Tool::printList({scan.path(), isLong, endsNull, false, isHuman}, scan, output);
+    }
+  }
+  Tool::printList({scan.path(), false, false, true, false}, scan, output);
+
+  std::vector<Tool::Problem> problems = Tool::differencesFromCentralDirectory(scan);
+  if (scan.problem()) problems.push_back(*scan.problem());
+  Tool::Json json(output);
+  json.beginObject();
+  json.beginArray("problems");
+  for (const Tool::Problem& problem : problems) {
+    problem.addTo(json);
+    require(!problem.sentence().empty(), "a problem is told of");
+    problem.nextStep();
+  }
+  json.endArray();
+  json.endObject();
+  output.flush();
+}
+
 void scanAsTheTool(const std::string& archive) {
   const auto work = KQ::NSProgress::progressWithTotalUnitCount(1);
   const Tool::ArchiveScan scan(archive, *work);
@@ -84,7 +114,7 @@ void scanAsTheTool(const std::string& archive) {
     end = entry.dataAt() + entry.length();
   }
   require(end <= std::filesystem::file_size(archive), "every entry is whole");
-  Tool::differencesFromCentralDirectory(scan);
+  printAsTheTool(scan);
   try {
     Tool::refuseUnsafeNames(scan, false);
     for (const Tool::ExtractionItem& item : Tool::planExtraction(scan, {}).items)

@@ -1,5 +1,6 @@
 #include "FuzzSupport.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,6 +33,15 @@ struct Scratch {
 const fs::path& scratch() {
   static const Scratch instance;
   return instance.path;
+}
+
+void discardStandardOutput() {
+  static const int discarding = [] {
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    require(nowhere >= 0, "there is a /dev/null");
+    return dup2(nowhere, STDOUT_FILENO);
+  }();
+  require(discarding == STDOUT_FILENO, "standard output goes nowhere");
 }
 
 void empty(const fs::path& folder) {

@@ -13,6 +13,9 @@ namespace KQFuzz {
 /// are swallowed from the first call on.
 const std::filesystem::path& scratch();
 
+/// Lets all that is written to standard output go nowhere from the first call on.
+void discardStandardOutput();
+
 /// Empties `folder`, or makes it.
 void empty(const std::filesystem::path& folder);
 

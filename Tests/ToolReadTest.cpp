@@ -175,6 +175,20 @@ TEST(ToolList, NullPrintsNamesAsTheyStand) {
                                                                97));
 }
 
+TEST(ToolList, AnEmptyNameIsANameLikeAny) {
+  const ArchiveFolder folder;
+  const std::string archive = folder.archive({plainRecord("", "1"), plainRecord("a", "22")});
+  expectDone(folder.run({"list", archive}), "\na\n");
+  expectDone(folder.run({"list", "-0", archive}), std::string("\0a\0", 3));
+  expectDone(folder.run({"list", "-l", archive}),
+             "- 1 2020-06-15 12:34:56 \n"
+             "- 2 2020-06-15 12:34:56 a\n");
+  const ProcessResult document = folder.run({"list", "--json", archive});
+  EXPECT_EQ(0, document.exitStatus) << document.errors;
+  EXPECT_NE(std::string::npos, document.output.find("{\"name\":\"\",\"type\":\"file\",\"size\":1,"))
+      << document.output;
+}
+
 TEST(ToolList, AnEmptyArchiveOfAnyProgramIsEmptyAndWhole) {
   const ArchiveFolder folder;
   fs::create_directory(folder / "tree");

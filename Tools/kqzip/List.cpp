@@ -48,7 +48,8 @@ bool isPlain(std::string_view name) {
     if (!isPlain(word)) return false;
   }
   word = repeated(' ');
-  std::memcpy(&word, name.data(), name.size());
+  // An empty name has no address, which memcpy() does not take.
+  name.copy(reinterpret_cast<char*>(&word), sizeof(word));
   return isPlain(word);
 }
 
@@ -142,12 +143,16 @@ void list(const ListOptions& options, const KQ::NSProgress& work) {
     throw Failure("--json goes without --long, --null and --human-readable", WrongUsage);
   const ArchiveScan archive(options.archive, work, ArchiveScan::DirectorySkipped);
   StandardOutput output;
+  printList(options, archive, output);
+  output.flush();
+  archive.requireNoProblem();
+}
+
+void printList(const ListOptions& options, const ArchiveScan& archive, StandardOutput& output) {
   if (options.isJson)
     printDocument(archive, output);
   else
     printLines(options, archive, output);
-  output.flush();
-  archive.requireNoProblem();
 }
 
 }  // namespace Tool

@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include "ArchiveScan.h"
+#include "StandardOutput.h"
+
 namespace Tool {
 
 /// What `kqzip list` was asked for.
@@ -16,8 +19,10 @@ struct ListOptions {
 };
 
 /// Prints the names of all entries that are whole, or all there is to know of them, in the order of the
-/// library's reader. Throws a Failure,
-/// after printing, when the archive is damaged.
+/// library's reader. Throws a Failure, after printing, when the archive is damaged.
 void list(const ListOptions& options, const KQ::NSProgress& work);
+
+/// What list() prints of an archive, damaged or not. The caller flushes `output`.
+void printList(const ListOptions& options, const ArchiveScan& archive, StandardOutput& output);
 
 }  // namespace Tool

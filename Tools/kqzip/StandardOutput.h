@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -21,8 +20,7 @@ class StandardOutput {
 
   void write(std::string_view bytes) {
     if (bytes.size() > blockSize - length_) return writeThrough(bytes);
-    std::memcpy(block_.get() + length_, bytes.data(), bytes.size());
-    length_ += bytes.size();
+    length_ += bytes.copy(block_.get() + length_, bytes.size());
   }
 
   void flush();

@@ -22,6 +22,7 @@
 #include "KQZip64EndOfCentralDirectoryRecord.h"
 #include "KQZipCentralDirectory.h"
 #include "KQZipEndOfCentralDirectoryRecord.h"
+#include "KQZipErrorCodes.h"
 #include "KQZipExtraField.h"
 #include "KQZipExtraFieldZip64ExtendedInfo.h"
 #include "KQZipFileReader.h"

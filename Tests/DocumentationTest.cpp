@@ -147,7 +147,7 @@ std::set<std::string> messagesInTheSources() {
 
 // The names of the error codes and their numbers, from the enumeration.
 std::map<std::string, std::string> errorCodes() {
-  const std::string header = KQTest::readFile(sources / "Source/KQZipError.h");
+  const std::string header = KQTest::readFile(sources / "Source/KQZipErrorCodes.h");
   static const std::regex pattern("(KQZipError[A-Z]\\w*) = (-?\\d+)");
   std::map<std::string, std::string> codes;
   for (std::sregex_iterator match(header.begin(), header.end(), pattern), end; match != end; ++match)

@@ -62,14 +62,14 @@ Function* systemFunction(const char* name) {
 
 }  // namespace
 
-extern "C" int open(const char* path, int flags, ...) {
-  static auto* const real = systemFunction<int(const char*, int, ...)>("open");
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+  static auto* const real = systemFunction<int(int, const char*, int, ...)>("openat");
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   countCall();
-  return real(path, flags, mode);
+  return real(folder, path, flags, mode);
 }
 
 extern "C" int close(int file) {
@@ -84,10 +84,10 @@ extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
   return real(file, buffer, length, offset);
 }
 
-extern "C" int lstat(const char* path, struct stat* status) noexcept {
-  static auto* const real = systemFunction<int(const char*, struct stat*)>("lstat");
+extern "C" int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
+  static auto* const real = systemFunction<int(int, const char*, struct stat*, int)>("fstatat");
   countCall();
-  return real(path, status);
+  return real(folder, path, status, flags);
 }
 
 extern "C" ssize_t writev(int file, const iovec* pieces, int count) {

@@ -2,20 +2,11 @@
 
 #include <string>
 
+#include "../KQZipErrorCodes.h"
 #include "../Platform/NSError.h"
 
 // The library's own errors, for its own use: callers know them by the domain string and the codes, which
 // the public headers name where they are made.
-
-/// The codes of the domain "KQZipErrorDomain".
-enum KQZipErrorCode {
-  KQZipErrorRefusedPath = -1,
-  KQZipErrorReading = -50,
-  KQZipErrorWriting = -51,
-  KQZipErrorCancelled = -90,
-  KQZipErrorUnknownSignature = -100,
-  KQZipErrorUnsupportedCompression = -101
-};
 
 /// Makes an error of the library's domain.
 inline std::shared_ptr<const KQ::NSError> KQZipMakeError(KQZipErrorCode code, std::string message) {

@@ -3,6 +3,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "Internal/NSSystem.h"
+
 namespace KQ {
 
 // The C library takes a lock of its own around the time zone, which a checker of threads cannot see.
@@ -11,7 +13,7 @@ static std::mutex timeZoneLock;
 NSDateComponents NSCalendar::componentsFromDate(NSDate date) {
   const std::time_t seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
   std::tm parts{};
-  localtime_r(&seconds, &parts);
+  NSSystem::current().localTime(seconds, &parts);
   return {parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec};
 }
 
@@ -25,7 +27,7 @@ NSDate NSCalendar::dateFromComponents(const NSDateComponents& components) {
   parts.tm_sec = components.second;
   parts.tm_isdst = -1;
   const std::lock_guard<std::mutex> guard(timeZoneLock);
-  return std::chrono::system_clock::from_time_t(std::mktime(&parts));
+  return std::chrono::system_clock::from_time_t(NSSystem::current().secondsOfLocalTime(&parts));
 }
 
 }  // namespace KQ

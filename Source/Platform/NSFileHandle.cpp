@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "Internal/NSSystem.h"
+#include "Internal/NSFileDescriptor.h"
 
 namespace KQ {
 

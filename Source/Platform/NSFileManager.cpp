@@ -1,17 +1,11 @@
 #include "NSFileManager.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <limits>
-#include <string_view>
+#include <chrono>
 #include <utility>
 
+#include "Internal/NSFileDescriptor.h"
 #include "Internal/NSSystem.h"
 #include "NSString.h"
 
@@ -19,68 +13,70 @@ namespace KQ {
 
 namespace {
 
+constexpr std::uint16_t permissionsOfNewFolder = 0777;
+
 bool fail(NSErrorSlot slot, int code, const std::string& path) {
   NSStoreError(slot, NSError::errorWithPOSIXCode(code, path));
   return false;
 }
 
-NSFileAttributeType typeOf(mode_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFREG:
+NSFileAttributeType typeOf(NSItemType type) {
+  switch (type) {
+    case NSItemType::File:
       return NSFileTypeRegular;
-    case S_IFDIR:
+    case NSItemType::Folder:
       return NSFileTypeDirectory;
-    case S_IFLNK:
+    case NSItemType::Link:
       return NSFileTypeSymbolicLink;
-    case S_IFSOCK:
+    case NSItemType::Socket:
       return NSFileTypeSocket;
-    case S_IFCHR:
+    case NSItemType::CharacterDevice:
       return NSFileTypeCharacterSpecial;
-    case S_IFBLK:
+    case NSItemType::BlockDevice:
       return NSFileTypeBlockSpecial;
     default:
       return NSFileTypeUnknown;
   }
 }
 
-NSDate dateOf(const timespec& time) {
+// The date, cut to what the clock can tell apart and moved to the nearest one that it can hold.
+NSDate dateOf(const NSItemStatus& status) {
   using std::chrono::duration_cast;
   using std::chrono::nanoseconds;
   using std::chrono::seconds;
-  // Taken apart towards zero, so that neither part leaves the range before the whole does.
-  const bool before1970 = time.tv_sec < 0;
-  const seconds whole(time.tv_sec + (before1970 ? 1 : 0));
-  const nanoseconds rest = nanoseconds(time.tv_nsec) - (before1970 ? seconds(1) : seconds(0));
-  const nanoseconds earliest = NSDate::min().time_since_epoch();
-  const nanoseconds latest = NSDate::max().time_since_epoch();
-  const auto earliestWhole = duration_cast<seconds>(earliest);
-  const auto latestWhole = duration_cast<seconds>(latest);
-  if (whole > latestWhole || (whole == latestWhole && rest > latest - latestWhole)) return NSDate::max();
-  if (whole < earliestWhole || (whole == earliestWhole && rest < earliest - earliestWhole))
-    return NSDate::min();
-  return NSDate(whole + rest);
+  const auto earliest = std::chrono::ceil<seconds>(NSDate::min().time_since_epoch());
+  const auto latest = std::chrono::floor<seconds>(NSDate::max().time_since_epoch());
+  const seconds whole(status.seconds);
+  const nanoseconds rest(status.nanoseconds);
+  if (whole > latest ||
+      (whole == latest && rest > duration_cast<nanoseconds>(NSDate::max().time_since_epoch() - latest)))
+    return NSDate::max();
+  if (whole >= earliest) return NSDate(whole + std::chrono::floor<NSDate::duration>(rest));
+  // Less than a second before the first whole second that the clock holds.
+  const nanoseconds before = nanoseconds(seconds(1)) - rest;
+  const auto room = duration_cast<nanoseconds>(earliest - NSDate::min().time_since_epoch());
+  if (whole < earliest - seconds(1) || before > room) return NSDate::min();
+  return NSDate(NSDate::duration(earliest) - std::chrono::ceil<NSDate::duration>(before));
 }
 
-timespec timeOf(NSDate date) {
+NSItemTime timeOf(NSDate date) {
   const auto whole = std::chrono::floor<std::chrono::seconds>(date);
-  timespec time{};
-  time.tv_sec = whole.time_since_epoch().count();
-  time.tv_nsec = std::chrono::duration_cast<std::chrono::nanoseconds>(date - whole).count();
-  return time;
+  const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(date - whole);
+  return {whole.time_since_epoch().count(), static_cast<std::int32_t>(rest.count())};
 }
 
-bool statusOf(const std::string& path, struct stat* status) {
-  return NSRepeatingInterrupted([&] { return ::stat(NSSystemPath(path), status); }) == 0;
+int statusOf(const std::string& path, bool followingLink, NSItemStatus* status) {
+  return -NSSystem::current().statusAt(NSCurrentFolder, NSSystemPath(path), followingLink, status);
 }
 
 bool isFolder(const std::string& path) {
-  struct stat status {};
-  return statusOf(path, &status) && S_ISDIR(status.st_mode);
+  NSItemStatus status;
+  return statusOf(path, true, &status) == 0 && status.type == NSItemType::Folder;
 }
 
 // 0, or the reason why the folder could not be made.
 int createFolder(const std::string& path) {
-  return NSRepeatingInterrupted([&] { return ::mkdir(NSSystemPath(path), 0777); }) == 0 ? 0 : errno;
+  return -NSSystem::current().makeFolder(NSCurrentFolder, NSSystemPath(path), permissionsOfNewFolder);
 }
 
 int createFolderWithParents(const std::string& path) {
@@ -93,85 +89,50 @@ int createFolderWithParents(const std::string& path) {
   return code == EEXIST && isFolder(path) ? 0 : code;
 }
 
-struct CloseFolder {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
-using OpenFolder = std::unique_ptr<DIR, CloseFolder>;
-
-// Empty, with the reason in `errno`, when the folder cannot be opened.
-OpenFolder openFolder(const std::string& path, bool followingLinks) {
-  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followingLinks ? 0 : O_NOFOLLOW);
-  const int descriptor = NSRepeatingInterrupted([&] { return ::open(NSSystemPath(path), flags); });
-  if (descriptor < 0) return nullptr;
-  OpenFolder folder(::fdopendir(descriptor));
-  if (!folder) {
-    const int code = errno;
-    ::close(descriptor);
-    errno = code;
-  }
-  return folder;
-}
-
-// Null at the end, with `errno` 0, and on an error.
-const dirent* nextEntry(DIR* folder) {
-  const dirent* entry = nullptr;
-  do {
-    errno = 0;
-    // Safe from any thread: the open folder belongs to one walk.
-    entry = ::readdir(folder);  // NOLINT(concurrency-mt-unsafe)
-  } while (entry == nullptr && errno == EINTR);
-  return entry;
-}
-
 // Links are not followed. Not every file system tells the type along with the name. 0, or the reason why the
 // type cannot be found: a folder that is taken for a file would be left out with all that is in it.
-int findWhetherFolder(DIR* folder, const dirent& entry, bool* isFolder) {
-  *isFolder = entry.d_type == DT_DIR;
-  if (entry.d_type != DT_UNKNOWN) return 0;
-  struct stat status {};
-  const int result = NSRepeatingInterrupted(
-      [&] { return ::fstatat(::dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW); });
-  *isFolder = result == 0 && S_ISDIR(status.st_mode);
+int findWhetherFolder(NSHandle folder, const NSListedItem& item, bool* isFolder) {
+  *isFolder = item.type == NSItemType::Folder;
+  if (item.type != NSItemType::Unknown) return 0;
+  NSItemStatus status;
+  const int code = -NSSystem::current().statusAt(folder, item.name.c_str(), false, &status);
+  *isFolder = code == 0 && status.type == NSItemType::Folder;
   // What has vanished meanwhile is told of by whoever opens it.
-  return result == 0 || errno == ENOENT ? 0 : errno;
+  return code == ENOENT ? 0 : code;
 }
 
 }  // namespace
 
 bool NSFileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) {
-  struct stat status {};
-  const bool exists = NSCodeForUnusablePath(path) == 0 && statusOf(path, &status);
-  if (isDirectory != nullptr) *isDirectory = exists && S_ISDIR(status.st_mode);
+  NSItemStatus status;
+  const bool exists = NSCodeForUnusablePath(path) == 0 && statusOf(path, true, &status) == 0;
+  if (isDirectory != nullptr) *isDirectory = exists && status.type == NSItemType::Folder;
   return exists;
 }
 
 std::optional<NSFileAttributes> NSFileManager::attributesOfItemAtPath(const std::string& path,
                                                                       NSErrorSlot error) {
-  struct stat status {};
+  NSItemStatus status;
   int code = NSCodeForUnusablePath(path);
-  if (code == 0 && NSRepeatingInterrupted([&] { return ::lstat(NSSystemPath(path), &status); }) != 0)
-    code = errno;
+  if (code == 0) code = statusOf(path, false, &status);
   if (code != 0) {
     fail(error, code, path);
     return std::nullopt;
   }
-  return NSFileAttributes{static_cast<std::uint64_t>(status.st_size), dateOf(status.st_mtim),
-                          typeOf(status.st_mode), static_cast<std::uint16_t>(status.st_mode & 07777)};
+  return NSFileAttributes{status.size, dateOf(status), typeOf(status.type), status.permissions};
 }
 
 bool NSFileManager::setAttributes(const NSFileAttributes& attributes, const std::string& path,
                                   NSErrorSlot error) {
-  if (const int code = NSCodeForUnusablePath(path); code != 0) return fail(error, code, path);
-  if (!attributes.NSFileModificationDate) {
-    struct stat status {};
-    return statusOf(path, &status) || fail(error, errno, path);
+  int code = NSCodeForUnusablePath(path);
+  if (code == 0 && !attributes.NSFileModificationDate) {
+    NSItemStatus status;
+    code = statusOf(path, true, &status);
+  } else if (code == 0) {
+    code = -NSSystem::current().setTimeAt(NSCurrentFolder, NSSystemPath(path), true,
+                                          timeOf(*attributes.NSFileModificationDate));
   }
-  timespec unchanged{};
-  unchanged.tv_nsec = UTIME_OMIT;
-  const std::array<timespec, 2> times{unchanged, timeOf(*attributes.NSFileModificationDate)};
-  const int result =
-      NSRepeatingInterrupted([&] { return ::utimensat(AT_FDCWD, NSSystemPath(path), times.data(), 0); });
-  return result == 0 || fail(error, errno, path);
+  return code == 0 || fail(error, code, path);
 }
 
 bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
@@ -217,25 +178,29 @@ std::optional<std::vector<NSDirectoryEnumerator::Item>> NSDirectoryEnumerator::_
   const std::string path = isRoot ? root_ : stringByAppendingPathComponent(root_, relativePath);
   // Names below the root are as the file system has them, whatever their bytes.
   int code = isRoot ? NSCodeForUnusablePath(path) : 0;
-  const OpenFolder folder = code == 0 ? openFolder(path, isRoot) : nullptr;
-  if (code == 0 && !folder) code = errno;
-
   std::vector<Item> items;
-  while (code == 0) {
-    const dirent* const entry = nextEntry(folder.get());
-    if (entry == nullptr) {
-      code = errno;
-      break;
-    }
-    const std::string_view name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    Item item{std::string(name), false};
-    code = findWhetherFolder(folder.get(), *entry, &item.isFolder);
-    if (code == 0) items.push_back(std::move(item));
-  }
+  if (code == 0) code = _readFolder(path, isRoot, &items);
   if (code == 0) return items;
   error_ = NSError::errorWithPOSIXCode(code, path);
   return std::nullopt;
+}
+
+// 0, or the reason why the folder could not be read to its end.
+int NSDirectoryEnumerator::_readFolder(const std::string& path, bool followingLink,
+                                       std::vector<Item>* items) {
+  NSSystem& system = NSSystem::current();
+  const unsigned mode = NSOpenToRead | NSOpenFolder | (followingLink ? 0U : NSOpenNoLink);
+  const NSHandle folder = system.open(NSCurrentFolder, NSSystemPath(path), mode, 0);
+  if (folder < 0) return static_cast<int>(-folder);
+  std::unique_ptr<NSFolderListing> listing;
+  int result = system.list(folder, &listing);
+  NSListedItem item;
+  while (result >= 0 && (result = listing->next(&item)) > 0) {
+    Item found{item.name, false};
+    result = -findWhetherFolder(folder, item, &found.isFolder);
+    items->push_back(std::move(found));
+  }
+  return -result;
 }
 
 }  // namespace KQ

@@ -62,6 +62,7 @@ class KQZIP_EXPORT NSDirectoryEnumerator {
 
   void _enter(const std::string& relativePath);
   std::optional<std::vector<Item>> _itemsOfFolder(const std::string& relativePath);
+  static int _readFolder(const std::string& path, bool followingLink, std::vector<Item>* items);
 
   std::string root_;
   std::vector<Folder> folders_;

@@ -1,11 +1,11 @@
 #include "NSLog.h"
 
-#include <syslog.h>
-
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <utility>
+
+#include "Internal/NSSystem.h"
 
 namespace KQ {
 
@@ -23,7 +23,7 @@ LogState& logState() {
 }
 
 void logToSystem(const std::string& line) {
-  syslog(LOG_USER | LOG_NOTICE, "%s", line.c_str());
+  NSSystem::current().log(line);
   const std::string withLineEnd = line + '\n';
   // There is nowhere left to report a failure to.
   (void)std::fwrite(withLineEnd.data(), 1, withLineEnd.size(), stderr);

@@ -82,16 +82,16 @@ Function* systemFunction(const char* name) {
 
 }  // namespace KQTest
 
-extern "C" int open(const char* path, int flags, ...) {
-  static auto* const real = KQTest::systemFunction<int(const char*, int, ...)>("open");
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+  static auto* const real = KQTest::systemFunction<int(int, const char*, int, ...)>("openat");
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   KQTest::AtFileMoment* const moment = KQTest::AtFileMoment::active();
-  if (moment == nullptr) return real(path, flags, mode);
+  if (moment == nullptr) return real(folder, path, flags, mode);
   moment->beforeOpen(path);
-  const int file = real(path, flags, mode);
+  const int file = real(folder, path, flags, mode);
   moment->afterOpen(path, file);
   return file;
 }
@@ -109,8 +109,8 @@ extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length
   return real(target, source, offset, length);
 }
 
-extern "C" int lstat(const char* path, struct stat* status) noexcept {
-  static auto* const real = KQTest::systemFunction<int(const char*, struct stat*)>("lstat");
+extern "C" int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
+  static auto* const real = KQTest::systemFunction<int(int, const char*, struct stat*, int)>("fstatat");
   if (KQTest::AtFileMoment* const moment = KQTest::AtFileMoment::active()) moment->beforeAttributes(path);
-  return real(path, status);
+  return real(folder, path, status, flags);
 }

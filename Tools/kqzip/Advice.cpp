@@ -8,10 +8,6 @@ namespace {
 
 constexpr char roomNeeded[] = "check that there is room for it";
 
-// The library's codes for data that could not be read and for data that could not be written.
-constexpr std::int64_t reading = -50;
-constexpr std::int64_t writing = -51;
-
 }  // namespace
 
 std::string withRemarks(const std::string& text, const std::vector<std::string>& remarks) {
@@ -50,8 +46,8 @@ std::string adviceFor(int code) {
 std::string adviceFor(const std::shared_ptr<const KQ::NSError>& error) {
   if (!error) return {};
   if (error->domain() == KQ::NSPOSIXErrorDomain) return adviceFor(static_cast<int>(error->code()));
-  if (error->code() == reading) return "check that the file can be read";
-  return error->code() == writing ? roomNeeded : std::string();
+  if (error->code() == KQZipErrorReading) return "check that the file can be read";
+  return error->code() == KQZipErrorWriting ? roomNeeded : std::string();
 }
 
 }  // namespace Tool

@@ -38,8 +38,6 @@ constexpr std::uint64_t nameLengthAt = 26;
 // The Zip64 end record's own size field counts what follows it.
 constexpr std::uint64_t zip64SizeFieldEnd = 12;
 
-constexpr std::int64_t unsupportedCompression = -101;
-
 std::uint64_t sizeOfArchive(const std::string& path) {
   requireArchiveFile(path);
   std::error_code error;
@@ -317,7 +315,7 @@ bool ArchiveScan::stopInsideLocalHeader(std::uint64_t start,
   if (nameEnd + extraLength > fileSize_) return stop({name, "ends inside its header"});
   const auto reason = error ? error : stream_->streamError();
   if (!reason) return stop({name, "has extra fields that do not fit its header"});
-  if (reason->code() == unsupportedCompression)
+  if (reason->code() == KQZipErrorUnsupportedCompression)
     return stop({name, "is compressed; only stored entries can be read", otherProgramNeeded});
   return stop({name, "cannot be read: " + reason->localizedDescription()});
 }

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "../NSStream.h"
-#include "NSSystem.h"
+#include "NSFileDescriptor.h"
 
 namespace KQ {
 

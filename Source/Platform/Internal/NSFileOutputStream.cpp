@@ -84,8 +84,7 @@ void NSFileOutputStream::_offerNoRoom() {
 
 // Writes what is buffered and `length` bytes behind it with one call.
 bool NSFileOutputStream::_writeThrough(const std::uint8_t* buffer, std::uint64_t length) {
-  std::array<iovec, 2> pieces{iovec{buffer_.get(), _buffered()},
-                              iovec{const_cast<std::uint8_t*>(buffer), length}};
+  std::array<NSPiece, 2> pieces{NSPiece{buffer_.get(), _buffered()}, NSPiece{buffer, length}};
   if (!file_.writeAll(pieces.data(), static_cast<int>(pieces.size()))) return _fail(errno);
   passedOn_ += _buffered() + length;
   room_ = buffer_.get();

@@ -452,6 +452,23 @@ TEST(KQZipFileEntry, ExtraFieldsAreAppendedAndReplacedInTheEntrysOwnList) {
   EXPECT_EQ(0, entry.extraFieldLength());
 }
 
+TEST(KQZipFileEntry, NoFieldAtAllIsIgnored) {
+  KQZipFileEntry entry;
+  entry.addExtraField(nullptr);
+  EXPECT_TRUE(entry.extraFields().empty());
+  EXPECT_FALSE(entry.isDirectory());
+  const auto field = fieldWith(1000, "1");
+  entry.setExtraFields({nullptr, field, nullptr});
+  entry.addExtraField(nullptr);
+  EXPECT_EQ(std::vector<std::shared_ptr<KQZipExtraField>>{field}, entry.extraFields());
+  EXPECT_FALSE(entry.isDirectory());
+  EXPECT_EQ(nullptr, entry.findZip64InfoField());
+  EXPECT_EQ(30U + 5U, entry.outputSize());
+  KQZipFileEntry copy;
+  copy.copyPropertiesFromHeader(entry);
+  EXPECT_EQ(1U, copy.extraFields().size());
+}
+
 TEST(KQZipFileEntry, TheFirstZip64FieldIsFound) {
   KQZipFileEntry entry;
   entry.addExtraField(fieldWith(0x7777, "other"));

@@ -417,6 +417,62 @@ TEST(KQZipFileLocalHeader, CancellingDuringTheCopyStopsItBeforeTheNextBlock) {
   }
 }
 
+// A stream whose code does something when it is asked where it stands, which a write does once.
+class AskedStream : public TestOutputStream {
+ public:
+  explicit AskedStream(std::function<void()> action) : action_(std::move(action)) {}
+  std::optional<std::uint64_t> NSStreamFileCurrentOffsetKey() const override {
+    action_();
+    return TestOutputStream::NSStreamFileCurrentOffsetKey();
+  }
+
+ private:
+  std::function<void()> action_;
+};
+
+TEST(KQZipFileLocalHeader, ASourceThatIsSetDuringAWriteWithoutOneIsForTheNextWrite) {
+  const Source source("0123456789");
+  KQZipFileLocalHeader header;
+  header.setFileName("name.txt");
+  AskedStream stream([&] { header.setSourceFilePath(source.path); });
+  ErrorPointer error;
+  EXPECT_FALSE(header.writeToStream(stream, &error));
+  expectKQZipError(error, -50, "Source file doesn't exist: (null)");
+  EXPECT_EQ("", stream.bytes);
+  EXPECT_EQ(source.path, header.sourceFilePath());
+  EXPECT_TRUE(header.needsToCalculateCRC());
+
+  TestOutputStream next;
+  EXPECT_TRUE(header.writeToStream(next, &error));
+  expectSameBytes(source.fields().bytes() + source.contents, next.bytes);
+}
+
+TEST(KQZipFileLocalHeader, ASourceThatIsSetDuringAWriteIsForTheNextWriteWheneverItIsSet) {
+  for (const bool isRemoved : {false, true}) {
+    const Source source("0123456789");
+    const std::string other = source.folder / "other";
+    writeFile(other, "something else");
+    const std::optional<std::string> set = isRemoved ? std::nullopt : std::optional(other);
+    const std::string expected = source.fields().bytes() + source.contents;
+
+    AskedStream asked([&] { source.header->setSourceFilePath(set); });
+    EXPECT_TRUE(source.header->writeToStream(asked));
+    expectSameBytes(expected, asked.bytes);
+
+    for (std::size_t write = 1; write <= headerWrites.size() + 1; ++write) {
+      const auto header = KQZipFileLocalHeader::initWithSourceFile(source.path);
+      header->setFileName("name.txt");
+      TestOutputStream stream;
+      stream.beforeWrite = [&](std::size_t number) {
+        if (number == write) header->setSourceFilePath(set);
+      };
+      EXPECT_TRUE(header->writeToStream(stream)) << write;
+      expectSameBytes(expected, stream.bytes);
+      EXPECT_EQ(set, header->sourceFilePath());
+    }
+  }
+}
+
 TEST(KQZipFileLocalHeader, CancellingDuringTheLastBlockIsASuccessThatStaysCurrent) {
   Source source("0123456789");
   TestOutputStream stream;

@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "../Internal/KQZipError.h"
+#include "../Internal/KQZipSourceOfWrite.h"
 #include "../Internal/KQZipTextBlock.h"
 #include "../Internal/KQZipTransfer.h"
 #include "../KQZipStreamPrimitives.h"
@@ -19,6 +20,10 @@ static const KQZipExtraFieldZip64ExtendedInfo* asZip64(const KQZipExtraField& fi
   if (field.fieldSignature() != Zip64::identifier) return nullptr;
   return typeid(field) == typeid(Zip64) ? static_cast<const Zip64*>(&field)
                                         : dynamic_cast<const Zip64*>(&field);
+}
+
+static std::optional<std::string> textOf(const std::shared_ptr<const std::string>& path) {
+  return path ? std::optional(*path) : std::nullopt;
 }
 
 KQZipFileEntry::~KQZipFileEntry() = default;
@@ -46,7 +51,7 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   extraFieldLength_ = header.extraFieldLength_;
   fileName_.set(header.sharedFileName());
   fileNameLength_ = header.fileNameLength_;
-  sourceFilePath_.set(header._sharedSourceFilePath());
+  sourceFilePath_.set(header.sourceFilePath_.get());
 
   KQZipExtraFieldList copies;
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
@@ -62,6 +67,7 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
 }
 
 bool KQZipFileEntry::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
+  const KQZipSourceOfWrite source(*this);
   offset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
   return _prepareForWritingError(error);
 }
@@ -71,10 +77,11 @@ bool KQZipFileEntry::parseFromStream(KQ::NSInputStream& /*stream*/, KQ::NSErrorS
 }
 
 void KQZipFileEntry::addExtraField(std::shared_ptr<KQZipExtraField> field) {
-  extraFields_.push_back(std::move(field));
+  if (field) extraFields_.push_back(std::move(field));
 }
 
 void KQZipFileEntry::setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields) {
+  std::erase(fields, nullptr);
   extraFields_.assign(std::move(fields));
 }
 
@@ -130,11 +137,10 @@ void KQZipFileEntry::setModificationDate(KQ::NSDate date) {
 }
 
 bool KQZipFileEntry::calculateCRCOfSourceFile() {
-  const auto path = _sharedSourceFilePath();
+  const auto path = _sourceOfWork();
   const auto stream = path ? KQ::NSInputStream::inputStreamWithFileAtPath(*path) : nullptr;
   if (!stream) {
-    KQ::NSLog(
-        KQ::stringWithFormat("failed to calculate crc: failed to open stream at %@", {sourceFilePath()}));
+    KQ::NSLog(KQ::stringWithFormat("failed to calculate crc: failed to open stream at %@", {textOf(path)}));
     return false;
   }
   stream->open();
@@ -172,10 +178,7 @@ void KQZipFileEntry::updateModificationDate() {
   if (const auto attributes = _attributesOfSourceFile()) _updateModificationDateFromAttributes(*attributes);
 }
 
-std::optional<std::string> KQZipFileEntry::sourceFilePath() const {
-  const auto path = _sharedSourceFilePath();
-  return path ? std::optional(*path) : std::nullopt;
-}
+std::optional<std::string> KQZipFileEntry::sourceFilePath() const { return textOf(sourceFilePath_.get()); }
 
 void KQZipFileEntry::setSourceFilePath(std::optional<std::string> value) {
   sourceFilePath_.set(value ? std::make_shared<const std::string>(*std::move(value)) : nullptr);
@@ -201,14 +204,15 @@ bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot err
 }
 
 bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
-  if (!_sharedSourceFilePath()) {
+  const auto path = _sourceOfWork();
+  if (!path) {
     // Filled with no path, which is meant: there is none to name.
     return KQZipFail(error, KQZipErrorReading,
-                     KQ::stringWithFormat("Source file doesn't exist: %@", {sourceFilePath()}));
+                     KQ::stringWithFormat("Source file doesn't exist: %@", {textOf(path)}));
   }
   if (needsToCalculateCRC() && !calculateCRCOfSourceFile()) {
     return KQZipFail(error, KQZipErrorReading,
-                     KQ::stringWithFormat("Can't calculate CRC of %@", {sourceFilePath()}));
+                     KQ::stringWithFormat("Can't calculate CRC of %@", {textOf(path)}));
   }
   if (needsToUpdateAttributesFromSourceFile()) updateAttributesFromSourceFile();
 
@@ -270,9 +274,9 @@ std::uint64_t KQZipFileEntry::_sizeOfNameAndExtraFields() const {
 }
 
 std::optional<KQ::NSFileAttributes> KQZipFileEntry::_attributesOfSourceFile() const {
-  const auto path = _sharedSourceFilePath();
+  const auto path = _sourceOfWork();
   auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
-  if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {sourceFilePath()}));
+  if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {textOf(path)}));
   return attributes;
 }
 

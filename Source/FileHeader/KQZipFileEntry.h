@@ -56,9 +56,9 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   /// The extra fields in the order in which they stand on disk. A reference to the entry's own list.
   const KQZipExtraFieldList& extraFields() const { return extraFields_; }
-  /// Appends a field.
+  /// Appends a field; null is ignored.
   void addExtraField(std::shared_ptr<KQZipExtraField> field);
-  /// Replaces the contents of the list.
+  /// Replaces the contents of the list; nulls are ignored.
   void setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields);
 
   /// The first extra field whose id is 1 and that is of the Zip64 class, or nothing.
@@ -166,7 +166,8 @@ class KQZIP_EXPORT KQZipFileEntry {
   KQ::NSSharedString sharedFileName() const { return fileName_.get(); }
   void setSharedFileName(KQ::NSSharedString value) { fileName_.set(std::move(value)); }  ///< Atomic.
 
-  /// The path of the file that the entry's data comes from, for writing. Atomic.
+  /// The path of the file that the entry's data comes from, for writing. Atomic. A write uses the path that
+  /// stands when it begins, whatever is set meanwhile.
   std::optional<std::string> sourceFilePath() const;
   void setSourceFilePath(std::optional<std::string> value);  ///< Atomic.
 
@@ -206,9 +207,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// Sets the date from `attributes`.
   void _updateModificationDateFromAttributes(const KQ::NSFileAttributes& attributes);
 
-  /// sourceFilePath() without a copy; null when there is none.
-  std::shared_ptr<const std::string> _sharedSourceFilePath() const { return sourceFilePath_.get(); }
-
   /// Reads fileNameLength() bytes and makes them the name, absent when they are not valid UTF-8.
   bool _parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
   /// Reads extra fields until the stream stands extraFieldLength() bytes from here or further.
@@ -236,6 +234,12 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// @}
 
  private:
+  friend class KQZipSourceOfWrite;
+
+  // The path of the write that goes on, else sourceFilePath(); null when there is none.
+  std::shared_ptr<const std::string> _sourceOfWork() const {
+    return sourceOfWrite_ != nullptr ? *sourceOfWrite_ : sourceFilePath_.get();
+  }
   std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
   std::uint32_t _dateAndTime() const;
 
@@ -249,4 +253,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   KQ::NSAtomicProperty<KQ::NSSharedString> fileName_;
   KQ::NSAtomicProperty<std::shared_ptr<const std::string>> sourceFilePath_;
   KQZipExtraFieldList extraFields_;
+  // The path of the write that goes on; null while there is none.
+  const std::shared_ptr<const std::string>* sourceOfWrite_ = nullptr;
 };

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "../Internal/KQZipError.h"
+#include "../Internal/KQZipSourceOfWrite.h"
 #include "../Internal/KQZipTransfer.h"
 #include "../KQZipStreamPrimitives.h"
 #include "../Platform/NSLog.h"
@@ -30,7 +31,8 @@ std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithStream(KQ::N
 }
 
 bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  const auto path = _sharedSourceFilePath();
+  const KQZipSourceOfWrite sourceOfWrite(*this);
+  const auto& path = sourceOfWrite.path();
   const auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
   const std::uint64_t size = attributes ? attributes->NSFileSize.value_or(0) : 0;
   // One pass for the CRC, one for the copy.

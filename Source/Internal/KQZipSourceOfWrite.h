@@ -1,0 +1,27 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "../FileHeader/KQZipFileEntry.h"
+
+/// The source path of an entry's write, the same from the write's beginning to its end: the code of a stream,
+/// of the log or of a subclass may set another meanwhile.
+class KQZipSourceOfWrite {
+ public:
+  /// Begins a write, or a part of the one that goes on already and whose path it shares.
+  explicit KQZipSourceOfWrite(KQZipFileEntry& entry)
+      : entry_(entry), path_(entry._sourceOfWork()), outer_(std::exchange(entry.sourceOfWrite_, &path_)) {}
+  ~KQZipSourceOfWrite() { entry_.sourceOfWrite_ = outer_; }
+  KQZipSourceOfWrite(const KQZipSourceOfWrite&) = delete;
+  KQZipSourceOfWrite& operator=(const KQZipSourceOfWrite&) = delete;
+
+  /// Null when the entry has no source.
+  const std::shared_ptr<const std::string>& path() const { return path_; }
+
+ private:
+  KQZipFileEntry& entry_;
+  const std::shared_ptr<const std::string> path_;
+  const std::shared_ptr<const std::string>* const outer_;
+};

@@ -5,6 +5,7 @@
 
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipFailedWrite.h"
+#include "Platform/Internal/NSBufferedStreams.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSString.h"
 
@@ -24,7 +25,7 @@ bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64
 template <class Integer>
 bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlot error) {
   std::array<std::uint8_t, sizeof(Integer)> bytes;
-  if (!stream.takeAtHand(bytes.data(), bytes.size())) {
+  if (!KQ::NSBufferedInputStream::take(stream, bytes.data(), bytes.size())) {
     // Starts from the value as it is, so that bytes which are not delivered stay.
     for (std::size_t i = 0; i < bytes.size(); ++i)
       bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
@@ -48,7 +49,7 @@ template <class Integer>
 bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot error) {
   std::array<std::uint8_t, sizeof(Integer)> bytes;
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
-  return stream.putIntoRoom(bytes.data(), bytes.size()) ||
+  return KQ::NSBufferedOutputStream::put(stream, bytes.data(), bytes.size()) ||
          writeBlock(stream, bytes.data(), bytes.size(), error);
 }
 
@@ -56,7 +57,7 @@ bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot err
 
 bool KQZipReadBlockBytes(KQ::NSInputStream& stream, void* destination, std::uint64_t length,
                          KQ::NSErrorSlot error) {
-  return length == 0 || stream.takeAtHand(destination, length) ||
+  return length == 0 || KQ::NSBufferedInputStream::take(stream, destination, length) ||
          readBlock(stream, static_cast<std::uint8_t*>(destination), length, error);
 }
 
@@ -80,7 +81,7 @@ bool KQZipReportFailedWrite(KQ::NSErrorSlot error) {
 
 bool KQZipWriteBlockBytes(KQ::NSOutputStream& stream, const void* source, std::uint64_t length,
                           KQ::NSErrorSlot error) {
-  return length == 0 || stream.putIntoRoom(source, length) ||
+  return length == 0 || KQ::NSBufferedOutputStream::put(stream, source, length) ||
          writeBlock(stream, static_cast<const std::uint8_t*>(source), length, error);
 }
 

@@ -1,6 +1,7 @@
 // What streams offer of their buffers, mixed at random with the calls that it stands for.
 
 #include <KQZip/KQZip.h>
+#include <KQZip/Platform/Internal/NSBufferedStreams.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -44,14 +45,15 @@ void expectDelivers(const std::string& bytes, KQ::NSInputStream& stream) {
         break;
       case 3:
         // A look at what is at hand takes nothing.
-        if (const std::uint8_t* const bytesAtHand = stream.bytesAtHand(wanted);
+        if (const std::uint8_t* const bytesAtHand =
+                KQ::NSBufferedInputStream::of(stream)->bytesAtHand(wanted);
             bytesAtHand != nullptr && wanted != 0) {
           ASSERT_EQ(bytes.substr(position, wanted), std::string(bytesAtHand, bytesAtHand + wanted));
           ++looks;
         }
         continue;
       default:
-        count = stream.takeAtHand(piece.data(), wanted) ? wanted : 0;
+        count = KQ::NSBufferedInputStream::take(stream, piece.data(), wanted) ? wanted : 0;
         taken += count;
         break;
     }
@@ -88,22 +90,22 @@ TEST(StreamBuffers, NothingIsAtHandWhileAReadWouldFailOrChangeTheStatus) {
                              KQ::NSInputStream::inputStreamWithData(data)}) {
     std::string bytes(20, '\0');
     auto* const first = reinterpret_cast<std::uint8_t*>(bytes.data());
-    EXPECT_FALSE(stream->takeAtHand(bytes.data(), 1)) << "not open yet";
+    EXPECT_FALSE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 1)) << "not open yet";
     stream->open();
     EXPECT_EQ(2, stream->read(first, 2));
-    EXPECT_FALSE(stream->takeAtHand(bytes.data(), 9)) << "fewer are left";
-    EXPECT_FALSE(stream->takeAtHand(bytes.data(), 0)) << "nothing is a read's business";
-    EXPECT_TRUE(stream->takeAtHand(bytes.data(), 8));
+    EXPECT_FALSE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 9)) << "fewer are left";
+    EXPECT_FALSE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 0)) << "nothing is a read's business";
+    EXPECT_TRUE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 8));
     EXPECT_EQ("23456789", bytes.substr(0, 8));
     EXPECT_EQ(0, stream->read(first, 1));
     EXPECT_EQ(KQ::NSStreamStatusAtEnd, stream->streamStatus());
     EXPECT_TRUE(stream->setNSStreamFileCurrentOffsetKey(0));
-    EXPECT_FALSE(stream->takeAtHand(bytes.data(), 1)) << "the status is still the end";
+    EXPECT_FALSE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 1)) << "the status is still the end";
     EXPECT_EQ(1, stream->read(first, 1));
     EXPECT_EQ(KQ::NSStreamStatusOpen, stream->streamStatus());
-    EXPECT_TRUE(stream->takeAtHand(bytes.data(), 1));
+    EXPECT_TRUE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 1));
     stream->close();
-    EXPECT_FALSE(stream->takeAtHand(bytes.data(), 1)) << "closed";
+    EXPECT_FALSE(KQ::NSBufferedInputStream::take(*stream, bytes.data(), 1)) << "closed";
     EXPECT_EQ(2U, stream->NSStreamFileCurrentOffsetKey());
   }
 }
@@ -112,7 +114,7 @@ TEST(StreamBuffers, WhatIsPutIntoAFileStreamsRoomIsWrittenInItsPlace) {
   const KQTest::TemporaryDirectory directory;
   const std::string path = directory / "file";
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath(path);
-  EXPECT_FALSE(stream->putIntoRoom("x", 1)) << "not open yet";
+  EXPECT_FALSE(KQ::NSBufferedOutputStream::put(*stream, "x", 1)) << "not open yet";
   stream->open();
   const std::string source = KQTest::patternBytes(100000);
   std::mt19937 random(7);
@@ -122,7 +124,7 @@ TEST(StreamBuffers, WhatIsPutIntoAFileStreamsRoomIsWrittenInItsPlace) {
     const std::uint64_t count = random() % 200 == 0 ? random() % source.size() : random() % 40;
     const std::string piece = source.substr(random() % (source.size() - count), count);
     const auto* const first = reinterpret_cast<const std::uint8_t*>(piece.data());
-    if (random() % 4 != 0 && stream->putIntoRoom(first, count)) {
+    if (random() % 4 != 0 && KQ::NSBufferedOutputStream::put(*stream, first, count)) {
       put += count;
     } else {
       ASSERT_EQ(static_cast<std::int64_t>(count), stream->write(first, count));
@@ -137,7 +139,7 @@ TEST(StreamBuffers, WhatIsPutIntoAFileStreamsRoomIsWrittenInItsPlace) {
   stream->close();
   EXPECT_EQ(KQ::NSStreamStatusClosed, stream->streamStatus());
   EXPECT_EQ(expected.size(), stream->NSStreamFileCurrentOffsetKey());
-  EXPECT_FALSE(stream->putIntoRoom("x", 1)) << "closed";
+  EXPECT_FALSE(KQ::NSBufferedOutputStream::put(*stream, "x", 1)) << "closed";
   EXPECT_TRUE(expected == KQTest::readFile(path));
 }
 
@@ -145,10 +147,10 @@ TEST(StreamBuffers, AFileStreamThatFailedOffersNoRoomAndKeepsItsOffset) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "the system has no device that is always full";
   const auto stream = KQ::NSOutputStream::outputStreamToFileAtPath("/dev/full");
   stream->open();
-  ASSERT_TRUE(stream->putIntoRoom("12345", 5));
+  ASSERT_TRUE(KQ::NSBufferedOutputStream::put(*stream, "12345", 5));
   EXPECT_FALSE(stream->flush());
   EXPECT_EQ(KQ::NSStreamStatusError, stream->streamStatus());
-  EXPECT_FALSE(stream->putIntoRoom("x", 1));
+  EXPECT_FALSE(KQ::NSBufferedOutputStream::put(*stream, "x", 1));
   EXPECT_EQ(5U, stream->NSStreamFileCurrentOffsetKey());
 }
 

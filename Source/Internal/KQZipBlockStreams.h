@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <optional>
 
-#include "../Platform/NSStream.h"
+#include "../Platform/Internal/NSBufferedStreams.h"
 
 // Streams over bytes that somebody else keeps, for records in the middle of a block. For the library's own
 // use.
 
 /// Reads `length` bytes at `bytes`, the first of which has the offset 0. All of them are at hand.
-class KQZipBlockInputStream final : public KQ::NSInputStream {
+class KQZipBlockInputStream final : public KQ::NSBufferedInputStream {
  public:
   KQZipBlockInputStream(const std::uint8_t* bytes, std::uint64_t length) : bytes_(bytes) {
     atHand_ = bytes;
@@ -44,7 +44,7 @@ class KQZipBlockInputStream final : public KQ::NSInputStream {
 
 /// Writes over `length` bytes at `bytes`, the first of which has the offset 0, and fails behind them. All of
 /// them are its room.
-class KQZipBlockOutputStream final : public KQ::NSOutputStream {
+class KQZipBlockOutputStream final : public KQ::NSBufferedOutputStream {
  public:
   KQZipBlockOutputStream(std::uint8_t* bytes, std::uint64_t length) : bytes_(bytes) {
     room_ = bytes;

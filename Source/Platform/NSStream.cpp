@@ -16,6 +16,10 @@ std::optional<std::uint64_t> NSStream::NSStreamFileCurrentOffsetKey() const { re
 
 bool NSStream::setNSStreamFileCurrentOffsetKey(std::uint64_t /*offset*/) { return false; }
 
+NSInputStream::~NSInputStream() = default;
+
+NSOutputStream::~NSOutputStream() = default;
+
 bool NSOutputStream::flush() { return true; }
 
 std::shared_ptr<const NSData> NSOutputStream::NSStreamDataWrittenToMemoryStreamKey() const { return nullptr; }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +10,9 @@
 #include "NSError.h"
 
 namespace KQ {
+
+class NSBufferedInputStream;
+class NSBufferedOutputStream;
 
 /// Where a stream stands in its life.
 enum NSStreamStatus {
@@ -57,9 +59,12 @@ class KQZIP_EXPORT NSStream {
   NSStream() = default;
 };
 
-/// A stream to read from.
+/// A stream to read from. A host's own overrides read() and hasBytesAvailable(), and the two operations on
+/// the offset if archives are to be read from it.
 class KQZIP_EXPORT NSInputStream : public NSStream {
  public:
+  ~NSInputStream() override;
+
   /// A stream on the file at `path`, which is opened at once; nothing when it cannot be opened for reading.
   /// What can be opened and not read, a folder for instance, gives a stream whose reads fail.
   ///
@@ -78,33 +83,18 @@ class KQZIP_EXPORT NSInputStream : public NSStream {
   /// False when a read would certainly meet the end; true when there are bytes, or only a read can tell.
   virtual bool hasBytesAvailable() = 0;
 
-  /// Takes `length` bytes out of what the stream has at hand, as a read() of them would, but inline: most
-  /// reads are of 2 to 8 bytes. False, and nothing is taken, when the stream has fewer at hand or `length` is
-  /// 0; read() then fetches more.
-  bool takeAtHand(void* destination, std::uint64_t length) {
-    if (length == 0 || static_cast<std::uint64_t>(atHandEnd_ - atHand_) < length) return false;
-    std::memcpy(destination, atHand_, length);
-    atHand_ += length;
-    return true;
-  }
-
-  /// The next `length` bytes, which stay in the stream: for who looks at a whole record at once. They are
-  /// good until the stream is used again. Null when the stream has fewer at hand, whether or not more follow.
-  const std::uint8_t* bytesAtHand(std::uint64_t length) const {
-    return static_cast<std::uint64_t>(atHandEnd_ - atHand_) < length ? nullptr : atHand_;
-  }
-
- protected:
-  /// The bytes at hand, which the stream's next reads would deliver: a part of its buffer. Both are null for
-  /// a stream that offers none, as a host's own does unless it sets them. A stream that counts its offset
-  /// takes the bytes that have gone into account, and offers none while its status is not Open.
-  const std::uint8_t* atHand_ = nullptr;
-  const std::uint8_t* atHandEnd_ = nullptr;  ///< Behind the last of them.
+ private:
+  friend class NSBufferedInputStream;
+  // This object as one of the library's own; null for a host's.
+  NSBufferedInputStream* buffered_ = nullptr;
 };
 
-/// A stream to write to.
+/// A stream to write to. A host's own overrides write() and NSStreamFileCurrentOffsetKey(), and flush() if it
+/// has a buffer.
 class KQZIP_EXPORT NSOutputStream : public NSStream {
  public:
+  ~NSOutputStream() override;
+
   /// A stream to a file that open() creates, or empties if it exists. It is always made: that the file
   /// could not be opened shows at the first write.
   ///
@@ -126,21 +116,10 @@ class KQZIP_EXPORT NSOutputStream : public NSStream {
   /// Everything written so far, for a stream to memory; empty for every other.
   virtual std::shared_ptr<const NSData> NSStreamDataWrittenToMemoryStreamKey() const;
 
-  /// Puts `length` bytes into the room that the stream's buffer has left, as a write() of them would, but
-  /// inline: most writes are of 2 to 8 bytes. False, and nothing is taken, when there is not enough room or
-  /// `length` is 0; write() then makes some.
-  bool putIntoRoom(const void* source, std::uint64_t length) {
-    if (length == 0 || static_cast<std::uint64_t>(roomEnd_ - room_) < length) return false;
-    std::memcpy(room_, source, length);
-    room_ += length;
-    return true;
-  }
-
- protected:
-  /// Where the next bytes go in the stream's buffer. Both are null for a stream that offers no room, as a
-  /// host's own does unless it sets them, and for one that cannot be written to or has failed.
-  std::uint8_t* room_ = nullptr;
-  std::uint8_t* roomEnd_ = nullptr;  ///< Behind the last byte of the room.
+ private:
+  friend class NSBufferedOutputStream;
+  // This object as one of the library's own; null for a host's.
+  NSBufferedOutputStream* buffered_ = nullptr;
 };
 
 }  // namespace KQ

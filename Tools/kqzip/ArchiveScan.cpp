@@ -1,5 +1,7 @@
 #include "ArchiveScan.h"
 
+#include <KQZip/Platform/Internal/NSBufferedStreams.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -140,7 +142,7 @@ void ArchiveScan::scan(const KQ::NSProgress& work) {
 
 std::optional<std::uint32_t> ArchiveScan::readSignature(std::uint64_t start) {
   std::array<std::uint8_t, 4> bytes{};
-  if (!stream_->takeAtHand(bytes.data(), bytes.size())) {
+  if (!KQ::NSBufferedInputStream::take(*stream_, bytes.data(), bytes.size())) {
     const std::int64_t count = stream_->read(bytes.data(), bytes.size());
     if (count != 4) {
       stopBetweenRecords(start, count);

@@ -1,5 +1,7 @@
 #include "RecordsAtHand.h"
 
+#include <KQZip/Platform/Internal/NSBufferedStreams.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -9,6 +11,11 @@
 namespace Tool {
 
 namespace {
+
+const std::uint8_t* atHand(const KQ::NSInputStream& stream, std::uint64_t length) {
+  const KQ::NSBufferedInputStream* const buffered = KQ::NSBufferedInputStream::of(stream);
+  return buffered == nullptr ? nullptr : buffered->bytesAtHand(length);
+}
 
 // Offsets of the fields, and the size of what is in front of the name, behind the signature.
 namespace Local {
@@ -93,11 +100,11 @@ bool readExtraFields(const std::uint8_t* bytes, std::size_t length, Zip64* zip64
 }  // namespace
 
 std::optional<LocalHeaderAtHand> localHeaderAtHand(const KQ::NSInputStream& stream, std::uint64_t start) {
-  const std::uint8_t* const bytes = stream.bytesAtHand(Local::size);
+  const std::uint8_t* const bytes = atHand(stream, Local::size);
   if (bytes == nullptr || value16(bytes + Local::compression) != stored) return std::nullopt;
   const std::size_t nameLength = value16(bytes + Local::nameLength);
   const std::size_t extraLength = value16(bytes + Local::extraLength);
-  if (stream.bytesAtHand(Local::size + nameLength + extraLength) == nullptr) return std::nullopt;
+  if (atHand(stream, Local::size + nameLength + extraLength) == nullptr) return std::nullopt;
 
   Zip64 zip64;
   if (!readExtraFields(bytes + Local::size + nameLength, extraLength, &zip64)) return std::nullopt;
@@ -120,13 +127,13 @@ std::optional<LocalHeaderAtHand> localHeaderAtHand(const KQ::NSInputStream& stre
 }
 
 std::optional<CentralHeaderAtHand> centralHeaderAtHand(const KQ::NSInputStream& stream) {
-  const std::uint8_t* const bytes = stream.bytesAtHand(Central::size);
+  const std::uint8_t* const bytes = atHand(stream, Central::size);
   if (bytes == nullptr || value16(bytes + Central::compression) != stored) return std::nullopt;
   const std::size_t nameLength = value16(bytes + Central::nameLength);
   const std::size_t extraLength = value16(bytes + Central::extraLength);
   const std::size_t commentLength = value16(bytes + Central::commentLength);
   const std::size_t size = Central::size + nameLength + extraLength + commentLength;
-  if (stream.bytesAtHand(size) == nullptr) return std::nullopt;
+  if (atHand(stream, size) == nullptr) return std::nullopt;
 
   Zip64 zip64;
   if (!readExtraFields(bytes + Central::size + nameLength, extraLength, &zip64)) return std::nullopt;
@@ -146,7 +153,7 @@ std::optional<CentralHeaderAtHand> centralHeaderAtHand(const KQ::NSInputStream& 
 }
 
 std::optional<std::uint64_t> sizeOfCentralHeaderAtHand(const KQ::NSInputStream& stream) {
-  const std::uint8_t* const bytes = stream.bytesAtHand(Central::lengthsEnd);
+  const std::uint8_t* const bytes = atHand(stream, Central::lengthsEnd);
   if (bytes == nullptr) return std::nullopt;
   return signatureSize + Central::size + value16(bytes + Central::nameLength) +
          value16(bytes + Central::extraLength) + value16(bytes + Central::commentLength);

@@ -6,13 +6,13 @@
 #include <optional>
 #include <string>
 
-#include "../NSStream.h"
+#include "NSBufferedStreams.h"
 #include "NSFileDescriptor.h"
 
 namespace KQ {
 
 /// An input stream on a file; see NSInputStream::inputStreamWithFileAtPath().
-class NSFileInputStream final : public NSInputStream {
+class NSFileInputStream final : public NSBufferedInputStream {
  public:
   /// Opens the file; isUsable() says whether that went well.
   explicit NSFileInputStream(std::string path);

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "../NSStream.h"
+#include "NSBufferedStreams.h"
 #include "NSFileDescriptor.h"
 
 namespace KQ {
@@ -14,7 +14,7 @@ namespace KQ {
 class NSFileInputStream;
 
 /// An output stream to a file; see NSOutputStream::outputStreamToFileAtPath().
-class NSFileOutputStream final : public NSOutputStream {
+class NSFileOutputStream final : public NSBufferedOutputStream {
  public:
   /// What open() does with a file that exists.
   enum class Existing { Emptied, Refused };

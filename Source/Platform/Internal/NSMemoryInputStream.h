@@ -5,12 +5,12 @@
 #include <optional>
 #include <utility>
 
-#include "../NSStream.h"
+#include "NSBufferedStreams.h"
 
 namespace KQ {
 
 /// An input stream on a byte buffer; see NSInputStream::inputStreamWithData().
-class NSMemoryInputStream final : public NSInputStream {
+class NSMemoryInputStream final : public NSBufferedInputStream {
  public:
   explicit NSMemoryInputStream(std::shared_ptr<const NSData> data) : data_(std::move(data)) {}
 

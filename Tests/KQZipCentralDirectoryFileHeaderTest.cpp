@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "Support/EntryRecords.h"
@@ -569,6 +570,27 @@ TEST(KQZipCentralDirectoryFileHeader, AHeaderThatWasNotCopiedComputesItsOwnCrc) 
   EXPECT_TRUE(header.writeToStream(stream, nullptr));
   EXPECT_EQ(hex(entry.fields(1000, 1000).bytes()), hex(stream.bytes));
   EXPECT_FALSE(header.needsToCalculateCRC());
+}
+
+TEST(KQZipCentralDirectoryFileHeader, AHeaderForASourceFileIsACentralHeaderOfIt) {
+  const LogCapture log;
+  const WrittenEntry entry(1000);
+  const auto header = KQZipCentralDirectoryFileHeader::initWithSourceFile(entry.path);
+  static_assert(std::is_same_v<decltype(header), const std::shared_ptr<KQZipCentralDirectoryFileHeader>>);
+  EXPECT_EQ(entry.path, header->sourceFilePath());
+  EXPECT_EQ(entry.path, header->fileName());
+  EXPECT_EQ(0x031E, header->versionMadeBy());
+  EXPECT_TRUE(header->extraFields().empty());
+  EXPECT_TRUE(header->needsToCalculateCRC());
+  header->setFileName("5byte");
+  header->setLocalHeader(entry.local);
+  TestOutputStream stream;
+  EXPECT_TRUE(header->writeToStream(stream, nullptr));
+  EXPECT_EQ(hex(entry.fields(1000, 1000).bytes()), hex(stream.bytes));
+  EXPECT_EQ(Lines(), log.lines());
+
+  EXPECT_TRUE(KQZipCentralDirectoryFileHeader::initWithSourceFile("/no/such/file"));
+  EXPECT_EQ(Lines(), log.lines()) << "the file is not looked at";
 }
 
 TEST(KQZipCentralDirectoryFileHeader, AWriteMakesNoProgress) {

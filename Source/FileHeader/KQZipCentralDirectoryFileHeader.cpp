@@ -14,6 +14,13 @@ static const KQ::NSSharedString& emptyComment() {
 
 KQZipCentralDirectoryFileHeader::KQZipCentralDirectoryFileHeader() : fileComment_(emptyComment()) {}
 
+std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader::initWithSourceFile(
+    const std::string& path) {
+  auto header = std::make_shared<KQZipCentralDirectoryFileHeader>();
+  header->_setSourceFile(path);
+  return header;
+}
+
 std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader::initWithStream(
     KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   auto header = std::make_shared<KQZipCentralDirectoryFileHeader>();

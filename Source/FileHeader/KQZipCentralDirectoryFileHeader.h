@@ -21,6 +21,10 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   /// A header made by Unix 3.0 with an empty comment, no attributes and the defaults of an entry.
   KQZipCentralDirectoryFileHeader();
 
+  /// A header for the file at `path`, which is also its name until another is set. It has no extra field
+  /// until a write adds its Zip64 field. The file is not looked at.
+  static std::shared_ptr<KQZipCentralDirectoryFileHeader> initWithSourceFile(const std::string& path);
+
   /// A header parsed from `stream`. On failure nothing; the slot holds the parse's error and the line "Failed
   /// to parse %@ from stream: %@" is logged.
   static std::shared_ptr<KQZipCentralDirectoryFileHeader> initWithStream(KQ::NSInputStream& stream,

@@ -33,6 +33,8 @@ class KQZIP_EXPORT KQZipFileEntry {
   KQZipFileEntry& operator=(const KQZipFileEntry&) = delete;  ///< See copyPropertiesFromHeader().
 
   /// An entry for the file at `path`, which is also its name until another is set. The file is not looked at.
+  /// Both headers have operations of their own for this and for the next; as inherited by another subclass
+  /// they make an entry of this class.
   static std::shared_ptr<KQZipFileEntry> initWithSourceFile(const std::string& path);
 
   /// An entry parsed from `stream`. On failure nothing; the slot holds the parse's error and the line "Failed

@@ -412,6 +412,25 @@ TEST(KQZipFileEntry, CopyingTakesEverythingBeforeTheExtraFieldsAndInstallsThemBe
   EXPECT_EQ(dosTime(12, 34, 56), copy.modTime());
 }
 
+TEST(KQZipFileEntry, ACopyHasTheDateThatTheFieldsHaveInTheTimeZoneOfTheCopying) {
+  KQZipFileEntry source;
+  {
+    const TimeZone zone(utc);
+    source.setModificationDate(KQ::NSDate(std::chrono::seconds(utcSeconds(2021, 3, 28, 2, 30, 0))));
+    ASSERT_EQ(dosTime(2, 30, 0), source.modTime());
+  }
+  // The clock is put forward from two to three there in that night.
+  const TimeZone zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  KQZipFileEntry copy;
+  copy.copyPropertiesFromHeader(source);
+  EXPECT_EQ(dosDate(2021, 3, 28), copy.modDate());
+  EXPECT_EQ(dosTime(3, 30, 0), copy.modTime());
+  EXPECT_EQ(dosTime(2, 30, 0), source.modTime());
+  KQZipFileEntry second;
+  second.copyPropertiesFromHeader(copy);
+  EXPECT_EQ(dosTime(3, 30, 0), second.modTime());
+}
+
 TEST(KQZipFileEntry, TheDateIsCopiedAsADateSoImpossibleFieldsComeOutNormalised) {
   const TimeZone zone(utc);
   KQZipFileEntry source;

@@ -57,13 +57,8 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
   extraFields_.swap(copies);
 
-  // By way of the date, so that impossible fields are normalised in the copy. Fields that came from a date
-  // would come back as they are.
-  possibleDateAndTime_ = header.possibleDateAndTime_;
-  modTime_ = header.modTime_;
-  modDate_ = header.modDate_;
-  if (possibleDateAndTime_ == 0 || possibleDateAndTime_ != _dateAndTime())
-    setModificationDate(header.modificationDate());
+  // By way of the date, so that the copy has no fields that are impossible in the time zone of now.
+  setModificationDate(header.modificationDate());
 }
 
 bool KQZipFileEntry::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
@@ -132,8 +127,6 @@ void KQZipFileEntry::setModificationDate(KQ::NSDate date) {
   // The bits of a year outside 1980 to 2107 that do not fit are dropped, nothing is clamped.
   modDate_ =
       static_cast<std::uint16_t>(components.day | components.month << 5 | ((components.year << 9) - 0x7800));
-  const bool wrapped = components.year < 1980 || components.year > 2107;
-  possibleDateAndTime_ = wrapped ? 0 : _dateAndTime();
 }
 
 bool KQZipFileEntry::calculateCRCOfSourceFile() {
@@ -278,8 +271,4 @@ std::optional<KQ::NSFileAttributes> KQZipFileEntry::_attributesOfSourceFile() co
   auto attributes = path ? KQ::NSFileManager::attributesOfItemAtPath(*path) : std::nullopt;
   if (!attributes) KQ::NSLog(KQ::stringWithFormat("failed to get attributes for %@", {textOf(path)}));
   return attributes;
-}
-
-std::uint32_t KQZipFileEntry::_dateAndTime() const {
-  return static_cast<std::uint32_t>(modDate_) << 16 | modTime_;
 }

@@ -243,14 +243,11 @@ class KQZIP_EXPORT KQZipFileEntry {
     return sourceOfWrite_ != nullptr ? *sourceOfWrite_ : sourceFilePath_.get();
   }
   std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
-  std::uint32_t _dateAndTime() const;
 
   bool needsToCalculateCRC_ = true;
   bool needsToSetModificationDate_ = true;
   bool needsToSetFileSize_ = true;
   std::optional<std::uint16_t> sourceFilePermissions_;
-  // The date and time fields that came from a date, and so are possible ones; 0 is none.
-  std::uint32_t possibleDateAndTime_ = 0;
   std::uint64_t sourceFileSize_ = 0;
   KQ::NSAtomicProperty<KQ::NSSharedString> fileName_;
   KQ::NSAtomicProperty<std::shared_ptr<const std::string>> sourceFilePath_;

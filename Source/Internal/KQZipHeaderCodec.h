@@ -1,0 +1,324 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "KQZipLittleEndian.h"
+
+// The layouts of the format's records, for those who have a record's bytes in memory: they decode and encode
+// it in one piece. The record classes move the same fields one by one through a stream. Nothing here
+// allocates, throws, or looks past the bytes that it is given.
+
+/// Bytes of a record.
+using KQZipBytes = std::span<const std::uint8_t>;
+
+/// Room for a record's bytes.
+using KQZipRoom = std::span<std::uint8_t>;
+
+/// Bytes of the signature that begins each record.
+inline constexpr std::size_t KQZipSignatureSize = 4;
+
+/// A 32-bit size or offset that stands for one in the Zip64 field.
+inline constexpr std::uint32_t KQZipSaturated32 = 0xFFFFFFFF;
+
+/// A 16-bit count or disk number that stands for one in a Zip64 record.
+inline constexpr std::uint16_t KQZipSaturated16 = 0xFFFF;
+
+// The parts of fixed length. Each lists its fields once, in the order of the disk. The defaults are those
+// with which a fresh object of the record's class is written.
+
+/// The local header; the name and the extra fields follow, then the data.
+struct KQZipLocalHeaderFields {
+  static constexpr std::uint32_t signature = 0x04034b50;  ///< 50 4B 03 04 on disk.
+  static constexpr std::size_t size = 30;                 ///< With the signature.
+
+  std::uint16_t versionNeeded = 45;                   ///< Version needed to extract.
+  std::uint16_t flags = 0;                            ///< General purpose bit flags.
+  std::uint16_t compression = 0;                      ///< Compression method; 0 is stored.
+  std::uint16_t modTime = 0;                          ///< MS-DOS time.
+  std::uint16_t modDate = 0;                          ///< MS-DOS date.
+  std::uint32_t crc32 = 0;                            ///< CRC-32 of the data.
+  std::uint32_t compressedSize = KQZipSaturated32;    ///< Bytes of data in the archive.
+  std::uint32_t uncompressedSize = KQZipSaturated32;  ///< Bytes of data once unpacked.
+  std::uint16_t fileNameLength = 0;                   ///< Bytes of the name.
+  std::uint16_t extraFieldLength = 0;                 ///< Bytes of the extra fields.
+
+  /// Calls `visit` with each field.
+  template <class Fields, class Visit>
+  static constexpr void forEach(Fields& fields, const Visit& visit) {
+    visit(fields.versionNeeded);
+    visit(fields.flags);
+    visit(fields.compression);
+    visit(fields.modTime);
+    visit(fields.modDate);
+    visit(fields.crc32);
+    visit(fields.compressedSize);
+    visit(fields.uncompressedSize);
+    visit(fields.fileNameLength);
+    visit(fields.extraFieldLength);
+  }
+
+  /// Bytes of the whole header, up to the data.
+  std::uint64_t wholeSize() const { return std::uint64_t{size} + fileNameLength + extraFieldLength; }
+};
+
+/// The central header; the name, the extra fields and the comment follow.
+struct KQZipCentralHeaderFields {
+  static constexpr std::uint32_t signature = 0x02014b50;  ///< 50 4B 01 02 on disk.
+  static constexpr std::size_t size = 46;                 ///< With the signature.
+
+  std::uint16_t versionMadeBy = 0x031E;               ///< Host system and version; this is Unix, 3.0.
+  std::uint16_t versionNeeded = 45;                   ///< Version needed to extract.
+  std::uint16_t flags = 0;                            ///< General purpose bit flags.
+  std::uint16_t compression = 0;                      ///< Compression method; 0 is stored.
+  std::uint16_t modTime = 0;                          ///< MS-DOS time.
+  std::uint16_t modDate = 0;                          ///< MS-DOS date.
+  std::uint32_t crc32 = 0;                            ///< CRC-32 of the data.
+  std::uint32_t compressedSize = KQZipSaturated32;    ///< Bytes of data in the archive.
+  std::uint32_t uncompressedSize = KQZipSaturated32;  ///< Bytes of data once unpacked.
+  std::uint16_t fileNameLength = 0;                   ///< Bytes of the name.
+  std::uint16_t extraFieldLength = 0;                 ///< Bytes of the extra fields.
+  std::uint16_t fileCommentLength = 0;                ///< Bytes of the comment.
+  std::uint16_t diskNumberStart = 0;                  ///< Disk on which the entry starts.
+  std::uint16_t internalFileAttributes = 0;           ///< Internal attributes.
+  std::uint32_t externalFileAttributes = 0;           ///< External attributes.
+  std::uint32_t offsetOfLocalHeader = 0;              ///< Offset of the local header.
+
+  /// Calls `visit` with each field.
+  template <class Fields, class Visit>
+  static constexpr void forEach(Fields& fields, const Visit& visit) {
+    visit(fields.versionMadeBy);
+    visit(fields.versionNeeded);
+    visit(fields.flags);
+    visit(fields.compression);
+    visit(fields.modTime);
+    visit(fields.modDate);
+    visit(fields.crc32);
+    visit(fields.compressedSize);
+    visit(fields.uncompressedSize);
+    visit(fields.fileNameLength);
+    visit(fields.extraFieldLength);
+    visit(fields.fileCommentLength);
+    visit(fields.diskNumberStart);
+    visit(fields.internalFileAttributes);
+    visit(fields.externalFileAttributes);
+    visit(fields.offsetOfLocalHeader);
+  }
+
+  /// Bytes of the whole header, up to the next one.
+  std::uint64_t wholeSize() const {
+    return std::uint64_t{size} + fileNameLength + extraFieldLength + fileCommentLength;
+  }
+};
+
+/// The classic end record; the archive's comment follows.
+struct KQZipEndRecordFields {
+  static constexpr std::uint32_t signature = 0x06054b50;  ///< 50 4B 05 06 on disk.
+  static constexpr std::size_t size = 22;                 ///< With the signature.
+
+  std::uint16_t diskNumber = 0;               ///< Number of this disk.
+  std::uint16_t diskNumberContainingCD = 0;   ///< Disk on which the directory starts.
+  std::uint16_t entriesInCDOnThisDisk = 0;    ///< Central headers on this disk.
+  std::uint16_t entriesInCD = 0;              ///< Central headers.
+  std::uint32_t sizeOfCD = KQZipSaturated32;  ///< Bytes of the directory.
+  std::uint32_t offsetOfCD = 0;               ///< Offset of the first central header.
+  std::uint16_t zipFileCommentLength = 0;     ///< Bytes of the comment.
+
+  /// Calls `visit` with each field.
+  template <class Fields, class Visit>
+  static constexpr void forEach(Fields& fields, const Visit& visit) {
+    visit(fields.diskNumber);
+    visit(fields.diskNumberContainingCD);
+    visit(fields.entriesInCDOnThisDisk);
+    visit(fields.entriesInCD);
+    visit(fields.sizeOfCD);
+    visit(fields.offsetOfCD);
+    visit(fields.zipFileCommentLength);
+  }
+};
+
+/// The Zip64 end record; extensible data may follow.
+struct KQZipZip64EndRecordFields {
+  static constexpr std::uint32_t signature = 0x06064b50;  ///< 50 4B 06 06 on disk.
+  static constexpr std::size_t size = 56;                 ///< With the signature.
+  static constexpr std::size_t uncounted = 12;            ///< Bytes that `sizeOfRecord` does not count.
+
+  std::uint64_t sizeOfRecord = size - uncounted;  ///< Bytes after this field, extensible data included.
+  std::uint16_t versionMadeBy = 0x031E;           ///< Host system and version; this is Unix, 3.0.
+  std::uint16_t versionNeeded = 45;               ///< Version needed to extract.
+  std::uint32_t diskNumber = 0;                   ///< Number of this disk.
+  std::uint32_t diskNumberContainingCD = 0;       ///< Disk on which the directory starts.
+  std::uint64_t entriesInCDOnThisDisk = 0;        ///< Central headers on this disk.
+  std::uint64_t entriesInCD = 0;                  ///< Central headers.
+  std::uint64_t sizeOfCD = 0;                     ///< Bytes of the directory.
+  std::uint64_t offsetOfCD = 0;                   ///< Offset of the first central header.
+
+  /// Calls `visit` with each field.
+  template <class Fields, class Visit>
+  static constexpr void forEach(Fields& fields, const Visit& visit) {
+    visit(fields.sizeOfRecord);
+    visit(fields.versionMadeBy);
+    visit(fields.versionNeeded);
+    visit(fields.diskNumber);
+    visit(fields.diskNumberContainingCD);
+    visit(fields.entriesInCDOnThisDisk);
+    visit(fields.entriesInCD);
+    visit(fields.sizeOfCD);
+    visit(fields.offsetOfCD);
+  }
+};
+
+/// The Zip64 locator, all of it.
+struct KQZipZip64LocatorFields {
+  static constexpr std::uint32_t signature = 0x07064b50;  ///< 50 4B 06 07 on disk.
+  static constexpr std::size_t size = 20;                 ///< With the signature.
+
+  std::uint32_t diskNumberWithStartOfZip64EoCD = 0;  ///< Disk on which the Zip64 end record starts.
+  std::uint64_t offsetOfZip64EoCD = 0;               ///< Offset of the Zip64 end record.
+  std::uint32_t numberOfDisks = 1;                   ///< Number of disks.
+
+  /// Calls `visit` with each field.
+  template <class Fields, class Visit>
+  static constexpr void forEach(Fields& fields, const Visit& visit) {
+    visit(fields.diskNumberWithStartOfZip64EoCD);
+    visit(fields.offsetOfZip64EoCD);
+    visit(fields.numberOfDisks);
+  }
+};
+
+/// Whether the bytes begin with the signature.
+inline bool KQZipHasSignature(KQZipBytes bytes, std::uint32_t signature) {
+  return bytes.size() >= KQZipSignatureSize && KQZipLoad<std::uint32_t>(bytes.data()) == signature;
+}
+
+/// Decodes the fields from the bytes after the signature. False, with the fields as before, when there are
+/// too few of them.
+template <class Fields>
+[[nodiscard]] bool KQZipDecodeAfterSignature(KQZipBytes bytes, Fields* fields) {
+  if (bytes.size() < Fields::size - KQZipSignatureSize) return false;
+  const std::uint8_t* next = bytes.data();
+  Fields::forEach(*fields, [&next]<class Value>(Value& value) {
+    value = KQZipLoad<Value>(next);
+    next += sizeof(Value);
+  });
+  return true;
+}
+
+/// Decodes the fields from a record's bytes. False, with the fields as before, when there are too few of them
+/// or the signature is another.
+template <class Fields>
+[[nodiscard]] bool KQZipDecode(KQZipBytes bytes, Fields* fields) {
+  return KQZipHasSignature(bytes, Fields::signature) &&
+         KQZipDecodeAfterSignature(bytes.subspan(KQZipSignatureSize), fields);
+}
+
+/// Encodes signature and fields at the start of the room. False, with nothing written, when there is too
+/// little room.
+template <class Fields>
+bool KQZipEncode(const Fields& fields, KQZipRoom room) {
+  if (room.size() < Fields::size) return false;
+  KQZipStore(Fields::signature, room.data());
+  std::uint8_t* next = room.data() + KQZipSignatureSize;
+  Fields::forEach(fields, [&next]<class Value>(const Value& value) {
+    KQZipStore(value, next);
+    next += sizeof(Value);
+  });
+  return true;
+}
+
+/// The offset of a field from the start of its record, as in `KQZipOffsetOf(&KQZipLocalHeaderFields::flags)`.
+template <class Fields, class Wanted>
+consteval std::size_t KQZipOffsetOf(Wanted Fields::*field) {
+  const Fields fields{};
+  const void* const wanted = &(fields.*field);
+  std::size_t next = KQZipSignatureSize;
+  std::size_t found = 0;
+  Fields::forEach(fields, [&]<class Value>(const Value& value) {
+    if (static_cast<const void*>(&value) == wanted) found = next;
+    next += sizeof(Value);
+  });
+  return found;
+}
+
+/// Goes over an area of extra fields, from the first to the last:
+///
+///     KQZipExtraFieldWalk walk(area);
+///     while (walk.next()) use(walk.identifier(), walk.data());
+///     if (!walk.isWhole()) ...
+class KQZipExtraFieldWalk {
+ public:
+  /// Bytes of a field's id and size.
+  static constexpr std::size_t fieldHeaderSize = 4;
+
+  /// What the area may have after its last field.
+  enum class Padding {
+    None,         ///< Nothing.
+    ToThreeBytes  ///< One to three bytes, which are too few for a field; some programs align data with them.
+  };
+
+  /// Stands in front of the first field.
+  explicit KQZipExtraFieldWalk(KQZipBytes area) : rest_(area) {}
+
+  /// Moves to the next field. False when no whole field is left.
+  bool next();
+
+  /// The field's id.
+  std::uint16_t identifier() const { return identifier_; }
+
+  /// The field's data, in the area's own memory.
+  KQZipBytes data() const { return data_; }
+
+  /// After the last field: whether the area has nothing more than what the padding allows.
+  bool isWhole(Padding padding = Padding::None) const {
+    return rest_.empty() || (padding == Padding::ToThreeBytes && rest_.size() < fieldHeaderSize);
+  }
+
+ private:
+  KQZipBytes rest_;
+  std::uint16_t identifier_ = 0;
+  KQZipBytes data_;
+};
+
+/// The values of Zip64 extended information.
+struct KQZipZip64Values {
+  static constexpr std::uint16_t identifier = 1;          ///< The field's id.
+  static constexpr std::size_t width = 8;                 ///< Bytes of each value.
+  static constexpr std::size_t dataSize = 3 * width;      ///< Bytes of data with all three.
+  static constexpr std::size_t fieldSize = 4 + dataSize;  ///< Bytes of the field as the library writes it.
+
+  std::uint64_t uncompressedSize = 0;     ///< Bytes of data once unpacked.
+  std::uint64_t compressedSize = 0;       ///< Bytes of data in the archive.
+  std::uint64_t offsetOfLocalHeader = 0;  ///< Offset of the local header.
+};
+
+/// Decodes the values as the library's own classes do: all three in fixed order, whichever 32-bit fields of
+/// the header are saturated. A value of which only some bytes are there takes these as its lowest; what is
+/// not there stays as it was. Further data is ignored.
+void KQZipDecodeZip64InOrder(KQZipBytes data, KQZipZip64Values* values);
+
+/// Encodes the data of a field, all three values.
+void KQZipEncodeZip64Data(const KQZipZip64Values& values,
+                          std::span<std::uint8_t, KQZipZip64Values::dataSize>);
+
+/// Encodes a whole field with all three values.
+void KQZipEncodeZip64Field(const KQZipZip64Values& values,
+                           std::span<std::uint8_t, KQZipZip64Values::fieldSize> room);
+
+/// What a header says of an entry, once its Zip64 field is taken into account.
+struct KQZipWideValues {
+  std::uint64_t uncompressedSize = 0;     ///< Bytes of data once unpacked.
+  std::uint64_t compressedSize = 0;       ///< Bytes of data in the archive.
+  std::uint64_t offsetOfLocalHeader = 0;  ///< Offset of the local header; 0 from a local header.
+  std::uint32_t diskNumberStart = 0;      ///< Disk on which the entry starts; 0 from a local header.
+
+  /// False when a saturated field has no value in the Zip64 field; it then stands for itself.
+  bool isComplete = true;
+};
+
+/// Decodes the values as the format has it: the Zip64 field, whose data this is, has values for the saturated
+/// fields of the header only. Without data every field stands for itself.
+KQZipWideValues KQZipWiden(const KQZipLocalHeaderFields& header, KQZipBytes zip64Data);
+
+/// The same for a central header.
+KQZipWideValues KQZipWiden(const KQZipCentralHeaderFields& header, KQZipBytes zip64Data);

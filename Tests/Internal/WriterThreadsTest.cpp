@@ -1,11 +1,7 @@
 #include <KQZip/KQZip.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -19,6 +15,7 @@
 #include "Support/ArchiveRecords.h"
 #include "Support/GoldenArchive.h"
 #include "Support/LogCapture.h"
+#include "Support/ScriptedSystem.h"
 #include "Support/SourceTree.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -48,30 +45,6 @@ void onEightThreads(const std::function<void(std::size_t)>& body) {
   }
   for (std::thread& thread : threads) thread.join();
 }
-
-/// While one exists, the eight threads meet where they open this path, and open it when the last has come.
-class MeetingAtOpen {
- public:
-  explicit MeetingAtOpen(std::string path) : path_(std::move(path)) { active() = this; }
-  ~MeetingAtOpen() { active() = nullptr; }
-  MeetingAtOpen(const MeetingAtOpen&) = delete;
-  MeetingAtOpen& operator=(const MeetingAtOpen&) = delete;
-
-  static std::atomic<MeetingAtOpen*>& active() {
-    static std::atomic<MeetingAtOpen*> meeting{nullptr};
-    return meeting;
-  }
-
-  void beforeOpen(const char* path) {
-    if (path != path_) return;
-    --waiting_;
-    while (waiting_ > 0) std::this_thread::yield();
-  }
-
- private:
-  std::string path_;
-  std::atomic<std::size_t> waiting_{threadCount};
-};
 
 /// Runs the test that is running once more, in a process where nothing was done before.
 void expectPassesInAProcessOfItsOwn() {
@@ -111,16 +84,6 @@ class WriterThreads : public ::testing::Test {
 
 }  // namespace
 
-extern "C" int open(const char* path, int flags, ...) {
-  static auto* const real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-  va_end(arguments);
-  if (MeetingAtOpen* const meeting = MeetingAtOpen::active()) meeting->beforeOpen(path);
-  return real(path, flags, mode);
-}
-
 TEST_F(WriterThreads, EightWritersPackTheSameFilesAtOnce) {
   const LogCapture log;
   onEightThreads([this](std::size_t number) {
@@ -147,7 +110,13 @@ TEST_F(WriterThreads, OfEightWritersThatSeeNothingAtOnePathOneSucceedsAndItsArch
   const std::size_t rounds = 50;
   for (std::size_t round = 0; round < rounds; ++round) {
     const std::string path = archive(round);
-    const MeetingAtOpen meeting(path);
+    // The threads meet where they open this path, and open it when the last has come.
+    std::atomic<std::size_t> waiting{threadCount};
+    ScriptedSystem system;
+    system.act({.name = "open", .path = path}, [&waiting](const auto&) {
+      --waiting;
+      while (waiting > 0) std::this_thread::yield();
+    });
     std::atomic<std::size_t> successes{0};
     std::atomic<std::size_t> winner{0};
     onEightThreads([&](std::size_t number) {
@@ -161,6 +130,7 @@ TEST_F(WriterThreads, OfEightWritersThatSeeNothingAtOnePathOneSucceedsAndItsArch
         EXPECT_EQ("-1 Could not write to zip path " + path, errorText(error));
       }
     });
+    ASSERT_EQ(0U, waiting) << "they have met";
     ASSERT_EQ(1U, successes) << "in round " << round;
     expectSameBytes(goldenArchive({entries[winner]}), readFile(path));
   }

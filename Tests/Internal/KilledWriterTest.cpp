@@ -2,19 +2,12 @@
 // every entry whose data is there in full, and it claims nothing to be whole that is not.
 
 #include <KQZip/KQZip.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/sendfile.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +20,7 @@
 
 #include "Support/GoldenArchive.h"
 #include "Support/RunningProgram.h"
+#include "Support/ScriptedSystem.h"
 #include "Support/SourceTree.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
@@ -37,89 +31,13 @@ namespace fs = std::filesystem;
 namespace {
 
 // How far the process gets: the calls that it may make, of which the next kills it, and the bytes that it may
-// write, behind the last of which it is killed.
+// write, after the last of which it is killed.
 struct Life {
-  std::uint64_t calls = UINT64_MAX;
+  std::size_t calls = SIZE_MAX;
   std::uint64_t bytes = UINT64_MAX;
 };
 
-// Null for one that nothing counts.
-Life*& life() {
-  static Life* current = nullptr;
-  return current;
-}
-
 void die() { kill(getpid(), SIGKILL); }
-
-void countCall() {
-  if (life() != nullptr && life()->calls-- == 0) die();
-}
-
-template <class Function>
-Function* systemFunction(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-extern "C" int openat(int folder, const char* path, int flags, ...) {
-  static auto* const real = systemFunction<int(int, const char*, int, ...)>("openat");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-  va_end(arguments);
-  countCall();
-  return real(folder, path, flags, mode);
-}
-
-extern "C" int close(int file) {
-  static auto* const real = systemFunction<int(int)>("close");
-  countCall();
-  return real(file);
-}
-
-extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
-  static auto* const real = systemFunction<ssize_t(int, void*, size_t, off_t)>("pread");
-  countCall();
-  return real(file, buffer, length, offset);
-}
-
-extern "C" int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
-  static auto* const real = systemFunction<int(int, const char*, struct stat*, int)>("fstatat");
-  countCall();
-  return real(folder, path, status, flags);
-}
-
-extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
-  static auto* const real = systemFunction<ssize_t(int, const iovec*, int)>("writev");
-  countCall();
-  if (life() == nullptr) return real(file, pieces, count);
-  std::vector<iovec> allowed(pieces, pieces + count);
-  std::uint64_t left = life()->bytes;
-  std::uint64_t cut = 0;
-  for (iovec& piece : allowed) {
-    const std::uint64_t length = std::min<std::uint64_t>(piece.iov_len, left);
-    cut += piece.iov_len - length;
-    left -= length;
-    piece.iov_len = length;
-  }
-  const ssize_t written = real(file, allowed.data(), count);
-  if (cut != 0) die();
-  if (written > 0) life()->bytes -= static_cast<std::uint64_t>(written);
-  return written;
-}
-
-extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
-  static auto* const real = systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
-  countCall();
-  if (life() == nullptr) return real(target, source, offset, length);
-  const ssize_t sent = real(target, source, offset, std::min<std::uint64_t>(length, life()->bytes));
-  if (sent > 0) life()->bytes -= static_cast<std::uint64_t>(sent);
-  if (life()->bytes == 0 && static_cast<std::uint64_t>(sent) < length) die();
-  return sent;
-}
-
-namespace {
 
 // The same every time, unless the environment gives another one.
 unsigned seedOfThisRun() {
@@ -155,7 +73,9 @@ class KilledWriter : public ::testing::Test {
     fs::remove(archive_);
     const pid_t child = fork();
     if (child == 0) {
-      life() = &length;
+      ScriptedSystem system;
+      if (length.calls != SIZE_MAX) system.act({.number = length.calls + 1}, [](const auto&) { die(); });
+      system.limitRoom(length.bytes, die);
       _exit(pack() ? 0 : 1);
     }
     int status = 0;
@@ -166,15 +86,13 @@ class KilledWriter : public ::testing::Test {
   }
 
   // The calls of a process that nothing kills.
-  std::uint64_t callsOfAll() {
-    Life counted;
-    life() = &counted;
+  std::size_t callsOfAll() {
+    const ScriptedSystem system;
     EXPECT_TRUE(pack());
-    life() = nullptr;
     // What is written by other calls than those that are counted would never be cut.
-    EXPECT_EQ(whole_.size(), UINT64_MAX - counted.bytes);
+    EXPECT_EQ(whole_.size(), system.bytesWritten());
     fs::remove(archive_);
-    return UINT64_MAX - counted.calls;
+    return system.count();
   }
 
   // Checks what the tool makes of what is there of the archive. Only the directory depends on its form.
@@ -270,7 +188,7 @@ TEST_F(KilledWriter, LeavesEveryWholeEntryWhereverItsBytesEnd) {
       bytes = edge + below(120) - std::min<std::uint64_t>(edge, 60);
     }
     if (i % 3 == 2) bytes = ends_.back() + below(whole_.size() - ends_.back());
-    ASSERT_TRUE(packFor({UINT64_MAX, bytes}));
+    ASSERT_TRUE(packFor({SIZE_MAX, bytes}));
     ASSERT_EQ(bytes, fs::exists(archive_) ? fs::file_size(archive_) : 0);
     expectWhatIsThere();
     if (HasFailure()) return;
@@ -281,11 +199,11 @@ TEST_F(KilledWriter, LeavesEveryWholeEntryWhicheverCallIsItsLast) {
   const unsigned seed = seedOfThisRun();
   SCOPED_TRACE("KQZIP_TEST_SEED=" + std::to_string(seed));
   std::mt19937 random(seed);
-  const std::uint64_t all = callsOfAll();
+  const std::size_t all = callsOfAll();
   ASSERT_GT(all, 100U);
   std::set<std::uint64_t> sizes;
   for (int i = 0; i < 100; ++i) {
-    const std::uint64_t calls = std::uniform_int_distribution<std::uint64_t>(0, all - 1)(random);
+    const std::size_t calls = std::uniform_int_distribution<std::size_t>(0, all - 1)(random);
     SCOPED_TRACE("killed at call " + std::to_string(calls + 1));
     ASSERT_TRUE(packFor({calls, UINT64_MAX}));
     // The tool need not look twice at one archive.
@@ -296,7 +214,7 @@ TEST_F(KilledWriter, LeavesEveryWholeEntryWhicheverCallIsItsLast) {
 }
 
 TEST_F(KilledWriter, IsNotKilledWhenItMayWriteEverything) {
-  EXPECT_FALSE(packFor({UINT64_MAX, whole_.size()}));
+  EXPECT_FALSE(packFor({SIZE_MAX, whole_.size()}));
   expectWhatIsThere();
   EXPECT_EQ(whole_.size(), fs::file_size(archive_));
 }

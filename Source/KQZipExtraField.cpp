@@ -6,13 +6,27 @@
 
 #include "KQZipStreamPrimitives.h"
 
+std::shared_ptr<KQZipExtraField> KQZipExtraFieldClass::initWithStream(KQ::NSInputStream& stream,
+                                                                      KQ::NSErrorSlot error) const {
+  auto field = init();
+  return field->parseFromStream(stream, error) ? field : nullptr;
+}
+
+std::shared_ptr<KQZipExtraField> KQZipExtraFieldClass::extraFieldWithStream(KQ::NSInputStream& stream,
+                                                                            KQ::NSErrorSlot error) const {
+  return KQZipExtraField::_extraFieldWithStream(*this, stream, error);
+}
+
 KQZipExtraField::~KQZipExtraField() = default;
 
 bool KQZipExtraField::isValidForIdentifier(std::uint16_t /*identifier*/) { return false; }
 
 std::shared_ptr<KQZipExtraField> KQZipExtraField::extraFieldWithStream(KQ::NSInputStream& stream,
                                                                        KQ::NSErrorSlot error) {
-  return _extraFieldWithStream(KQZipExtraFieldClass::of<KQZipExtraField>(), stream, error);
+  const KQZipExtraFieldClass generic{
+      &typeid(KQZipExtraField), &isValidForIdentifier,
+      []() -> std::shared_ptr<KQZipExtraField> { return std::make_shared<KQZipExtraField>(); }};
+  return generic.extraFieldWithStream(stream, error);
 }
 
 std::shared_ptr<KQZipExtraField> KQZipExtraField::_extraFieldWithStream(const KQZipExtraFieldClass& receiver,
@@ -28,8 +42,7 @@ std::shared_ptr<KQZipExtraField> KQZipExtraField::_extraFieldWithStream(const KQ
   const auto claiming = std::find_if(
       classes.begin(), classes.end(),
       [identifier](const KQZipExtraFieldClass& each) { return each.isValidForIdentifier(identifier); });
-  auto field = claiming == classes.end() ? receiver.init() : claiming->init();
-  return field->parseFromStream(stream, error) ? field : nullptr;
+  return (claiming == classes.end() ? receiver : *claiming).initWithStream(stream, error);
 }
 
 std::shared_ptr<KQZipExtraField> KQZipExtraField::initWithStream(KQ::NSInputStream& stream,
@@ -71,5 +84,10 @@ std::shared_ptr<KQZipExtraField> KQZipExtraField::copyWithZone() const {
 }
 
 std::shared_ptr<KQZipExtraField> KQZipExtraField::_newInstance() const {
-  return std::make_shared<KQZipExtraField>();
+  const std::type_info& type = typeid(*this);
+  if (type == typeid(KQZipExtraField)) return std::make_shared<KQZipExtraField>();
+  const auto& classes = subclasses();
+  const auto own = std::find_if(classes.begin(), classes.end(),
+                                [&type](const KQZipExtraFieldClass& each) { return *each.type == type; });
+  return own == classes.end() ? std::make_shared<KQZipExtraField>() : own->init();
 }

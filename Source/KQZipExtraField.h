@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <typeinfo>
 #include <vector>
 
@@ -14,6 +15,13 @@
 
 class KQZipExtraField;
 
+/// What tells a class that says which ids it reads from one that inherits KQZipExtraField's answer, which is
+/// none.
+template <class Field, class Base = KQZipExtraField>
+concept KQZipHasIdentifierTest = std::is_base_of_v<Base, Field> &&
+    !std::is_same_v<std::integral_constant<bool (*)(std::uint16_t), &Field::isValidForIdentifier>,
+                    std::integral_constant<bool (*)(std::uint16_t), &Base::isValidForIdentifier>>;
+
 /// A class of extra fields as the registry knows it.
 struct KQZipExtraFieldClass {
   const std::type_info* type;                   ///< Tells classes apart.
@@ -21,12 +29,21 @@ struct KQZipExtraFieldClass {
   std::shared_ptr<KQZipExtraField> (*init)();   ///< Makes an object with the class's defaults.
 
   /// The entry for `Field`, a class derived from KQZipExtraField with a default constructor and a static
-  /// `bool isValidForIdentifier(std::uint16_t)`.
-  template <class Field>
+  /// `bool isValidForIdentifier(std::uint16_t)` of its own; without one it does not compile.
+  template <KQZipHasIdentifierTest Field>
   static KQZipExtraFieldClass of() {
     return {&typeid(Field), &Field::isValidForIdentifier,
             []() -> std::shared_ptr<KQZipExtraField> { return std::make_shared<Field>(); }};
   }
+
+  /// A field of this class parsed from `stream`, whatever its id, or nothing. The class need not be
+  /// registered.
+  KQZIP_EXPORT std::shared_ptr<KQZipExtraField> initWithStream(KQ::NSInputStream& stream,
+                                                               KQ::NSErrorSlot error = nullptr) const;
+
+  /// KQZipExtraField::extraFieldWithStream() with this class for ids that no registered class claims.
+  KQZIP_EXPORT std::shared_ptr<KQZipExtraField> extraFieldWithStream(KQ::NSInputStream& stream,
+                                                                     KQ::NSErrorSlot error = nullptr) const;
 };
 
 /// An extra field of any kind: it keeps its id and its raw data and writes them back unchanged. The class
@@ -47,8 +64,8 @@ class KQZIP_EXPORT KQZipExtraField {
   /// registration and cannot be removed; the library's own, for Zip64, is always the first.
   static void registerSubclass(const KQZipExtraFieldClass& subclass);
 
-  /// registerSubclass() for the class `Field`.
-  template <class Field>
+  /// registerSubclass() for the class `Field`, which has a test of its own for ids.
+  template <KQZipHasIdentifierTest Field>
   static void registerSubclass() {
     registerSubclass(KQZipExtraFieldClass::of<Field>());
   }
@@ -62,11 +79,13 @@ class KQZIP_EXPORT KQZipExtraField {
   /// Reads the next field, id, size and data, as an object of the first registered class that claims its
   /// id, else as a plain KQZipExtraField. Nothing when a read fails; the slot then holds what the read left.
   /// The stream must be able to set its offset: the id is read twice. One that cannot is not detected, and
-  /// its field is then read two bytes late.
+  /// its field is then read two bytes late. As inherited by a class of a host it makes a plain field for ids
+  /// that no class claims too; KQZipExtraFieldClass has the operation for that class.
   static std::shared_ptr<KQZipExtraField> extraFieldWithStream(KQ::NSInputStream& stream,
                                                                KQ::NSErrorSlot error = nullptr);
 
-  /// A generic field parsed from `stream`, whatever its id, or nothing.
+  /// A generic field parsed from `stream`, whatever its id, or nothing. A generic field also as inherited by
+  /// a class of a host; KQZipExtraFieldClass has the operation for that class.
   static std::shared_ptr<KQZipExtraField> initWithStream(KQ::NSInputStream& stream,
                                                          KQ::NSErrorSlot error = nullptr);
 
@@ -81,8 +100,9 @@ class KQZIP_EXPORT KQZipExtraField {
   /// 4 and the data's full length, even where a write would cut it.
   virtual std::uint64_t outputSize() const;
 
-  /// A new field of the same class with the same id and size, which shares the data. A subclass with values
-  /// of its own copies them in an override.
+  /// A new field of the same class with the same id and size, which shares the data. The class is registered
+  /// or overrides _newInstance(); the copy of another is a plain field. A subclass with values of its own
+  /// copies them in an override.
   virtual std::shared_ptr<KQZipExtraField> copyWithZone() const;
 
   /// The field's id.
@@ -107,8 +127,8 @@ class KQZIP_EXPORT KQZipExtraField {
                                                                 KQ::NSInputStream& stream,
                                                                 KQ::NSErrorSlot error);
 
-  /// An object of the receiver's own class with its defaults; copyWithZone() starts from it. A subclass
-  /// returns one of its own.
+  /// An object of the receiver's own class with its defaults; copyWithZone() starts from it. A registered
+  /// class is made as the registry makes it, another one overrides this.
   virtual std::shared_ptr<KQZipExtraField> _newInstance() const;
 
   /// The field's data for those who only read it now: no buffer is made. Atomic.
@@ -116,6 +136,8 @@ class KQZIP_EXPORT KQZipExtraField {
   void _setFieldData(KQZipFieldData data) { fieldData_.set(std::move(data)); }  ///< Atomic.
 
  private:
+  friend struct KQZipExtraFieldClass;
+
   std::uint16_t fieldSignature_ = 0;
   std::uint16_t fieldSize_ = 0;
   // Mutable because the buffer is made for the first who asks for it.

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <typeinfo>
 
 namespace {
 
@@ -72,5 +73,10 @@ std::shared_ptr<KQZipExtraField> KQZipExtraFieldZip64ExtendedInfo::copyWithZone(
 }
 
 std::shared_ptr<KQZipExtraField> KQZipExtraFieldZip64ExtendedInfo::_newInstance() const {
+  if (typeid(*this) != typeid(KQZipExtraFieldZip64ExtendedInfo)) {
+    // A class of a host. Its copy is of this class at least, for the values.
+    auto own = KQZipExtraField::_newInstance();
+    if (dynamic_cast<KQZipExtraFieldZip64ExtendedInfo*>(own.get()) != nullptr) return own;
+  }
   return std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
 }

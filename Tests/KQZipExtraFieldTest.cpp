@@ -138,11 +138,57 @@ class Starting : public KQZipExtraField {
 // Never registered: a receiver of the factory's message, like the generic class itself.
 class Receiving : public KQZipExtraField {
  public:
+  static bool isValidForIdentifier(std::uint16_t) { return false; }
   static std::shared_ptr<KQZipExtraField> extraFieldWithStream(KQ::NSInputStream& stream,
                                                                KQ::NSErrorSlot error = nullptr) {
     return _extraFieldWithStream(KQZipExtraFieldClass::of<Receiving>(), stream, error);
   }
 };
+
+// Registered, without a way of its own to make an object. Writes more than its data.
+class Prefixing : public KQZipExtraField {
+ public:
+  static constexpr std::uint16_t id = 0x7A06;
+  Prefixing() { setFieldSignature(id); }
+  static bool isValidForIdentifier(std::uint16_t identifier) { return identifier == id; }
+  std::uint64_t outputSize() const override { return KQZipExtraField::outputSize() + 2; }
+  bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) override {
+    const std::uint16_t identifier = id;
+    const auto size = static_cast<std::uint16_t>(outputSize() - 4);
+    const std::uint16_t prefix = 0x6968;
+    return KQZipWriteBlock16(stream, &identifier, error) && KQZipWriteBlock16(stream, &size, error) &&
+           KQZipWriteBlock16(stream, &prefix, error) &&
+           KQZipWriteBlockBytes(stream, fieldData()->bytes(), fieldData()->length(), error);
+  }
+};
+
+// Registered too, derived from the library's own class.
+class HostsZip64 : public KQZipExtraFieldZip64ExtendedInfo {
+ public:
+  static bool isValidForIdentifier(std::uint16_t) { return false; }
+};
+
+// Derived from a class that makes its copies itself.
+class DerivedFromClaiming : public Claiming {
+ public:
+  static bool isValidForIdentifier(std::uint16_t) { return false; }
+};
+
+class WithoutTest : public KQZipExtraField {};
+
+static_assert(KQZipHasIdentifierTest<Prefixing> && KQZipHasIdentifierTest<KQZipExtraFieldZip64ExtendedInfo>);
+static_assert(!KQZipHasIdentifierTest<WithoutTest> && !KQZipHasIdentifierTest<KQZipExtraField>);
+
+template <class Field>
+concept CanBeRegistered = requires {
+  KQZipExtraField::registerSubclass<Field>();
+};
+template <class Field>
+concept HasClass = requires {
+  KQZipExtraFieldClass::of<Field>();
+};
+static_assert(CanBeRegistered<Prefixing> && HasClass<Prefixing>);
+static_assert(!CanBeRegistered<WithoutTest> && !HasClass<WithoutTest>);
 
 // The host's registrations, made once for all tests of this program.
 void registerClassesOfTheHost() {
@@ -151,6 +197,9 @@ void registerClassesOfTheHost() {
   KQZipExtraField::registerSubclass<ClaimingZip64>();
   KQZipExtraField::registerSubclass<Refusing>();
   KQZipExtraField::registerSubclass<Starting>();
+  KQZipExtraField::registerSubclass<Prefixing>();
+  KQZipExtraField::registerSubclass<HostsZip64>();
+  KQZipExtraField::registerSubclass<DerivedFromClaiming>();
 }
 
 }  // namespace
@@ -667,7 +716,94 @@ TEST(KQZipExtraField, TheRegistryKeepsTheOrderOfRegistration) {
   EXPECT_EQ(place + 2, placeInRegistry(typeid(ClaimingZip64)));
   EXPECT_EQ(place + 3, placeInRegistry(typeid(Refusing)));
   EXPECT_EQ(place + 4, placeInRegistry(typeid(Starting)));
-  EXPECT_EQ(place + 5, KQZipExtraField::subclasses().size());
+  EXPECT_EQ(place + 8, KQZipExtraField::subclasses().size());
+}
+
+TEST(KQZipExtraField, ACopyIsOfItsFieldsOwnClassThatOnlyTheRegistryCanMake) {
+  registerClassesOfTheHost();
+  Prefixing field;
+  field.setFieldData(KQTest::dataOf("data"));
+  const auto copy = field.copyWithZone();
+  ASSERT_TRUE(isOfClass<Prefixing>(copy));
+  EXPECT_EQ(10U, copy->outputSize());
+  TestOutputStream stream;
+  EXPECT_TRUE(copy->writeToStream(stream));
+  EXPECT_EQ(std::string(Bytes().u16(Prefixing::id).u16(6).text("hidata")), stream.bytes);
+}
+
+TEST(KQZipExtraField, AFieldOfTheHostIsTheSameInTheLocalAndInTheCentralHeader) {
+  registerClassesOfTheHost();
+  const KQTest::TemporaryDirectory folder;
+  KQTest::writeFile(folder / "source", "");
+  const auto local = KQZipFileLocalHeader::initWithSourceFile(folder / "source");
+  const auto field = std::make_shared<Prefixing>();
+  field->setFieldData(KQTest::dataOf("data"));
+  local->addExtraField(field);
+  TestOutputStream stream;
+  ASSERT_TRUE(local->writeToStream(stream));
+  const auto central = std::make_shared<KQZipCentralDirectoryFileHeader>();
+  central->copyPropertiesFromHeader(*local);
+  EXPECT_EQ(local->extraFieldLength(), central->extraFieldLength());
+  const std::string bytes = Bytes().u16(Prefixing::id).u16(6).text("hidata");
+  EXPECT_EQ(bytes, stream.bytes.substr(stream.bytes.size() - bytes.size()));
+  TestOutputStream directory;
+  ASSERT_TRUE(central->writeToStream(directory));
+  EXPECT_EQ(central->outputSize(), directory.bytes.size());
+  EXPECT_EQ(bytes, directory.bytes.substr(directory.bytes.size() - bytes.size()));
+  while (const auto left = KQ::NSProgress::currentProgress()) left->resignCurrent();
+}
+
+TEST(KQZipExtraField, ACopyOfAClassDerivedFromTheZip64ClassIsOfThatClassAndHasTheValues) {
+  registerClassesOfTheHost();
+  HostsZip64 field;
+  field.setUncompressedSize(1);
+  field.setCompressedSize(2);
+  field.setOffsetOfLocalHeaderRecord(3);
+  const auto copy = field.copyWithZone();
+  ASSERT_TRUE(isOfClass<HostsZip64>(copy));
+  EXPECT_EQ(3U, std::static_pointer_cast<HostsZip64>(copy)->offsetOfLocalHeaderRecord());
+
+  class Unregistered : public KQZipExtraFieldZip64ExtendedInfo {};
+  Unregistered other;
+  other.setCompressedSize(2);
+  const auto otherCopy = other.copyWithZone();
+  ASSERT_TRUE(isOfClass<KQZipExtraFieldZip64ExtendedInfo>(otherCopy));
+  EXPECT_EQ(2U, std::static_pointer_cast<KQZipExtraFieldZip64ExtendedInfo>(otherCopy)->compressedSize());
+}
+
+TEST(KQZipExtraField, AClassThatMakesItsCopiesItselfIsNotMadeByTheRegistry) {
+  registerClassesOfTheHost();
+  EXPECT_TRUE(isOfClass<Claiming>(DerivedFromClaiming().copyWithZone()));
+  EXPECT_TRUE(isOfClass<KQZipExtraField>(WithoutTest().copyWithZone()));
+}
+
+TEST(KQZipExtraField, TheClassOfAHostsFieldReadsOneWhateverItsId) {
+  registerClassesOfTheHost();
+  const std::string bytes = Bytes().u16(0x1234).u16(4).text("data");
+  const auto hosts = KQZipExtraFieldClass::of<Receiving>();
+  TestInputStream stream(bytes);
+  const auto field = hosts.initWithStream(stream);
+  ASSERT_TRUE(isOfClass<Receiving>(field));
+  EXPECT_EQ(0x1234, field->fieldSignature());
+  EXPECT_EQ("data", contentsOf(field->fieldData()));
+
+  TestInputStream unclaimed(bytes);
+  EXPECT_TRUE(isOfClass<Receiving>(hosts.extraFieldWithStream(unclaimed)));
+  EXPECT_EQ(8U, unclaimed.position);
+  TestInputStream claimed(Bytes().u16(Prefixing::id).u16(0));
+  EXPECT_TRUE(isOfClass<Prefixing>(hosts.extraFieldWithStream(claimed)));
+
+  TestInputStream cut(bytes.substr(0, 4));
+  EXPECT_FALSE(hosts.initWithStream(cut));
+  TestInputStream empty("");
+  EXPECT_FALSE(hosts.initWithStream(empty));
+  EXPECT_FALSE(hosts.extraFieldWithStream(empty));
+
+  // The inherited operations know nothing of the class.
+  TestInputStream inherited(bytes);
+  EXPECT_TRUE(isOfClass<KQZipExtraField>(Prefixing::initWithStream(inherited)));
+  TestInputStream inheritedToo(bytes);
+  EXPECT_TRUE(isOfClass<KQZipExtraField>(Prefixing::extraFieldWithStream(inheritedToo)));
 }
 
 TEST(KQZipExtraField, AClassOfTheHostGetsTheFieldsThatItClaims) {

@@ -86,9 +86,9 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   virtual bool _parseFileHeader(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
  private:
-  bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  void _createMissingEndRecords();
-  void _fillEndRecords(std::uint64_t startOfDirectory);
+  KQZIP_HIDDEN bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN void _createMissingEndRecords();
+  KQZIP_HIDDEN void _fillEndRecords(std::uint64_t startOfDirectory);
 
   std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> fileHeaders_;
   std::shared_ptr<KQZipExtraField> digitalSignature_;

@@ -10,7 +10,7 @@ std::shared_ptr<KQZipEndOfCentralDirectoryRecord> KQZipEndOfCentralDirectoryReco
 }
 
 bool KQZipEndOfCentralDirectoryRecord::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  KQ::NSSharedString comment;
+  KQZipText comment;
   const bool parsed = KQZipReadBlock16(stream, &diskNumber_, error) &&                     // 4
                       KQZipReadBlock16(stream, &diskNumberContainingCD_, error) &&         // 6
                       KQZipReadBlock16(stream, &entriesInCDOnThisDisk_, error) &&          // 8
@@ -19,7 +19,7 @@ bool KQZipEndOfCentralDirectoryRecord::parseFromStream(KQ::NSInputStream& stream
                       KQZipReadBlock32(stream, &offsetOfCD_, error) &&                     // 16
                       KQZipReadBlock16(stream, &zipFileCommentLength_, error) &&           // 20
                       KQZipReadTextBlock(stream, zipFileCommentLength_, &comment, error);  // 22
-  if (parsed) setZipFileComment(comment.string());
+  if (parsed) setZipFileComment(comment ? std::optional(*comment) : std::nullopt);
   return parsed;
 }
 

@@ -58,21 +58,24 @@ bool KQZipExtraField::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot
   // What the stream does not deliver reads as zeros, never as what the stack held.
   std::memset(bytes.data(), 0, fieldSize_);
   if (!KQZipReadBlockBytes(stream, bytes.data(), fieldSize_, error)) return false;
-  _setFieldData(KQZipFieldData(bytes.data(), fieldSize_));
+  setFieldData(KQ::NSData::dataWithBytes(bytes.data(), fieldSize_));
   return true;
 }
 
 bool KQZipExtraField::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  const KQZipFieldData data = _fieldData();
-  fieldSize_ = static_cast<std::uint16_t>(data.length());
+  const auto data = fieldData();
+  fieldSize_ = static_cast<std::uint16_t>(data ? data->length() : 0);
   if (!KQZipWriteBlock16(stream, &fieldSignature_, error) || !KQZipWriteBlock16(stream, &fieldSize_, error))
     return false;
   // Meant: only the next write tells the caller that the data could not be written.
-  KQZipWriteBlockBytes(stream, data.bytes(), fieldSize_, error);
+  if (data) KQZipWriteBlockBytes(stream, data->bytes(), fieldSize_, error);
   return true;
 }
 
-std::uint64_t KQZipExtraField::outputSize() const { return 4 + _fieldData().length(); }
+std::uint64_t KQZipExtraField::outputSize() const {
+  const auto data = fieldData();
+  return 4 + (data ? data->length() : 0);
+}
 
 std::shared_ptr<KQZipExtraField> KQZipExtraField::copyWithZone() const {
   auto copy = _newInstance();

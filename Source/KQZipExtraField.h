@@ -6,7 +6,6 @@
 #include <typeinfo>
 #include <vector>
 
-#include "Internal/KQZipFieldData.h"
 #include "Platform/KQExport.h"
 #include "Platform/NSAtomicProperty.h"
 #include "Platform/NSData.h"
@@ -114,11 +113,9 @@ class KQZIP_EXPORT KQZipExtraField {
   void setFieldSize(std::uint16_t value) { fieldSize_ = value; }  ///< Stored as it is.
 
   /// The field's data, empty when there is none. Atomic.
-  std::shared_ptr<const KQ::NSData> fieldData() const {
-    return fieldData_.with([](KQZipFieldData& data) { return data.buffer(); });
-  }
+  std::shared_ptr<const KQ::NSData> fieldData() const { return fieldData_.get(); }
   void setFieldData(std::shared_ptr<const KQ::NSData> value) {
-    fieldData_.set(KQZipFieldData(std::move(value)));
+    fieldData_.set(std::move(value));
   }  ///< Atomic.
 
  protected:
@@ -131,15 +128,10 @@ class KQZIP_EXPORT KQZipExtraField {
   /// class is made as the registry makes it, another one overrides this.
   virtual std::shared_ptr<KQZipExtraField> _newInstance() const;
 
-  /// The field's data for those who only read it now: no buffer is made. Atomic.
-  KQZipFieldData _fieldData() const { return fieldData_.get(); }
-  void _setFieldData(KQZipFieldData data) { fieldData_.set(std::move(data)); }  ///< Atomic.
-
  private:
   friend struct KQZipExtraFieldClass;
 
   std::uint16_t fieldSignature_ = 0;
   std::uint16_t fieldSize_ = 0;
-  // Mutable because the buffer is made for the first who asks for it.
-  mutable KQ::NSAtomicProperty<KQZipFieldData> fieldData_;
+  KQ::NSAtomicProperty<std::shared_ptr<const KQ::NSData>> fieldData_;
 };

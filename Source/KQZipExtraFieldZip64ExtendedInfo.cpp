@@ -48,10 +48,10 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipExtraFieldZip64ExtendedIn
 
 bool KQZipExtraFieldZip64ExtendedInfo::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipExtraField::parseFromStream(stream, error)) return false;
-  const KQZipFieldData data = _fieldData();
-  decode(data.bytes(), data.length(), 0, &uncompressedSize_);
-  decode(data.bytes(), data.length(), 8, &compressedSize_);
-  decode(data.bytes(), data.length(), 16, &offsetOfLocalHeaderRecord_);
+  const auto data = fieldData();
+  decode(data->bytes(), data->length(), 0, &uncompressedSize_);
+  decode(data->bytes(), data->length(), 8, &compressedSize_);
+  decode(data->bytes(), data->length(), 16, &offsetOfLocalHeaderRecord_);
   return true;
 }
 
@@ -60,7 +60,7 @@ bool KQZipExtraFieldZip64ExtendedInfo::writeToStream(KQ::NSOutputStream& stream,
   encode(uncompressedSize_, &bytes[0]);
   encode(compressedSize_, &bytes[8]);
   encode(offsetOfLocalHeaderRecord_, &bytes[16]);
-  _setFieldData(KQZipFieldData(bytes.data(), bytes.size()));
+  setFieldData(KQ::NSData::dataWithBytes(bytes.data(), bytes.size()));
   return KQZipExtraField::writeToStream(stream, error);
 }
 

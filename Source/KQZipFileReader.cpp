@@ -71,7 +71,7 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
       auto header = KQZipFileLocalHeader::initWithStream(stream, error);
       if (!header) return false;
       // Without a path there is nothing to ask for the entry by.
-      if (header->sharedFileName().isPresent()) _addEntry(std::move(header));
+      if (header->fileName_.get()) _addEntry(std::move(header));
       return true;
     }
     case KQZipCentralDirectoryFileHeader::signature:
@@ -92,7 +92,7 @@ bool KQZipFileReader::_parseRecord(std::uint32_t signature, KQ::NSInputStream& s
 
 // Of several entries with one path the last counts.
 void KQZipFileReader::_addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry) {
-  const std::string_view path = entry->sharedFileName().view();
+  const std::string_view path = *entry->fileName_.get();
   zipFileEntries_.erase(path);
   zipFileEntries_.emplace(path, std::move(entry));
 }

@@ -99,17 +99,19 @@ class KQZIP_EXPORT KQZipFileReader {
                               KQ::NSErrorSlot error = nullptr);
 
  private:
-  bool _parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  void _addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry);
-  std::shared_ptr<KQZipFileLocalHeader> _entryForRelativePath(const std::string& relativePath) const;
-  std::shared_ptr<KQ::NSInputStream> _openArchive() const;
-  bool _writeData(const KQZipFileLocalHeader& entry, const std::string& toPath, KQ::NSProgress& progress,
-                  KQ::NSErrorSlot error) const;
-  static bool _copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
-                        KQ::NSOutputStream& output, KQ::NSProgress& progress, KQ::NSErrorSlot error);
-  bool _extract(const std::string& relativePath, const std::string& destination,
-                const KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
+  KQZIP_HIDDEN bool _parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN void _addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry);
+  KQZIP_HIDDEN std::shared_ptr<KQZipFileLocalHeader> _entryForRelativePath(
+      const std::string& relativePath) const;
+  KQZIP_HIDDEN std::shared_ptr<KQ::NSInputStream> _openArchive() const;
+  KQZIP_HIDDEN bool _writeData(const KQZipFileLocalHeader& entry, const std::string& toPath,
+                               KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
+  KQZIP_HIDDEN static bool _copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
+                                     KQ::NSOutputStream& output, KQ::NSProgress& progress,
+                                     KQ::NSErrorSlot error);
+  KQZIP_HIDDEN bool _extract(const std::string& relativePath, const std::string& destination,
+                             const KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
 
   std::optional<std::string> zipPath_;
   // The index of an archive with many entries is many small pieces that go at once.

@@ -11,13 +11,15 @@
 #include "Platform/NSString.h"
 
 void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
-  _addEntry(filePath, KQ::NSSharedString(relativePath));
+  _addEntry(filePath, relativePath);
 }
 
-void KQZipFileWriter::_addEntry(std::string filePath, const KQ::NSSharedString& name) {
+void KQZipFileWriter::_addEntry(std::string filePath, std::string relativePath) {
+  const auto path = std::make_shared<const std::string>(std::move(filePath));
+  const auto name = std::make_shared<const std::string>(std::move(relativePath));
   // A tree is added in the order of its names for the greater part, which makes the end the likely place.
   fileEntries_.insert_or_assign(fileEntries_.end(), name,
-                                KQZipFileLocalHeader::_initWithSourceFile(std::move(filePath), name));
+                                KQZipFileLocalHeader::_initWithSourceFile(path, name));
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
@@ -108,8 +110,7 @@ bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool 
     if (!attributes) {
       complete = false;
     } else if (attributes->NSFileType == KQ::NSFileTypeRegular) {
-      _addEntry(std::move(path),
-                KQ::NSSharedString(KQ::stringByAppendingPathComponent(prefix, relativePath)));
+      _addEntry(std::move(path), KQ::stringByAppendingPathComponent(prefix, relativePath));
     }
   }
   return complete;
@@ -127,8 +128,8 @@ KQZipPermissions KQZipFileWriter::permissionsOfSources() const {
   // They are asked for in the order of the archive, so that the next entry is the likely one.
   return [this, next = fileEntries_.begin()](
              const std::string& relativePath) mutable -> std::optional<std::uint32_t> {
-    if (next == fileEntries_.end() || next->first.view() != relativePath)
-      next = fileEntries_.find(KQ::NSSharedString(relativePath));
+    if (next == fileEntries_.end() || *next->first != relativePath)
+      next = fileEntries_.find(std::make_shared<const std::string>(relativePath));
     if (next == fileEntries_.end()) return std::nullopt;
     return (next++)->second->sourceFilePermissions();
   };

@@ -90,17 +90,19 @@ class KQZIP_EXPORT KQZipFileWriter {
  private:
   using Entries = std::vector<std::shared_ptr<KQZipFileLocalHeader>>;
 
+  using Name = std::shared_ptr<const std::string>;
+
   struct NameLess {
-    bool operator()(const KQ::NSSharedString& left, const KQ::NSSharedString& right) const {
-      return KQ::NSStringLess()(left.view(), right.view());
-    }
+    bool operator()(const Name& left, const Name& right) const { return KQ::NSStringLess()(*left, *right); }
   };
 
-  void _addEntry(std::string filePath, const KQ::NSSharedString& name);
-  bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
-  bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN void _addEntry(std::string filePath, std::string relativePath);
+  KQZIP_HIDDEN bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream,
+                                KQ::NSErrorSlot error);
+  KQZIP_HIDDEN bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
+                                           KQ::NSErrorSlot error);
 
   // Sorted by name, which is the order of the archive.
-  std::map<KQ::NSSharedString, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries_;
+  std::map<Name, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries_;
   std::shared_ptr<KQ::NSProgress> progress_;
 };

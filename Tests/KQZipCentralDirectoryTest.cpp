@@ -172,7 +172,7 @@ class FakeHeader : public KQZipCentralDirectoryFileHeader {
 class NotingEntry : public KQZipFileLocalHeader {
  public:
   NotingEntry(const std::string& path, std::string name, Lines& calls) : calls_(calls) {
-    _setSourceFile(path);
+    setSourceFilePath(path);
     setRelativePath(std::move(name));
   }
   void updateAttributesFromSourceFile() override {

@@ -191,16 +191,6 @@ TEST(KQZipFileEntry, EachAccessorStoresItsOwnFieldAndNoOther) {
   EXPECT_EQ(0x2728292Au, entry.crc32());
 }
 
-TEST(KQZipFileEntry, ANameIsSharedWithoutACopyOfItsBytes) {
-  const KQ::NSSharedString name(std::string("name"));
-  KQZipFileEntry entry;
-  entry.setSharedFileName(name);
-  EXPECT_EQ("name", entry.fileName());
-  EXPECT_EQ(name.view().data(), entry.sharedFileName().view().data());
-  entry.setSharedFileName(KQ::NSSharedString());
-  EXPECT_EQ(std::nullopt, entry.fileName());
-}
-
 TEST(KQZipFileEntry, SettingTheCrcCountsAsCalculatingIt) {
   KQZipFileEntry entry;
   entry.setCrc32(0);

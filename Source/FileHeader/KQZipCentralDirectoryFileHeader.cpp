@@ -7,8 +7,8 @@
 static constexpr std::uint32_t saturated = 0xFFFFFFFF;
 
 // Shared by all headers without a comment.
-static const KQ::NSSharedString& emptyComment() {
-  static const KQ::NSSharedString text{std::string_view()};
+static const KQZipText& emptyComment() {
+  static const KQZipText text = std::make_shared<const std::string>();
   return text;
 }
 
@@ -31,6 +31,15 @@ bool KQZipCentralDirectoryFileHeader::skipWithStream(KQ::NSInputStream& stream, 
   return KQZipCentralDirectoryFileHeader()._parseLogged(stream, error);
 }
 
+std::optional<std::string> KQZipCentralDirectoryFileHeader::fileComment() const {
+  const KQZipText comment = fileComment_.get();
+  return comment ? std::optional(*comment) : std::nullopt;
+}
+
+void KQZipCentralDirectoryFileHeader::setFileComment(std::optional<std::string> value) {
+  fileComment_.set(value ? std::make_shared<const std::string>(*std::move(value)) : nullptr);
+}
+
 void KQZipCentralDirectoryFileHeader::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   KQZipFileEntry::copyPropertiesFromHeader(header);
   // The reverse of what the name suggests, and meant: the write below sets the right value.
@@ -41,8 +50,8 @@ void KQZipCentralDirectoryFileHeader::copyPropertiesFromHeader(const KQZipFileEn
 bool KQZipCentralDirectoryFileHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipFileEntry::writeToStream(stream, error)) return false;
   _takeOffsetOfLocalHeader();
-  const KQ::NSSharedString shared = fileComment_.get();
-  const std::string_view comment = shared.view();
+  const KQZipText shared = fileComment_.get();
+  const std::string_view comment = KQZipBytesOf(shared);
   fileCommentLength_ = KQZipTextLength(shared);
   return KQZipWriteBlock32(stream, &signature, error) &&                       // 0
          KQZipWriteBlock16(stream, &versionMadeBy_, error) &&                  // 4
@@ -105,7 +114,7 @@ bool KQZipCentralDirectoryFileHeader::parseFromStream(KQ::NSInputStream& stream,
 }
 
 bool KQZipCentralDirectoryFileHeader::_parseFileComment(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  KQ::NSSharedString comment = emptyComment();
+  KQZipText comment = emptyComment();
   if (fileCommentLength_ != 0 && !KQZipReadTextBlock(stream, fileCommentLength_, &comment, error))
     return false;
   fileComment_.set(std::move(comment));
@@ -113,7 +122,7 @@ bool KQZipCentralDirectoryFileHeader::_parseFileComment(KQ::NSInputStream& strea
 }
 
 std::uint64_t KQZipCentralDirectoryFileHeader::outputSize() const {
-  return 46 + _sizeOfNameAndExtraFields() + fileComment_.get().view().size();
+  return 46 + _sizeOfNameAndExtraFields() + KQZipBytesOf(fileComment_.get()).size();
 }
 
 const char* KQZipCentralDirectoryFileHeader::_className() const { return "KQZipCentralDirectoryFileHeader"; }

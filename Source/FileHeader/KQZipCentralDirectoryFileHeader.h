@@ -86,17 +86,15 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   void setOffsetOfLocalHeader(std::uint32_t value) { offsetOfLocalHeader_ = value; }  ///< Stored as it is.
 
   /// The entry's comment. Atomic.
-  std::optional<std::string> fileComment() const { return fileComment_.get().string(); }
-  void setFileComment(const std::optional<std::string>& value) {
-    fileComment_.set(KQ::NSSharedString(value));
-  }  ///< Atomic.
+  std::optional<std::string> fileComment() const;
+  void setFileComment(std::optional<std::string> value);  ///< Atomic.
 
  protected:
   const char* _className() const override;
 
  private:
-  void _takeOffsetOfLocalHeader();
-  bool _parseFileComment(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN void _takeOffsetOfLocalHeader();
+  KQZIP_HIDDEN bool _parseFileComment(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
   std::uint16_t versionMadeBy_ = 0x031E;
   std::uint16_t fileCommentLength_ = 0;
@@ -104,6 +102,6 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   std::uint16_t internalFileAttributes_ = 0;
   std::uint32_t externalFileAttributes_ = 0;
   std::uint32_t offsetOfLocalHeader_ = 0;
-  KQ::NSAtomicProperty<KQ::NSSharedString> fileComment_;
+  KQ::NSAtomicProperty<std::shared_ptr<const std::string>> fileComment_;
   std::weak_ptr<KQZipFileLocalHeader> localHeader_;
 };

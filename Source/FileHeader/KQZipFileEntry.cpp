@@ -22,8 +22,12 @@ static const KQZipExtraFieldZip64ExtendedInfo* asZip64(const KQZipExtraField& fi
                                         : dynamic_cast<const Zip64*>(&field);
 }
 
-static std::optional<std::string> textOf(const std::shared_ptr<const std::string>& path) {
-  return path ? std::optional(*path) : std::nullopt;
+static std::optional<std::string> textOf(const KQZipText& text) {
+  return text ? std::optional(*text) : std::nullopt;
+}
+
+static KQZipText sharedText(std::optional<std::string> text) {
+  return text ? std::make_shared<const std::string>(*std::move(text)) : nullptr;
 }
 
 KQZipFileEntry::~KQZipFileEntry() = default;
@@ -49,11 +53,12 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   uncompressedSize_ = header.uncompressedSize_;
   fileNameLength_ = header.fileNameLength_;
   extraFieldLength_ = header.extraFieldLength_;
-  fileName_.set(header.sharedFileName());
+  fileName_.set(header.fileName_.get());
   fileNameLength_ = header.fileNameLength_;
   sourceFilePath_.set(header.sourceFilePath_.get());
 
-  KQZipExtraFieldList copies;
+  std::vector<std::shared_ptr<KQZipExtraField>> copies;
+  copies.reserve(header.extraFields_.size());
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
   extraFields_.swap(copies);
 
@@ -77,7 +82,7 @@ void KQZipFileEntry::addExtraField(std::shared_ptr<KQZipExtraField> field) {
 
 void KQZipFileEntry::setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields) {
   std::erase(fields, nullptr);
-  extraFields_.assign(std::move(fields));
+  extraFields_ = std::move(fields);
 }
 
 std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipFileEntry::findZip64InfoField() const {
@@ -89,7 +94,7 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipFileEntry::findZip64InfoF
 
 void KQZipFileEntry::setRelativePath(const std::optional<std::string>& path) {
   setFileName(path);
-  fileNameLength_ = KQZipTextLength(sharedFileName());
+  fileNameLength_ = KQZipTextLength(fileName_.get());
 }
 
 std::uint64_t KQZipFileEntry::dataLengthFromHeader() const {
@@ -171,10 +176,16 @@ void KQZipFileEntry::updateModificationDate() {
   if (const auto attributes = _attributesOfSourceFile()) _updateModificationDateFromAttributes(*attributes);
 }
 
+std::optional<std::string> KQZipFileEntry::fileName() const { return textOf(fileName_.get()); }
+
+void KQZipFileEntry::setFileName(std::optional<std::string> value) {
+  fileName_.set(sharedText(std::move(value)));
+}
+
 std::optional<std::string> KQZipFileEntry::sourceFilePath() const { return textOf(sourceFilePath_.get()); }
 
 void KQZipFileEntry::setSourceFilePath(std::optional<std::string> value) {
-  sourceFilePath_.set(value ? std::make_shared<const std::string>(*std::move(value)) : nullptr);
+  sourceFilePath_.set(sharedText(std::move(value)));
 }
 
 void KQZipFileEntry::setCrc32(std::uint32_t value) {
@@ -209,7 +220,7 @@ bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
   }
   if (needsToUpdateAttributesFromSourceFile()) updateAttributesFromSourceFile();
 
-  fileNameLength_ = KQZipTextLength(sharedFileName());
+  fileNameLength_ = KQZipTextLength(fileName_.get());
   auto zip64Field = findZip64InfoField();
   if (!zip64Field) {
     zip64Field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
@@ -236,7 +247,7 @@ void KQZipFileEntry::_updateModificationDateFromAttributes(const KQ::NSFileAttri
 }
 
 bool KQZipFileEntry::_parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  KQ::NSSharedString name;
+  KQZipText name;
   if (!KQZipReadTextBlock(stream, fileNameLength_, &name, error)) return false;
   fileName_.set(std::move(name));
   return true;
@@ -254,14 +265,14 @@ bool KQZipFileEntry::_parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlo
 }
 
 bool KQZipFileEntry::_writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const {
-  const KQ::NSSharedString name = sharedFileName();
-  return KQZipWriteBlockBytes(stream, name.view().data(), name.view().size(), error) &&
+  const KQZipText name = fileName_.get();
+  return KQZipWriteBlockBytes(stream, KQZipBytesOf(name).data(), KQZipBytesOf(name).size(), error) &&
          std::all_of(extraFields_.begin(), extraFields_.end(),
                      [&](const auto& field) { return field->writeToStream(stream, error); });
 }
 
 std::uint64_t KQZipFileEntry::_sizeOfNameAndExtraFields() const {
-  std::uint64_t size = sharedFileName().view().size();
+  std::uint64_t size = KQZipBytesOf(fileName_.get()).size();
   for (const auto& field : extraFields_) size += field->outputSize();
   return size;
 }

@@ -6,10 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "../Internal/KQZipExtraFieldList.h"
 #include "../KQZipExtraField.h"
 #include "../KQZipExtraFieldZip64ExtendedInfo.h"
-#include "../Platform/Internal/NSSharedString.h"
 #include "../Platform/KQExport.h"
 #include "../Platform/NSAtomicProperty.h"
 #include "../Platform/NSCalendar.h"
@@ -56,8 +54,9 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// Reads nothing and succeeds; a record overrides it.
   virtual bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// The extra fields in the order in which they stand on disk. A reference to the entry's own list.
-  const KQZipExtraFieldList& extraFields() const { return extraFields_; }
+  /// The extra fields in the order in which they stand on disk. A reference to the entry's own list, which
+  /// stays the same as long as the entry lives.
+  const std::vector<std::shared_ptr<KQZipExtraField>>& extraFields() const { return extraFields_; }
   /// Appends a field; null is ignored.
   void addExtraField(std::shared_ptr<KQZipExtraField> field);
   /// Replaces the contents of the list; nulls are ignored.
@@ -160,13 +159,8 @@ class KQZIP_EXPORT KQZipFileEntry {
   void setExtraFieldLength(std::uint16_t value) { extraFieldLength_ = value; }  ///< Stored as it is.
 
   /// The entry's path inside the archive. Atomic.
-  std::optional<std::string> fileName() const { return sharedFileName().string(); }
-  void setFileName(const std::optional<std::string>& value) {
-    fileName_.set(KQ::NSSharedString(value));
-  }  ///< Atomic.
-  /// fileName() without a copy of its bytes. Atomic.
-  KQ::NSSharedString sharedFileName() const { return fileName_.get(); }
-  void setSharedFileName(KQ::NSSharedString value) { fileName_.set(std::move(value)); }  ///< Atomic.
+  std::optional<std::string> fileName() const;
+  void setFileName(std::optional<std::string> value);  ///< Atomic.
 
   /// The path of the file that the entry's data comes from, for writing. Atomic. A write uses the path that
   /// stands when it begins, whatever is set meanwhile.
@@ -194,9 +188,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// The name that log lines and description() show for the object's class.
   virtual const char* _className() const;
 
-  /// What initWithSourceFile() does to a fresh object.
-  void _setSourceFile(const std::string& path);
-
   /// Parses, and logs a failure the way initWithStream() does.
   bool _parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
@@ -208,15 +199,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   void _updateSourceFileSizeFromAttributes(const KQ::NSFileAttributes& attributes);
   /// Sets the date from `attributes`.
   void _updateModificationDateFromAttributes(const KQ::NSFileAttributes& attributes);
-
-  /// Reads fileNameLength() bytes and makes them the name, absent when they are not valid UTF-8.
-  bool _parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  /// Reads extra fields until the stream stands extraFieldLength() bytes from here or further.
-  bool _parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  /// Writes the name's bytes, then every extra field.
-  bool _writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
-  /// Sum of the sizes of the name and all extra fields.
-  std::uint64_t _sizeOfNameAndExtraFields() const;
 
   /// A field of the header, the position of the data or the progress, for a subclass's layout.
   /// @{
@@ -236,22 +218,37 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// @}
 
  private:
+  // The two records, which lay an entry out, and what shares names with entries.
+  friend class KQZipCentralDirectoryFileHeader;
+  friend class KQZipFileLocalHeader;
+  friend class KQZipFileReader;
   friend class KQZipSourceOfWrite;
 
+  using Text = std::shared_ptr<const std::string>;
+
+  // What initWithSourceFile() does to a fresh object.
+  KQZIP_HIDDEN void _setSourceFile(const std::string& path);
+  // Reads fileNameLength() bytes and makes them the name, absent when they are not valid UTF-8.
+  KQZIP_HIDDEN bool _parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  // Reads extra fields until the stream stands extraFieldLength() bytes from here or further.
+  KQZIP_HIDDEN bool _parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  // Writes the name's bytes, then every extra field.
+  KQZIP_HIDDEN bool _writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
+  // Sum of the sizes of the name and all extra fields.
+  KQZIP_HIDDEN std::uint64_t _sizeOfNameAndExtraFields() const;
+
   // The path of the write that goes on, else sourceFilePath(); null when there is none.
-  std::shared_ptr<const std::string> _sourceOfWork() const {
-    return sourceOfWrite_ != nullptr ? *sourceOfWrite_ : sourceFilePath_.get();
-  }
-  std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
+  Text _sourceOfWork() const { return sourceOfWrite_ != nullptr ? *sourceOfWrite_ : sourceFilePath_.get(); }
+  KQZIP_HIDDEN std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
 
   bool needsToCalculateCRC_ = true;
   bool needsToSetModificationDate_ = true;
   bool needsToSetFileSize_ = true;
   std::optional<std::uint16_t> sourceFilePermissions_;
   std::uint64_t sourceFileSize_ = 0;
-  KQ::NSAtomicProperty<KQ::NSSharedString> fileName_;
-  KQ::NSAtomicProperty<std::shared_ptr<const std::string>> sourceFilePath_;
-  KQZipExtraFieldList extraFields_;
+  KQ::NSAtomicProperty<Text> fileName_;
+  KQ::NSAtomicProperty<Text> sourceFilePath_;
+  std::vector<std::shared_ptr<KQZipExtraField>> extraFields_;
   // The path of the write that goes on; null while there is none.
-  const std::shared_ptr<const std::string>* sourceOfWrite_ = nullptr;
+  const Text* sourceOfWrite_ = nullptr;
 };

@@ -12,14 +12,14 @@
 #include "KQZipCentralDirectoryFileHeader.h"
 
 std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::initWithSourceFile(const std::string& path) {
-  return _initWithSourceFile(path, KQ::NSSharedString(path));
+  const auto text = std::make_shared<const std::string>(path);
+  return _initWithSourceFile(text, text);
 }
 
-std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::_initWithSourceFile(std::string path,
-                                                                                KQ::NSSharedString name) {
+std::shared_ptr<KQZipFileLocalHeader> KQZipFileLocalHeader::_initWithSourceFile(Text path, Text name) {
   auto header = std::make_shared<KQZipFileLocalHeader>();
-  header->setSourceFilePath(std::move(path));
-  header->setSharedFileName(std::move(name));
+  header->sourceFilePath_.set(std::move(path));
+  header->fileName_.set(std::move(name));
   header->addExtraField(std::make_shared<KQZipExtraFieldZip64ExtendedInfo>());
   return header;
 }

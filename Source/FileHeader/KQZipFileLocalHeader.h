@@ -92,12 +92,14 @@ class KQZIP_EXPORT KQZipFileLocalHeader : public KQZipFileEntry {
   // Makes headers that have their names from the start.
   friend class KQZipFileWriter;
 
-  static std::shared_ptr<KQZipFileLocalHeader> _initWithSourceFile(std::string path, KQ::NSSharedString name);
-  bool _writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
-  bool _copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
-  bool _skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  bool _exportData(const std::string& path, KQ::NSInputStream& stream, KQ::NSOutputStream& output,
-                   KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
+  KQZIP_HIDDEN static std::shared_ptr<KQZipFileLocalHeader> _initWithSourceFile(Text path, Text name);
+  KQZIP_HIDDEN bool _writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
+  KQZIP_HIDDEN bool _copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream,
+                                    KQ::NSErrorSlot error) const;
+  KQZIP_HIDDEN bool _skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
+  KQZIP_HIDDEN bool _exportData(const std::string& path, KQ::NSInputStream& stream,
+                                KQ::NSOutputStream& output, KQ::NSProgress& progress,
+                                KQ::NSErrorSlot error) const;
 
   std::weak_ptr<KQZipCentralDirectoryFileHeader> centralDirectoryHeader_;
 };

@@ -218,7 +218,7 @@ bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint
   header_.setCrc32(found.crc32);
   header_.setSourceFileSize(found.lengthOfData);
   header_.setExternalFileAttributes(areSet ? found.attributes : _externalAttributes(name_));
-  header_.setSharedFileName(KQ::NSSharedString(name_));
+  header_.setFileName(name_);
   KQZipBlockOutputStream output(converted, length);
   return header_.writeToStream(output) && areAlike(bytes, converted, length) &&
          _stepOverEntry(name_.size(), found.lengthOfData);

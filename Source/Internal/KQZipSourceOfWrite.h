@@ -1,10 +1,9 @@
 #pragma once
 
-#include <memory>
-#include <string>
 #include <utility>
 
 #include "../FileHeader/KQZipFileEntry.h"
+#include "KQZipTextBlock.h"
 
 /// The source path of an entry's write, the same from the write's beginning to its end: the code of a stream,
 /// of the log or of a subclass may set another meanwhile.
@@ -18,10 +17,10 @@ class KQZipSourceOfWrite {
   KQZipSourceOfWrite& operator=(const KQZipSourceOfWrite&) = delete;
 
   /// Null when the entry has no source.
-  const std::shared_ptr<const std::string>& path() const { return path_; }
+  const KQZipText& path() const { return path_; }
 
  private:
   KQZipFileEntry& entry_;
-  const std::shared_ptr<const std::string> path_;
-  const std::shared_ptr<const std::string>* const outer_;
+  const KQZipText path_;
+  const KQZipText* const outer_;
 };

@@ -3,11 +3,10 @@
 #include "../KQZipStreamPrimitives.h"
 #include "../Platform/NSString.h"
 
-bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, KQ::NSSharedString* text,
+bool KQZipReadTextBlock(KQ::NSInputStream& stream, std::uint16_t length, KQZipText* text,
                         KQ::NSErrorSlot error) {
-  auto bytes = KQ::NSSharedString::textFilledBy(
-      length, [&](char* first) { return KQZipReadBlockBytes(stream, first, length, error); });
-  if (!bytes.isPresent()) return false;
-  *text = KQ::isValidUTF8(bytes.view()) ? std::move(bytes) : KQ::NSSharedString();
+  std::string bytes(length, '\0');
+  if (!KQZipReadBlockBytes(stream, bytes.data(), length, error)) return false;
+  *text = KQ::isValidUTF8(bytes) ? std::make_shared<const std::string>(std::move(bytes)) : nullptr;
   return true;
 }

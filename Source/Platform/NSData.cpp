@@ -7,11 +7,16 @@
 namespace KQ {
 
 std::shared_ptr<const NSData> NSData::dataWithBytes(const void* bytes, std::uint64_t length) {
-  if (length == 0) return std::make_shared<const NSData>(nullptr, 0);
+  if (length == 0) return std::make_shared<const NSData>(Block(), 0);
+  if (length <= mostInside) return std::make_shared<const NSData>(bytes, length);
   Block block(static_cast<std::uint8_t*>(std::malloc(length)));
   if (!block) throw std::bad_alloc();
   std::memcpy(block.get(), bytes, length);
   return dataWithBytesNoCopy(std::move(block), length);
+}
+
+NSData::NSData(const void* bytes, std::uint64_t length) : bytes_(inside_.data()), length_(length) {
+  std::memcpy(inside_.data(), bytes, length);
 }
 
 std::shared_ptr<const NSData> NSData::dataWithBytesNoCopy(Block bytes, std::uint64_t length) {

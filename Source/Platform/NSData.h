@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -29,13 +30,16 @@ class KQZIP_EXPORT NSData {
   static std::shared_ptr<const NSData> dataWithBytesNoCopy(Block bytes, std::uint64_t length);
 
   /// Use the static operations instead.
-  NSData(Block bytes, std::uint64_t length) : bytes_(std::move(bytes)), length_(length) {}
+  NSData(Block bytes, std::uint64_t length)
+      : block_(std::move(bytes)), bytes_(block_.get()), length_(length) {}
+  /// Use the static operations instead.
+  NSData(const void* bytes, std::uint64_t length);
 
   NSData(const NSData&) = delete;             ///< A buffer is shared, never copied.
   NSData& operator=(const NSData&) = delete;  ///< A buffer is never changed.
 
   /// The first byte; null only when length() is 0.
-  const std::uint8_t* bytes() const { return bytes_.get(); }
+  const std::uint8_t* bytes() const { return bytes_; }
 
   /// Number of bytes.
   std::uint64_t length() const { return length_; }
@@ -44,7 +48,12 @@ class KQZIP_EXPORT NSData {
   bool operator==(const NSData& other) const;
 
  private:
-  Block bytes_;
+  static constexpr std::uint64_t mostInside = 24;
+
+  Block block_;
+  // Few bytes stand in the object itself: nearly every buffer has those of one field.
+  std::array<std::uint8_t, mostInside> inside_{};
+  const std::uint8_t* bytes_;
   std::uint64_t length_;
 };
 

@@ -56,9 +56,10 @@ class KQZIP_EXPORT NSFileHandle {
   bool close(NSErrorSlot error = nullptr);
 
  private:
-  static std::shared_ptr<NSFileHandle> _open(const std::string& path, bool updating, NSErrorSlot error);
-  bool _fits(std::uint64_t length, std::uint64_t offset, NSErrorSlot error) const;
-  bool _fail(NSErrorSlot error) const;
+  KQZIP_HIDDEN static std::shared_ptr<NSFileHandle> _open(const std::string& path, bool updating,
+                                                          NSErrorSlot error);
+  KQZIP_HIDDEN bool _fits(std::uint64_t length, std::uint64_t offset, NSErrorSlot error) const;
+  KQZIP_HIDDEN bool _fail(NSErrorSlot error) const;
 
   std::string path_;
   std::unique_ptr<NSFileDescriptor> file_;

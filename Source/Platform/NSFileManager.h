@@ -60,9 +60,9 @@ class KQZIP_EXPORT NSDirectoryEnumerator {
     std::vector<Item> items;
   };
 
-  void _enter(const std::string& relativePath);
-  std::optional<std::vector<Item>> _itemsOfFolder(const std::string& relativePath);
-  static int _readFolder(const std::string& path, bool followingLink, std::vector<Item>* items);
+  KQZIP_HIDDEN void _enter(const std::string& relativePath);
+  KQZIP_HIDDEN std::optional<std::vector<Item>> _itemsOfFolder(const std::string& relativePath);
+  KQZIP_HIDDEN static int _readFolder(const std::string& path, bool followingLink, std::vector<Item>* items);
 
   std::string root_;
   std::vector<Folder> folders_;

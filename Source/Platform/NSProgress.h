@@ -89,7 +89,7 @@ class KQZIP_EXPORT NSProgress : public std::enable_shared_from_this<NSProgress> 
 
  private:
   // A list of children, linked through the children themselves so that adding and removing costs no memory.
-  struct ChildList {
+  struct KQZIP_HIDDEN ChildList {
     NSProgress* first = nullptr;
     void add(NSProgress* child);
     void remove(NSProgress* child);
@@ -105,14 +105,15 @@ class KQZIP_EXPORT NSProgress : public std::enable_shared_from_this<NSProgress> 
   struct Made;
 
   explicit NSProgress(std::int64_t totalUnitCount);
-  void _attachTo(const std::shared_ptr<NSProgress>& parent, std::int64_t units, std::uint64_t scope);
-  void _settleChildrenOfScope(std::uint64_t scope);
-  ReleasedUnits& _releasedUnitsOfScope(std::uint64_t scope);
-  void _countIntoParent();
-  void _countIntoParentOnceFinished();
-  void _cancel();
-  bool _isFinished() const;
-  double _fractionCompleted() const;
+  KQZIP_HIDDEN void _attachTo(const std::shared_ptr<NSProgress>& parent, std::int64_t units,
+                              std::uint64_t scope);
+  KQZIP_HIDDEN void _settleChildrenOfScope(std::uint64_t scope);
+  KQZIP_HIDDEN ReleasedUnits& _releasedUnitsOfScope(std::uint64_t scope);
+  KQZIP_HIDDEN void _countIntoParent();
+  KQZIP_HIDDEN void _countIntoParentOnceFinished();
+  KQZIP_HIDDEN void _cancel();
+  KQZIP_HIDDEN bool _isFinished() const;
+  KQZIP_HIDDEN double _fractionCompleted() const;
 
   // One lock for a whole tree: trees are shallow and counted in blocks, not in bytes.
   std::shared_ptr<std::mutex> treeLock_;

@@ -181,8 +181,8 @@ bool ArchiveScan::parseLocalHeader(std::uint64_t start) {
   // A read that the archive's end cuts short is no failure to the library; only the position tells.
   if (header.offsetOfDataInArchive() != dataAt) return stopInsideLocalHeader(start, nullptr);
   // The library keeps no name that is not valid UTF-8.
-  const KQ::NSSharedString text = header.sharedFileName();
-  if (text.isPresent()) return addEntry(text.view(), start, localFields(header));
+  const std::optional<std::string> text = header.fileName();
+  if (text) return addEntry(*text, start, localFields(header));
   return addEntry(readBytes(nameAt, header.fileNameLength()), start, localFields(header));
 }
 
@@ -209,8 +209,8 @@ bool ArchiveScan::parseCentralHeader(std::uint64_t start) {
   if (!header.parseFromStream(*stream_, &error)) return stopInsideTail(start, error);
   const std::uint64_t size =
       centralHeaderSize + header.fileNameLength() + header.extraFieldLength() + header.fileCommentLength();
-  const KQ::NSSharedString text = header.sharedFileName();
-  if (text.isPresent()) return addCentralRecord(text.view(), start, centralFields(header), size);
+  const std::optional<std::string> text = header.fileName();
+  if (text) return addCentralRecord(*text, start, centralFields(header), size);
   return addCentralRecord(readBytes(start + centralHeaderSize, header.fileNameLength()), start,
                           centralFields(header), size);
 }

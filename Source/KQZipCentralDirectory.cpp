@@ -1,12 +1,8 @@
 #include "KQZipCentralDirectory.h"
 
-#include "Internal/KQZipTransfer.h"
+#include <array>
 
-static constexpr std::uint32_t saturated = 0xFFFFFFFF;
-
-static std::uint32_t saturatedTo32Bits(std::uint64_t value) {
-  return value < saturated ? static_cast<std::uint32_t>(value) : saturated;
-}
+#include "Internal/KQZipHeaderCodec.h"
 
 KQZipCentralDirectory::~KQZipCentralDirectory() = default;
 
@@ -40,9 +36,9 @@ void KQZipCentralDirectory::setFileHeaders(
 
 bool KQZipCentralDirectory::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   // A read of one to three bytes leaves the rest as the value before had it; that is not told apart.
-  KQZipSignatureBytes bytes{};
+  std::array<std::uint8_t, KQZipSignatureSize> bytes{};
   while (stream.read(bytes.data(), bytes.size()) > 0) {
-    if (!_parseRecord(KQZipSignatureFromBytes(bytes), stream, error)) return false;
+    if (!_parseRecord(KQZipLoad<std::uint32_t>(bytes.data()), stream, error)) return false;
   }
   return true;
 }
@@ -102,8 +98,8 @@ void KQZipCentralDirectory::_fillEndRecords(std::uint64_t startOfDirectory) {
   const std::uint64_t size = outputSize();
   zipEoCDRecord_->setEntriesInCDOnThisDisk(static_cast<std::uint16_t>(count));
   zipEoCDRecord_->setEntriesInCD(static_cast<std::uint16_t>(count));
-  zipEoCDRecord_->setSizeOfCD(saturatedTo32Bits(size));
-  zipEoCDRecord_->setOffsetOfCD(saturatedTo32Bits(startOfDirectory));
+  zipEoCDRecord_->setSizeOfCD(KQZipSaturate<std::uint32_t>(size));
+  zipEoCDRecord_->setOffsetOfCD(KQZipSaturate<std::uint32_t>(startOfDirectory));
   zip64EoCDRecord_->setEntriesInCDOnThisDisk(count);
   zip64EoCDRecord_->setEntriesInCD(count);
   zip64EoCDRecord_->setSizeOfCD(size);

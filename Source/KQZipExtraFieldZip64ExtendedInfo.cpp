@@ -1,33 +1,9 @@
 #include "KQZipExtraFieldZip64ExtendedInfo.h"
 
 #include <array>
-#include <cstddef>
 #include <typeinfo>
 
-namespace {
-
-constexpr std::size_t width = 8;
-
-// Sets the value's bytes from the data at `start`, low ones first; bytes for which no data remains stay.
-void decode(const std::uint8_t* data, std::uint64_t length, std::uint64_t start, std::uint64_t* value) {
-  if (start + width <= length) {
-    // All of the value's bytes, which the compiler turns into one load.
-    std::uint64_t whole = 0;
-    for (std::size_t i = 0; i < width; ++i) whole |= static_cast<std::uint64_t>(data[start + i]) << (8 * i);
-    *value = whole;
-    return;
-  }
-  for (std::size_t i = 0; i < width && start + i < length; ++i) {
-    const std::uint64_t mask = static_cast<std::uint64_t>(0xFF) << (8 * i);
-    *value = (*value & ~mask) | static_cast<std::uint64_t>(data[start + i]) << (8 * i);
-  }
-}
-
-void encode(std::uint64_t value, std::uint8_t* bytes) {
-  for (std::size_t i = 0; i < width; ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
-}  // namespace
+#include "Internal/KQZipHeaderCodec.h"
 
 KQZipExtraFieldZip64ExtendedInfo::KQZipExtraFieldZip64ExtendedInfo() { setFieldSignature(identifier); }
 
@@ -49,17 +25,17 @@ std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> KQZipExtraFieldZip64ExtendedIn
 bool KQZipExtraFieldZip64ExtendedInfo::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   if (!KQZipExtraField::parseFromStream(stream, error)) return false;
   const auto data = fieldData();
-  decode(data->bytes(), data->length(), 0, &uncompressedSize_);
-  decode(data->bytes(), data->length(), 8, &compressedSize_);
-  decode(data->bytes(), data->length(), 16, &offsetOfLocalHeaderRecord_);
+  KQZipZip64Values values{uncompressedSize_, compressedSize_, offsetOfLocalHeaderRecord_};
+  KQZipDecodeZip64InOrder({data->bytes(), data->length()}, &values);
+  uncompressedSize_ = values.uncompressedSize;
+  compressedSize_ = values.compressedSize;
+  offsetOfLocalHeaderRecord_ = values.offsetOfLocalHeader;
   return true;
 }
 
 bool KQZipExtraFieldZip64ExtendedInfo::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  std::array<std::uint8_t, 24> bytes{};
-  encode(uncompressedSize_, &bytes[0]);
-  encode(compressedSize_, &bytes[8]);
-  encode(offsetOfLocalHeaderRecord_, &bytes[16]);
+  std::array<std::uint8_t, KQZipZip64Values::dataSize> bytes;
+  KQZipEncodeZip64Data({uncompressedSize_, compressedSize_, offsetOfLocalHeaderRecord_}, bytes);
   setFieldData(KQ::NSData::dataWithBytes(bytes.data(), bytes.size()));
   return KQZipExtraField::writeToStream(stream, error);
 }

@@ -1,8 +1,10 @@
 #include "KQZipFileReader.h"
 
 #include <algorithm>
+#include <array>
 
 #include "Internal/KQZipError.h"
+#include "Internal/KQZipHeaderCodec.h"
 #include "Internal/KQZipTransfer.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSProgress.h"
@@ -57,9 +59,9 @@ std::shared_ptr<KQZipFileReader> KQZipFileReader::initWithStream(KQ::NSInputStre
 
 bool KQZipFileReader::_parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   while (stream.hasBytesAvailable()) {
-    KQZipSignatureBytes bytes{};
+    std::array<std::uint8_t, KQZipSignatureSize> bytes{};
     if (stream.read(bytes.data(), bytes.size()) != static_cast<std::int64_t>(bytes.size())) return true;
-    if (!_parseRecord(KQZipSignatureFromBytes(bytes), stream, error)) return false;
+    if (!_parseRecord(KQZipLoad<std::uint32_t>(bytes.data()), stream, error)) return false;
   }
   return true;
 }

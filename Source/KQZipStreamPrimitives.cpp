@@ -1,10 +1,10 @@
 #include "KQZipStreamPrimitives.h"
 
 #include <array>
-#include <cstddef>
 
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipFailedWrite.h"
+#include "Internal/KQZipLittleEndian.h"
 #include "Platform/Internal/NSBufferedStreams.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSString.h"
@@ -27,14 +27,10 @@ bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlo
   std::array<std::uint8_t, sizeof(Integer)> bytes;
   if (!KQ::NSBufferedInputStream::take(stream, bytes.data(), bytes.size())) {
     // Starts from the value as it is, so that bytes which are not delivered stay.
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-      bytes[i] = static_cast<std::uint8_t>(*destination >> (8 * i));
+    KQZipStore(*destination, bytes.data());
     if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
   }
-  Integer value = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i)
-    value = static_cast<Integer>(value | static_cast<Integer>(static_cast<Integer>(bytes[i]) << (8 * i)));
-  *destination = value;
+  *destination = KQZipLoad<Integer>(bytes.data());
   return true;
 }
 
@@ -48,7 +44,7 @@ bool writeBlock(KQ::NSOutputStream& stream, const std::uint8_t* source, std::uin
 template <class Integer>
 bool writeInteger(KQ::NSOutputStream& stream, Integer value, KQ::NSErrorSlot error) {
   std::array<std::uint8_t, sizeof(Integer)> bytes;
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
+  KQZipStore(value, bytes.data());
   return KQ::NSBufferedOutputStream::put(stream, bytes.data(), bytes.size()) ||
          writeBlock(stream, bytes.data(), bytes.size(), error);
 }

@@ -60,17 +60,13 @@ bool isCentralTaken(const std::string& bytes) {
   KQZipCentralDirectoryFileHeader header;
   EXPECT_TRUE(header.parseFromStream(*stream));
   EXPECT_EQ(stream->NSStreamFileCurrentOffsetKey(), taken->size);
-  EXPECT_EQ(bytes.substr(46, header.fileNameLength()), taken->name);
-  const Tool::CentralFields expected = Tool::centralFields(header);
-  EXPECT_EQ(expected.versionMadeBy, taken->fields.versionMadeBy);
-  EXPECT_EQ(expected.crc32, taken->fields.crc32);
-  EXPECT_EQ(expected.compressedSize, taken->fields.compressedSize);
-  EXPECT_EQ(expected.uncompressedSize, taken->fields.uncompressedSize);
-  EXPECT_EQ(expected.externalFileAttributes, taken->fields.externalFileAttributes);
-  EXPECT_EQ(expected.offsetOfLocalHeader, taken->fields.offsetOfLocalHeader);
-  EXPECT_EQ(expected.numberOfZip64Values, taken->fields.numberOfZip64Values);
-  for (std::size_t i = 0; i < expected.numberOfZip64Values; ++i)
-    EXPECT_EQ(expected.zip64Values[i], taken->fields.zip64Values[i]);
+  const std::string name = bytes.substr(46, header.fileNameLength());
+  const Tool::CentralRecord expected = Tool::centralRecord(header, name);
+  EXPECT_EQ(name, taken->record.name);
+  EXPECT_EQ(expected.crc32, taken->record.crc32);
+  EXPECT_EQ(expected.size, taken->record.size);
+  EXPECT_EQ(expected.localHeaderAt, taken->record.localHeaderAt);
+  EXPECT_EQ(expected.permissions, taken->record.permissions);
   return true;
 }
 
@@ -99,7 +95,8 @@ std::vector<std::string> ordinaryExtraFields() {
 }
 
 // A central header, every fixed field of which has a value of its own.
-std::string centralBytes(const std::string& extra, const std::string& comment = "") {
+std::string centralBytes(const std::string& extra, const std::string& comment = "",
+                         bool isSaturated = false) {
   return Bytes()
       .u32(0x02014b50)
       .u16(0x031E)  // version made by
@@ -108,16 +105,16 @@ std::string centralBytes(const std::string& extra, const std::string& comment = 
       .u16(0)
       .u16(0x645C)
       .u16(0x50CF)
-      .u32(0x12345678)  // CRC-32
-      .u32(0x23456789)  // compressed size
-      .u32(0x3456789A)  // uncompressed size
+      .u32(0x12345678)                             // CRC-32
+      .u32(isSaturated ? 0xFFFFFFFF : 0x23456789)  // compressed size
+      .u32(isSaturated ? 0xFFFFFFFF : 0x3456789A)  // uncompressed size
       .u16(4)
       .u16(extra.size())
       .u16(comment.size())
       .u16(0x4567)
       .u16(0x5678)
-      .u32(0x81A40001)  // external attributes
-      .u32(0x6789ABCD)  // offset of the local header
+      .u32(0x81A40001)                             // external attributes
+      .u32(isSaturated ? 0xFFFFFFFF : 0x6789ABCD)  // offset of the local header
       .text("name" + extra + comment);
 }
 
@@ -134,10 +131,11 @@ TEST(RecordsAtHand, OrdinaryCentralHeadersAreTakenAsTheirClassReadsThem) {
   for (const std::string& extra : ordinaryExtraFields()) {
     EXPECT_TRUE(isCentralTaken(centralBytes(extra)));
     EXPECT_TRUE(isCentralTaken(centralBytes(extra, "a comment")));
+    EXPECT_TRUE(isCentralTaken(centralBytes(extra, "", true)));
   }
   // Here other programs leave out the values that fit 32 bits.
   for (const std::size_t length : {0U, 1U, 7U, 8U, 15U})
-    EXPECT_TRUE(isCentralTaken(centralBytes(extraFieldBytes(1, std::string(length, '\x02')))));
+    EXPECT_TRUE(isCentralTaken(centralBytes(extraFieldBytes(1, std::string(length, '\x02')), "", true)));
 }
 
 TEST(RecordsAtHand, TheOffsetOfALocalHeaderCountsIntoThatOfItsData) {
@@ -154,7 +152,7 @@ TEST(RecordsAtHand, AHeaderThatIsNotAtHandToItsEndIsNotTaken) {
   const std::string central = centralBytes(zip64FieldBytes(4, 4), "a comment");
   for (std::size_t length = 0; length < central.size(); ++length) {
     EXPECT_FALSE(isCentralTaken(central.substr(0, length))) << length;
-    EXPECT_EQ(length >= 34,
+    EXPECT_EQ(length >= 46,
               Tool::sizeOfCentralHeaderAtHand(*streamAtHeader(central.substr(0, length))).has_value());
   }
 }

@@ -1,50 +1,41 @@
 #include "KQZipEndRecords.h"
 
-#include <algorithm>
-
-#include "../KQZip64EndOfCentralDirectoryLocator.h"
-#include "../KQZip64EndOfCentralDirectoryRecord.h"
-#include "../KQZipEndOfCentralDirectoryRecord.h"
-#include "KQZipBlockStreams.h"
-
 namespace {
 
-constexpr std::uint64_t largest16Bits = 0xFFFF;
-constexpr std::uint64_t largest32Bits = 0xFFFFFFFF;
-
 KQZipEndRecords::Bytes bytesOf(const KQZipEndRecords& records, std::uint64_t sizeOfDirectory,
-                               std::uint64_t classicCount) {
-  KQZip64EndOfCentralDirectoryRecord zip64Record;
-  zip64Record.setEntriesInCDOnThisDisk(records.entries);
-  zip64Record.setEntriesInCD(records.entries);
-  zip64Record.setSizeOfCD(sizeOfDirectory);
-  zip64Record.setOffsetOfCD(records.startOfDirectory);
+                               std::uint16_t classicCount) {
+  KQZipZip64EndRecordFields zip64Record;
+  zip64Record.entriesInCDOnThisDisk = records.entries;
+  zip64Record.entriesInCD = records.entries;
+  zip64Record.sizeOfCD = sizeOfDirectory;
+  zip64Record.offsetOfCD = records.startOfDirectory;
 
-  KQZip64EndOfCentralDirectoryLocator locator;
-  locator.setOffsetOfZip64EoCD(records.startOfDirectory + records.sizeOfHeaders);
+  KQZipZip64LocatorFields locator;
+  locator.offsetOfZip64EoCD = records.startOfDirectory + records.sizeOfHeaders;
 
-  KQZipEndOfCentralDirectoryRecord classicRecord;
-  classicRecord.setEntriesInCDOnThisDisk(static_cast<std::uint16_t>(classicCount));
-  classicRecord.setEntriesInCD(static_cast<std::uint16_t>(classicCount));
-  classicRecord.setSizeOfCD(static_cast<std::uint32_t>(std::min(sizeOfDirectory, largest32Bits)));
-  classicRecord.setOffsetOfCD(static_cast<std::uint32_t>(std::min(records.startOfDirectory, largest32Bits)));
+  KQZipEndRecordFields classicRecord;
+  classicRecord.entriesInCDOnThisDisk = classicCount;
+  classicRecord.entriesInCD = classicCount;
+  classicRecord.sizeOfCD = KQZipSaturate<std::uint32_t>(sizeOfDirectory);
+  classicRecord.offsetOfCD = KQZipSaturate<std::uint32_t>(records.startOfDirectory);
 
-  KQZipEndRecords::Bytes bytes{};
-  KQZipBlockOutputStream stream(bytes.data(), bytes.size());
-  zip64Record.writeToStream(stream);
-  locator.writeToStream(stream);
-  classicRecord.writeToStream(stream);
+  KQZipEndRecords::Bytes bytes;
+  KQZipRoom room(bytes);
+  KQZipEncode(zip64Record, room);
+  room = room.subspan(KQZipZip64EndRecordFields::size);
+  KQZipEncode(locator, room);
+  KQZipEncode(classicRecord, room.subspan(KQZipZip64LocatorFields::size));
   return bytes;
 }
 
 }  // namespace
 
 KQZipEndRecords::Bytes KQZipEndRecords::exact() const {
-  return bytesOf(*this, sizeOfHeaders + length, entries & largest16Bits);
+  return bytesOf(*this, sizeOfHeaders + length, static_cast<std::uint16_t>(entries));
 }
 
 KQZipEndRecords::Bytes KQZipEndRecords::interoperable() const {
-  return bytesOf(*this, sizeOfHeaders, std::min(entries, largest16Bits));
+  return bytesOf(*this, sizeOfHeaders, KQZipSaturate<std::uint16_t>(entries));
 }
 
 bool KQZipEndRecords::match(const Bytes& bytes) const {

@@ -3,12 +3,15 @@
 #include <array>
 #include <cstdint>
 
+#include "KQZipHeaderCodec.h"
+
 // The three records that close an archive, as bytes. For the library's own use.
 
 /// What the records say, and where they stand.
 struct KQZipEndRecords {
   /// The Zip64 end record, the locator and the classic end record, all without parts of variable length.
-  static constexpr std::uint64_t length = 56 + 20 + 22;
+  static constexpr std::uint64_t length =
+      KQZipZip64EndRecordFields::size + KQZipZip64LocatorFields::size + KQZipEndRecordFields::size;
   /// The records' bytes.
   using Bytes = std::array<std::uint8_t, length>;
 

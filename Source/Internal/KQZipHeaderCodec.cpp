@@ -12,7 +12,25 @@ bool KQZipExtraFieldWalk::next() {
   return true;
 }
 
+bool KQZipFindZip64(KQZipBytes area, std::optional<KQZipBytes>* data) {
+  data->reset();
+  KQZipExtraFieldWalk walk(area);
+  while (walk.next()) {
+    if (!*data && walk.identifier() == KQZipZip64Values::identifier) *data = walk.data();
+  }
+  return walk.isWhole();
+}
+
 namespace {
+
+bool findParts(std::size_t nameLength, std::size_t extraFieldLength, std::size_t commentLength,
+               KQZipBytes bytes, KQZipHeaderParts* parts) {
+  if (bytes.size() < nameLength + extraFieldLength + commentLength) return false;
+  parts->name = {reinterpret_cast<const char*>(bytes.data()), nameLength};
+  parts->extraFields = bytes.subspan(nameLength, extraFieldLength);
+  parts->comment = bytes.subspan(nameLength + extraFieldLength, commentLength);
+  return true;
+}
 
 // Sets the value from the start of the data, as far as there is any, and takes these bytes off.
 void takeInOrder(KQZipBytes* data, std::uint64_t* value) {
@@ -53,6 +71,14 @@ KQZipWideValues widenSizes(const Fields& header, KQZipBytes* data) {
 }
 
 }  // namespace
+
+bool KQZipFindParts(const KQZipLocalHeaderFields& header, KQZipBytes bytes, KQZipHeaderParts* parts) {
+  return findParts(header.fileNameLength, header.extraFieldLength, 0, bytes, parts);
+}
+
+bool KQZipFindParts(const KQZipCentralHeaderFields& header, KQZipBytes bytes, KQZipHeaderParts* parts) {
+  return findParts(header.fileNameLength, header.extraFieldLength, header.fileCommentLength, bytes, parts);
+}
 
 void KQZipDecodeZip64InOrder(KQZipBytes data, KQZipZip64Values* values) {
   takeInOrder(&data, &values->uncompressedSize);

@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
+#include <string_view>
 
 #include "KQZipLittleEndian.h"
 
@@ -24,6 +26,12 @@ inline constexpr std::uint32_t KQZipSaturated32 = 0xFFFFFFFF;
 
 /// A 16-bit count or disk number that stands for one in a Zip64 record.
 inline constexpr std::uint16_t KQZipSaturated16 = 0xFFFF;
+
+/// The value in 16 or 32 bits, saturated if it does not fit.
+template <std::unsigned_integral Narrow>
+constexpr Narrow KQZipSaturate(std::uint64_t value) {
+  return static_cast<Narrow>(value < static_cast<Narrow>(-1) ? value : static_cast<Narrow>(-1));
+}
 
 // The parts of fixed length. Each lists its fields once, in the order of the disk. The defaults are those
 // with which a fresh object of the record's class is written.
@@ -280,6 +288,26 @@ class KQZipExtraFieldWalk {
   KQZipBytes data_;
 };
 
+/// Finds the data of the first Zip64 field in an area of extra fields; nothing when it has none. Returns
+/// whether the area is whole.
+bool KQZipFindZip64(KQZipBytes area, std::optional<KQZipBytes>* data);
+
+/// A header's parts of variable length, in the memory of its bytes.
+struct KQZipHeaderParts {
+  std::string_view name;   ///< The bytes of the name as stored.
+  KQZipBytes extraFields;  ///< All extra fields.
+  KQZipBytes comment;      ///< The comment; none in a local header.
+};
+
+/// Finds the parts of a header in the bytes after its fixed part. False, with the parts as before, when there
+/// are too few of them.
+[[nodiscard]] bool KQZipFindParts(const KQZipLocalHeaderFields& header, KQZipBytes bytes,
+                                  KQZipHeaderParts* parts);
+
+/// The same for a central header.
+[[nodiscard]] bool KQZipFindParts(const KQZipCentralHeaderFields& header, KQZipBytes bytes,
+                                  KQZipHeaderParts* parts);
+
 /// The values of Zip64 extended information.
 struct KQZipZip64Values {
   static constexpr std::uint16_t identifier = 1;          ///< The field's id.
@@ -299,7 +327,7 @@ void KQZipDecodeZip64InOrder(KQZipBytes data, KQZipZip64Values* values);
 
 /// Encodes the data of a field, all three values.
 void KQZipEncodeZip64Data(const KQZipZip64Values& values,
-                          std::span<std::uint8_t, KQZipZip64Values::dataSize>);
+                          std::span<std::uint8_t, KQZipZip64Values::dataSize> room);
 
 /// Encodes a whole field with all three values.
 void KQZipEncodeZip64Field(const KQZipZip64Values& values,

@@ -6,28 +6,18 @@
 #include <string_view>
 #include <utility>
 
-#include "../KQZip64EndOfCentralDirectoryRecord.h"
-#include "../KQZipStreamPrimitives.h"
 #include "../Platform/NSString.h"
-#include "KQZipBlockStreams.h"
 #include "KQZipError.h"
+#include "KQZipHeaderCodec.h"
 #include "KQZipTransfer.h"
 
 namespace {
 
-// Bytes of each header in front of the name, the signature included, and of the extra field behind it.
-constexpr std::uint64_t localHeaderLength = 30;
-constexpr std::uint64_t centralHeaderLength = 46;
-constexpr std::uint64_t zip64FieldLength = 28;
-constexpr std::uint64_t zip64FieldHeaderLength = 4;
+using Local = KQZipLocalHeaderFields;
+using Central = KQZipCentralHeaderFields;
 
-// Where the headers keep what is used here without a parse, or may differ from what the library writes.
-constexpr std::uint64_t flagsInLocalHeader = 6;
-constexpr std::uint64_t flagsInCentralHeader = 8;
-constexpr std::uint64_t nameLengthInCentralHeader = 28;
-constexpr std::uint64_t attributesInCentralHeader = 38;
-constexpr std::uint64_t offsetInCentralHeader = 42;
-constexpr std::uint64_t signatureLength = 4;
+// Both headers have the Zip64 field as their only one, after the name.
+constexpr std::uint64_t zip64FieldLength = KQZipZip64Values::fieldSize;
 
 constexpr std::uint16_t nameIsUTF8 = 0x0800;
 
@@ -57,68 +47,38 @@ bool areUnset(std::uint32_t attributes, bool isFolder) {
   return attributes >> 24 == 0 && (lowerHalf == 0 || (isFolder && lowerHalf == folderInDOS));
 }
 
-bool haveSignature(const std::uint8_t* record, std::uint32_t signature) {
-  KQZipSignatureBytes bytes{};
-  std::copy(record, record + bytes.size(), bytes.begin());
-  return KQZipSignatureFromBytes(bytes) == signature;
-}
-
+// The length of the central header of which these bytes are the fixed part.
 std::uint64_t lengthOfHeader(const std::uint8_t* header) {
-  const std::uint8_t* length = header + nameLengthInCentralHeader;
-  return centralHeaderLength + (length[0] | static_cast<std::uint64_t>(length[1]) << 8) + zip64FieldLength;
+  return Central::size + KQZipLoad<std::uint16_t>(header + KQZipOffsetOf(&Central::fileNameLength)) +
+         zip64FieldLength;
 }
 
-// What differs from entry to entry, but for the name and the offset.
-struct EntryValues {
-  std::uint16_t flags = 0;
-  std::uint16_t compression = 0;
-  std::uint16_t modTime = 0;
-  std::uint16_t modDate = 0;
-  std::uint32_t crc32 = 0;
-  std::uint32_t attributes = 0;
-  std::uint64_t lengthOfData = 0;
-};
-
-EntryValues valuesIn(const std::uint8_t* header, std::uint64_t length) {
-  EntryValues values;
-  KQZipBlockInputStream stream(header, length);
-  stream.setNSStreamFileCurrentOffsetKey(flagsInCentralHeader);
-  KQZipReadBlock16(stream, &values.flags);
-  KQZipReadBlock16(stream, &values.compression);
-  KQZipReadBlock16(stream, &values.modTime);
-  KQZipReadBlock16(stream, &values.modDate);
-  KQZipReadBlock32(stream, &values.crc32);
-  stream.setNSStreamFileCurrentOffsetKey(attributesInCentralHeader);
-  KQZipReadBlock32(stream, &values.attributes);
-  stream.setNSStreamFileCurrentOffsetKey(length - zip64FieldLength + zip64FieldHeaderLength);
-  KQZipReadBlock64(stream, &values.lengthOfData);
-  return values;
-}
-
-// Whether two headers are the same but for flags and attributes.
+// Whether two central headers are the same but for flags and attributes.
 bool areAlike(const std::uint8_t* left, const std::uint8_t* right, std::uint64_t length) {
+  constexpr std::size_t flags = KQZipOffsetOf(&Central::flags);
+  constexpr std::size_t attributes = KQZipOffsetOf(&Central::externalFileAttributes);
+  constexpr std::size_t flagsEnd = flags + sizeof(Central::flags);
+  constexpr std::size_t attributesEnd = attributes + sizeof(Central::externalFileAttributes);
   const auto sameIn = [left, right](std::uint64_t start, std::uint64_t end) {
     return std::memcmp(left + start, right + start, end - start) == 0;
   };
-  return sameIn(0, flagsInCentralHeader) && sameIn(flagsInCentralHeader + 2, attributesInCentralHeader) &&
-         sameIn(offsetInCentralHeader, length);
+  return sameIn(0, flags) && sameIn(flagsEnd, attributes) && sameIn(attributesEnd, length);
+}
+
+// Whether a local header has the same values as the central one. Flags may still be unset in the one.
+bool match(const Local& local, const Central& central) {
+  return local.versionNeeded == central.versionNeeded && (local.flags == 0 || local.flags == central.flags) &&
+         local.compression == central.compression && local.crc32 == central.crc32 &&
+         local.compressedSize == central.compressedSize &&
+         local.uncompressedSize == central.uncompressedSize &&
+         local.fileNameLength == central.fileNameLength && local.extraFieldLength == central.extraFieldLength;
 }
 
 }  // namespace
 
-KQZipPackedFileHeader::KQZipPackedFileHeader(const std::shared_ptr<KQZipFileLocalHeader>& localHeader) {
-  // Only an entry with a source is written, whatever it is.
-  setSourceFilePath("");
-  setLocalHeader(localHeader);
-}
-
 KQZipInteroperablePlan::KQZipInteroperablePlan(std::string path, const KQ::NSFileHandle& source,
                                                const KQZipPermissions& permissions)
-    : path_(std::move(path)),
-      source_(source),
-      permissions_(permissions),
-      localHeader_(std::make_shared<KQZipFileLocalHeader>()),
-      header_(localHeader_) {}
+    : path_(std::move(path)), source_(source), permissions_(permissions) {}
 
 bool KQZipInteroperablePlan::make(KQ::NSErrorSlot error) {
   return _readEndRecords(error) && _readDirectory(error);
@@ -129,9 +89,8 @@ bool KQZipInteroperablePlan::isEmpty() const {
 }
 
 bool KQZipInteroperablePlan::carryOut(const KQ::NSFileHandle& archive, KQ::NSErrorSlot error) const {
-  std::array<std::uint8_t, 2> flags{};
-  KQZipBlockOutputStream stream(flags.data(), flags.size());
-  KQZipWriteBlock16(stream, &nameIsUTF8);
+  std::array<std::uint8_t, sizeof(nameIsUTF8)> flags;
+  KQZipStore(nameIsUTF8, flags.data());
   for (const std::uint64_t offset : localFlags_) {
     if (!archive.write(flags.data(), flags.size(), offset, error)) return false;
   }
@@ -152,17 +111,13 @@ bool KQZipInteroperablePlan::_readEndRecords(KQ::NSErrorSlot error) {
 
   const std::uint64_t start = lengthOfArchive - KQZipEndRecords::length;
   if (!_read(endRecordsFound_.data(), endRecordsFound_.size(), start, error)) return false;
-  KQZip64EndOfCentralDirectoryRecord record;
-  KQZipBlockInputStream stream(endRecordsFound_.data() + signatureLength,
-                               endRecordsFound_.size() - signatureLength);
-  record.parseFromStream(stream);
-  if (record.offsetOfCD() > start) return _refuse(otherEnd, error);
-  endRecords_ = {record.entriesInCD(), record.offsetOfCD(), start - record.offsetOfCD()};
+  KQZipZip64EndRecordFields record;
+  if (!KQZipDecode(endRecordsFound_, &record) || record.offsetOfCD > start) return _refuse(otherEnd, error);
+  endRecords_ = {record.entriesInCD, record.offsetOfCD, start - record.offsetOfCD};
   return endRecords_.match(endRecordsFound_) || _refuse(otherEnd, error);
 }
 
 bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
-  localHeader_->setOffset(0);
   const std::uint64_t end = endRecords_.startOfDirectory + endRecords_.sizeOfHeaders;
   const auto buffer =
       std::make_unique_for_overwrite<std::uint8_t[]>(std::min(KQZipBlockSize, endRecords_.sizeOfHeaders));
@@ -176,7 +131,7 @@ bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
   if (entriesFound_ != endRecords_.entries)
     return _refuse("its central directory and its end records count differently", error);
   // Entries stand close together from the archive's first byte on.
-  return localHeader_->offset() == endRecords_.startOfDirectory ||
+  return nextEntry_ == endRecords_.startOfDirectory ||
          _refuse("its entries do not end where its central directory begins", error);
 }
 
@@ -186,13 +141,14 @@ std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, s
                                                     std::uint64_t offset, KQ::NSErrorSlot error) {
   auto converted = std::make_unique_for_overwrite<std::uint8_t[]>(length);
   std::uint64_t position = 0;
-  while (length - position >= centralHeaderLength) {
+  while (length - position >= Central::size) {
     const std::uint64_t headerLength = lengthOfHeader(bytes + position);
     if (headerLength > length - position) break;
-    const std::uint64_t entry = localHeader_->offset();
+    const std::uint64_t entry = nextEntry_;
     if (!_convertHeader(bytes + position, converted.get() + position, headerLength))
       return _refuseHeader(offset + position, error), 0;
-    if (header_.flags() != 0 && !_readLocalHeader(entry, error)) return 0;
+    const KQZipBytes header(converted.get() + position, headerLength);
+    if (header_.flags != 0 && !_readLocalHeader(header.subspan(Central::size), entry, error)) return 0;
     ++entriesFound_;
     position += headerLength;
   }
@@ -206,22 +162,31 @@ std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, s
 // header: whatever it writes otherwise shows in the comparison, so no more is read than what it can vary.
 bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint8_t* converted,
                                             std::uint64_t length) {
-  const EntryValues found = valuesIn(bytes, length);
-  name_.assign(bytes + centralHeaderLength, bytes + length - zip64FieldLength);
+  const std::uint64_t zip64At = length - zip64FieldLength;
+  Central found;
+  KQZipZip64Values zip64;
+  if (!KQZipDecode({bytes, length}, &found)) return false;
+  KQZipDecodeZip64InOrder({bytes + length - KQZipZip64Values::dataSize, KQZipZip64Values::dataSize}, &zip64);
+  name_.assign(bytes + Central::size, bytes + zip64At);
   const std::uint16_t flags = !isASCII(name_) && KQ::isValidUTF8(name_) ? nameIsUTF8 : 0;
   if (found.flags != 0 && found.flags != flags) return false;
-  const bool areSet = haveType(found.attributes);
-  if (!areSet && !areUnset(found.attributes, isFolder(name_))) return false;
-  header_.setFlags(flags);
-  header_.setModTime(found.modTime);
-  header_.setModDate(found.modDate);
-  header_.setCrc32(found.crc32);
-  header_.setSourceFileSize(found.lengthOfData);
-  header_.setExternalFileAttributes(areSet ? found.attributes : _externalAttributes(name_));
-  header_.setFileName(name_);
-  KQZipBlockOutputStream output(converted, length);
-  return header_.writeToStream(output) && areAlike(bytes, converted, length) &&
-         _stepOverEntry(name_.size(), found.lengthOfData);
+  const bool areSet = haveType(found.externalFileAttributes);
+  if (!areSet && !areUnset(found.externalFileAttributes, isFolder(name_))) return false;
+
+  header_ = {};
+  header_.flags = flags;
+  header_.modTime = found.modTime;
+  header_.modDate = found.modDate;
+  header_.crc32 = found.crc32;
+  header_.fileNameLength = static_cast<std::uint16_t>(name_.size());
+  header_.extraFieldLength = zip64FieldLength;
+  header_.externalFileAttributes = areSet ? found.externalFileAttributes : _externalAttributes(name_);
+  header_.offsetOfLocalHeader = KQZipSaturate<std::uint32_t>(nextEntry_);
+  KQZipEncode(header_, {converted, length});
+  std::copy(name_.begin(), name_.end(), converted + Central::size);
+  KQZipEncodeZip64Field({zip64.compressedSize, zip64.compressedSize, nextEntry_},
+                        KQZipRoom(converted + zip64At, zip64FieldLength).first<zip64FieldLength>());
+  return areAlike(bytes, converted, length) && _stepOverEntry(name_.size(), zip64.compressedSize);
 }
 
 std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& name) const {
@@ -233,41 +198,28 @@ std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& nam
 
 // Moves on to where the next entry stands. False when that is behind the entries.
 bool KQZipInteroperablePlan::_stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData) {
-  const std::uint64_t left = endRecords_.startOfDirectory - localHeader_->offset();
-  const std::uint64_t lengthOfHeader = localHeaderLength + lengthOfName + zip64FieldLength;
+  const std::uint64_t left = endRecords_.startOfDirectory - nextEntry_;
+  const std::uint64_t lengthOfHeader = Local::size + lengthOfName + zip64FieldLength;
   if (lengthOfHeader > left || lengthOfData > left - lengthOfHeader) return false;
-  localHeader_->setOffset(localHeader_->offset() + lengthOfHeader + lengthOfData);
+  nextEntry_ += lengthOfHeader + lengthOfData;
   return true;
 }
 
-// The local header at `offset` of the entry that was converted last.
-bool KQZipInteroperablePlan::_readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error) {
-  std::vector<std::uint8_t> bytes(localHeaderLength + header_.fileNameLength() + zip64FieldLength);
+// The local header at `offset` of the entry that was converted last. Name and Zip64 field are the same in
+// both of its headers.
+bool KQZipInteroperablePlan::_readLocalHeader(KQZipBytes nameAndExtraField, std::uint64_t offset,
+                                              KQ::NSErrorSlot error) {
+  std::vector<std::uint8_t> bytes(Local::size + nameAndExtraField.size());
   if (!_read(bytes.data(), bytes.size(), offset, error)) return false;
-  KQZipFileLocalHeader local;
-  KQZipBlockInputStream stream(bytes.data() + signatureLength, bytes.size() - signatureLength);
-  if (!haveSignature(bytes.data(), KQZipFileLocalHeader::signature) || !local.parseFromStream(stream) ||
-      !_matchesLocalHeader(local, offset)) {
+  Local local;
+  if (!KQZipDecode(bytes, &local) || !match(local, header_) ||
+      !std::equal(nameAndExtraField.begin(), nameAndExtraField.end(), bytes.begin() + Local::size)) {
     return _refuse(KQ::stringWithFormat("the entry at offset %llu and its central header differ",
                                         {KQ::NSFormatArgument::decimal(offset)}),
                    error);
   }
-  if (local.flags() == 0) localFlags_.push_back(offset + flagsInLocalHeader);
+  if (local.flags == 0) localFlags_.push_back(offset + KQZipOffsetOf(&Local::flags));
   return true;
-}
-
-bool KQZipInteroperablePlan::_matchesLocalHeader(const KQZipFileLocalHeader& local,
-                                                 std::uint64_t offset) const {
-  const auto sizes = local.findZip64InfoField();
-  return local.versionNeeded() == header_.versionNeeded() &&
-         (local.flags() == 0 || local.flags() == header_.flags()) && local.crc32() == header_.crc32() &&
-         local.compressedSize() == header_.compressedSize() &&
-         local.uncompressedSize() == header_.uncompressedSize() && local.fileName() == header_.fileName() &&
-         local.extraFieldLength() == zip64FieldLength && sizes &&
-         sizes->outputSize() == 4U + sizes->fieldSize() &&
-         sizes->compressedSize() == header_.sourceFileSize() &&
-         sizes->uncompressedSize() == header_.sourceFileSize() &&
-         sizes->offsetOfLocalHeaderRecord() == offset;
 }
 
 bool KQZipInteroperablePlan::_read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset,

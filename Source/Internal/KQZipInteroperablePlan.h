@@ -6,25 +6,13 @@
 #include <vector>
 
 #include "../Archive/KQZipInteroperability.h"
-#include "../FileHeader/KQZipCentralDirectoryFileHeader.h"
-#include "../FileHeader/KQZipFileLocalHeader.h"
 #include "../Platform/NSError.h"
 #include "../Platform/NSFileHandle.h"
 #include "KQZipEndRecords.h"
+#include "KQZipHeaderCodec.h"
 
 // What makes an archive interoperable, found out in full before anything is written. For the library's own
 // use.
-
-/// The central header of an entry that is in the archive already. All of it is known, so that nothing is
-/// taken from the source file.
-class KQZipPackedFileHeader final : public KQZipCentralDirectoryFileHeader {
- public:
-  /// A header with the defaults of all that the library writes, linked to `localHeader` for its offset.
-  explicit KQZipPackedFileHeader(const std::shared_ptr<KQZipFileLocalHeader>& localHeader);
-
-  /// Does nothing.
-  void updateAttributesFromSourceFile() override {}
-};
 
 /// The changes to one archive.
 class KQZipInteroperablePlan {
@@ -59,8 +47,7 @@ class KQZipInteroperablePlan {
   bool _convertHeader(const std::uint8_t* bytes, std::uint8_t* converted, std::uint64_t length);
   std::uint32_t _externalAttributes(const std::string& name) const;
   bool _stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData);
-  bool _readLocalHeader(std::uint64_t offset, KQ::NSErrorSlot error);
-  bool _matchesLocalHeader(const KQZipFileLocalHeader& local, std::uint64_t offset) const;
+  bool _readLocalHeader(KQZipBytes nameAndExtraField, std::uint64_t offset, KQ::NSErrorSlot error);
   bool _read(std::uint8_t* buffer, std::uint64_t length, std::uint64_t offset, KQ::NSErrorSlot error) const;
   bool _refuse(const std::string& reason, KQ::NSErrorSlot error) const;
   bool _refuseHeader(std::uint64_t offset, KQ::NSErrorSlot error) const;
@@ -73,10 +60,11 @@ class KQZipInteroperablePlan {
   KQZipEndRecords endRecords_;
   KQZipEndRecords::Bytes endRecordsFound_{};
 
-  // The way through the directory: where the next entry stands, and the one header that is used for all.
+  // The way through the directory: how many entries there were, where the next one stands, and the header and
+  // the name that were converted last.
   std::uint64_t entriesFound_ = 0;
-  std::shared_ptr<KQZipFileLocalHeader> localHeader_;
-  KQZipPackedFileHeader header_;
+  std::uint64_t nextEntry_ = 0;
+  KQZipCentralHeaderFields header_;
   std::string name_;
 
   // What is to be written.

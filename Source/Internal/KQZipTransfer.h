@@ -1,8 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -11,8 +9,7 @@
 #include "../Platform/NSProgress.h"
 #include "../Platform/NSStream.h"
 
-// What the transfers have in common that bypass the stream primitives: the copies of data and the scans for
-// signatures. For the library's own use.
+// What the copies of data have in common, which bypass the stream primitives. For the library's own use.
 
 /// Data is read and copied in blocks of this many bytes.
 inline constexpr std::uint64_t KQZipBlockSize = 1048576;
@@ -75,14 +72,4 @@ inline std::uint64_t KQZipMoveBlocks(KQ::NSInputStream& source, KQ::NSOutputStre
     done += moved;
   }
   return done;
-}
-
-/// The four bytes by which a scan chooses the next record.
-using KQZipSignatureBytes = std::array<std::uint8_t, 4>;
-
-/// The signature that the bytes hold.
-inline std::uint32_t KQZipSignatureFromBytes(const KQZipSignatureBytes& bytes) {
-  std::uint32_t signature = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i) signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
-  return signature;
 }

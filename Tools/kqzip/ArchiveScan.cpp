@@ -1,5 +1,6 @@
 #include "ArchiveScan.h"
 
+#include <KQZip/Internal/KQZipHeaderCodec.h>
 #include <KQZip/Platform/Internal/NSBufferedStreams.h>
 
 #include <algorithm>
@@ -23,22 +24,8 @@ namespace Tool {
 
 namespace {
 
-// Bytes of each record in front of its parts of variable length, the signature included.
-constexpr std::uint64_t signatureSize = 4;
-constexpr std::uint64_t localHeaderSize = 30;
-constexpr std::uint64_t centralHeaderSize = 46;
-constexpr std::uint64_t endRecordSize = 22;
-constexpr std::uint64_t zip64LocatorSize = 20;
+// Bytes of a digital signature in front of its data.
 constexpr std::uint64_t digitalSignatureSize = 6;
-
-// Where a central header says how long its name, its extra fields and its comment are.
-constexpr std::uint64_t lengthsInCentralHeaderAt = 28;
-
-// Where a local header says how long its name and its extra fields are.
-constexpr std::uint64_t nameLengthAt = 26;
-
-// The Zip64 end record's own size field counts what follows it.
-constexpr std::uint64_t zip64SizeFieldEnd = 12;
 
 std::uint64_t sizeOfArchive(const std::string& path) {
   requireArchiveFile(path);
@@ -125,7 +112,8 @@ Failure ArchiveScan::missing(const std::string& name) const {
 
 std::shared_ptr<KQZipFileLocalHeader> ArchiveScan::headerOf(const ArchiveEntry& entry) const {
   std::shared_ptr<const KQ::NSError> error;
-  const bool isAtHeader = stream_->setNSStreamFileCurrentOffsetKey(entry.localHeaderAt() + signatureSize);
+  const bool isAtHeader =
+      stream_->setNSStreamFileCurrentOffsetKey(entry.localHeaderAt() + KQZipSignatureSize);
   auto header = isAtHeader ? KQZipFileLocalHeader::initWithStream(*stream_, &error) : nullptr;
   if (!header) throw Failure(inQuotes(entry.name) + " cannot be read: the archive has changed meanwhile");
   return header;
@@ -141,17 +129,15 @@ void ArchiveScan::scan(const KQ::NSProgress& work) {
 }
 
 std::optional<std::uint32_t> ArchiveScan::readSignature(std::uint64_t start) {
-  std::array<std::uint8_t, 4> bytes{};
+  std::array<std::uint8_t, KQZipSignatureSize> bytes{};
   if (!KQ::NSBufferedInputStream::take(*stream_, bytes.data(), bytes.size())) {
     const std::int64_t count = stream_->read(bytes.data(), bytes.size());
-    if (count != 4) {
+    if (count != KQZipSignatureSize) {
       stopBetweenRecords(start, count);
       return std::nullopt;
     }
   }
-  std::uint32_t signature = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i) signature |= static_cast<std::uint32_t>(bytes[i]) << (8 * i);
-  return signature;
+  return KQZipLoad<std::uint32_t>(bytes.data());
 }
 
 bool ArchiveScan::readRecord(std::uint32_t signature, std::uint64_t start) {
@@ -176,7 +162,7 @@ bool ArchiveScan::parseLocalHeader(std::uint64_t start) {
   KQZipFileLocalHeader header;
   std::shared_ptr<const KQ::NSError> error;
   if (!header.parseFromStream(*stream_, &error)) return stopInsideLocalHeader(start, error);
-  const std::uint64_t nameAt = start + localHeaderSize;
+  const std::uint64_t nameAt = start + KQZipLocalHeaderFields::size;
   const std::uint64_t dataAt = nameAt + header.fileNameLength() + header.extraFieldLength();
   // A read that the archive's end cuts short is no failure to the library; only the position tells.
   if (header.offsetOfDataInArchive() != dataAt) return stopInsideLocalHeader(start, nullptr);
@@ -199,29 +185,28 @@ bool ArchiveScan::addEntry(std::string_view name, std::uint64_t start, const Loc
 
 bool ArchiveScan::readCentralHeader(std::uint64_t start) {
   const std::optional<CentralHeaderAtHand> header = centralHeaderAtHand(*stream_);
-  return header ? addCentralRecord(header->name, start, header->fields, header->size)
-                : parseCentralHeader(start);
+  return header ? addCentralRecord(header->record, start, header->size) : parseCentralHeader(start);
 }
 
 bool ArchiveScan::parseCentralHeader(std::uint64_t start) {
   KQZipCentralDirectoryFileHeader header;
   std::shared_ptr<const KQ::NSError> error;
   if (!header.parseFromStream(*stream_, &error)) return stopInsideTail(start, error);
-  const std::uint64_t size =
-      centralHeaderSize + header.fileNameLength() + header.extraFieldLength() + header.fileCommentLength();
+  const std::uint64_t size = KQZipCentralHeaderFields::size + header.fileNameLength() +
+                             header.extraFieldLength() + header.fileCommentLength();
   const std::optional<std::string> text = header.fileName();
-  if (text) return addCentralRecord(*text, start, centralFields(header), size);
-  return addCentralRecord(readBytes(start + centralHeaderSize, header.fileNameLength()), start,
-                          centralFields(header), size);
+  if (text) return addCentralRecord(centralRecord(header, *text), start, size);
+  const std::string name = readBytes(start + KQZipCentralHeaderFields::size, header.fileNameLength());
+  return addCentralRecord(centralRecord(header, name), start, size);
 }
 
-bool ArchiveScan::addCentralRecord(std::string_view name, std::uint64_t start, const CentralFields& fields,
-                                   std::uint64_t size) {
+bool ArchiveScan::addCentralRecord(CentralRecord record, std::uint64_t start, std::uint64_t size) {
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
   // As a rule the entry in the same place has the same name, which is kept already.
   const std::size_t place = centralRecords_.size();
-  const bool isKept = place < entries_.size() && entries_[place].name == name;
-  centralRecords_.push_back(centralRecord(fields, isKept ? entries_[place].name : keep(name)));
+  const bool isKept = place < entries_.size() && entries_[place].name == record.name;
+  record.name = isKept ? entries_[place].name : keep(record.name);
+  centralRecords_.push_back(record);
   return skipTailRecord(start, size);
 }
 
@@ -231,12 +216,13 @@ bool ArchiveScan::skipCentralHeader(std::uint64_t start) {
   std::uint16_t lengthOfExtraFields = 0;
   std::uint16_t lengthOfComment = 0;
   std::shared_ptr<const KQ::NSError> error;
-  stream_->setNSStreamFileCurrentOffsetKey(start + lengthsInCentralHeaderAt);
+  stream_->setNSStreamFileCurrentOffsetKey(start + KQZipOffsetOf(&KQZipCentralHeaderFields::fileNameLength));
   if (!KQZipReadBlock16(*stream_, &lengthOfName, &error) ||
       !KQZipReadBlock16(*stream_, &lengthOfExtraFields, &error) ||
       !KQZipReadBlock16(*stream_, &lengthOfComment, &error))
     return stopInsideTail(start, error);
-  return skipTailRecord(start, centralHeaderSize + lengthOfName + lengthOfExtraFields + lengthOfComment);
+  return skipTailRecord(
+      start, KQZipCentralHeaderFields::size + lengthOfName + lengthOfExtraFields + lengthOfComment);
 }
 
 bool ArchiveScan::readZip64EndRecord(std::uint64_t start) {
@@ -246,21 +232,21 @@ bool ArchiveScan::readZip64EndRecord(std::uint64_t start) {
   // A record that says more than its fields take has extensible data behind them.
   const std::uint64_t size = std::max(record->size(), record->sizeOfZip64EoCDRecord());
   if (size > fileSize_ - start) return stopInsideTail(start, nullptr);
-  return skipTailRecord(start, zip64SizeFieldEnd + size);
+  return skipTailRecord(start, KQZipZip64EndRecordFields::uncounted + size);
 }
 
 bool ArchiveScan::readZip64Locator(std::uint64_t start) {
   std::shared_ptr<const KQ::NSError> error;
   if (!KQZip64EndOfCentralDirectoryLocator::initWithStream(*stream_, &error))
     return stopInsideTail(start, error);
-  return skipTailRecord(start, zip64LocatorSize);
+  return skipTailRecord(start, KQZipZip64LocatorFields::size);
 }
 
 bool ArchiveScan::readEndRecord(std::uint64_t start) {
   std::shared_ptr<const KQ::NSError> error;
   const auto record = KQZipEndOfCentralDirectoryRecord::initWithStream(*stream_, &error);
   if (!record) return stopInsideTail(start, error);
-  if (!skipTailRecord(start, endRecordSize + record->zipFileCommentLength())) return false;
+  if (!skipTailRecord(start, KQZipEndRecordFields::size + record->zipFileCommentLength())) return false;
   endRecordSeen_ = true;
   return true;
 }
@@ -305,15 +291,15 @@ bool ArchiveScan::stopInsideLocalHeader(std::uint64_t start,
                                         const std::shared_ptr<const KQ::NSError>& error) {
   const std::string somewhere =
       "the archive ends early, inside the header of an entry at offset " + number(start);
-  if (start + localHeaderSize > fileSize_) return stop({std::nullopt, somewhere});
+  if (start + KQZipLocalHeaderFields::size > fileSize_) return stop({std::nullopt, somewhere});
   std::uint16_t nameLength = 0;
   std::uint16_t extraLength = 0;
-  stream_->setNSStreamFileCurrentOffsetKey(start + nameLengthAt);
+  stream_->setNSStreamFileCurrentOffsetKey(start + KQZipOffsetOf(&KQZipLocalHeaderFields::fileNameLength));
   KQZipReadBlock16(*stream_, &nameLength);
   KQZipReadBlock16(*stream_, &extraLength);
-  const std::uint64_t nameEnd = start + localHeaderSize + nameLength;
+  const std::uint64_t nameEnd = start + KQZipLocalHeaderFields::size + nameLength;
   if (nameEnd > fileSize_) return stop({std::nullopt, somewhere});
-  const std::string name = readBytes(start + localHeaderSize, nameLength);
+  const std::string name = readBytes(start + KQZipLocalHeaderFields::size, nameLength);
   if (nameEnd + extraLength > fileSize_) return stop({name, "ends inside its header"});
   const auto reason = error ? error : stream_->streamError();
   if (!reason) return stop({name, "has extra fields that do not fit its header"});

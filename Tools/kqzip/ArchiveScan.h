@@ -151,8 +151,7 @@ class ArchiveScan {
   void stopBetweenRecords(std::uint64_t start, std::int64_t bytesRead);
 
   bool addEntry(std::string_view name, std::uint64_t start, const LocalFields& fields);
-  bool addCentralRecord(std::string_view name, std::uint64_t start, const CentralFields& fields,
-                        std::uint64_t size);
+  bool addCentralRecord(CentralRecord record, std::uint64_t start, std::uint64_t size);
   std::string readBytes(std::uint64_t start, std::uint64_t length);
   std::string_view keep(std::string_view name);
 

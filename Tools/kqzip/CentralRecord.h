@@ -1,9 +1,8 @@
 #pragma once
 
+#include <KQZip/Internal/KQZipHeaderCodec.h>
 #include <KQZip/KQZip.h>
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -22,23 +21,13 @@ struct CentralRecord {
   std::optional<std::uint32_t> permissions;
 };
 
-/// The fields of a central header from which its record is made, as they are stored.
-struct CentralFields {
-  std::uint16_t versionMadeBy = 0;
-  std::uint32_t crc32 = 0;
-  std::uint32_t compressedSize = 0;
-  std::uint32_t uncompressedSize = 0;
-  std::uint32_t externalFileAttributes = 0;
-  std::uint32_t offsetOfLocalHeader = 0;
-  std::array<std::uint64_t, 3> zip64Values{};  ///< The values of the Zip64 field, first to last.
-  std::size_t numberOfZip64Values = 0;         ///< How many of them it has.
-};
+/// Makes the record of an entry from its header and the data of its Zip64 field. A 32-bit field that is
+/// saturated gives way to the next value there, as the format has it: other programs leave out the values
+/// that fit.
+CentralRecord centralRecord(const KQZipCentralHeaderFields& header, KQZipBytes zip64Data,
+                            std::string_view name);
 
-/// Takes the fields from a header.
-CentralFields centralFields(const KQZipCentralDirectoryFileHeader& header);
-
-/// Makes the record of an entry. A 32-bit field that is saturated gives way to the next value of the Zip64
-/// field, as the format has it: other programs leave out the values that fit.
-CentralRecord centralRecord(const CentralFields& fields, std::string_view name);
+/// The same from a header that its class has read.
+CentralRecord centralRecord(const KQZipCentralDirectoryFileHeader& header, std::string_view name);
 
 }  // namespace Tool

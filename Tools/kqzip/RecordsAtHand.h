@@ -37,15 +37,14 @@ std::optional<LocalHeaderAtHand> localHeaderAtHand(const KQ::NSInputStream& stre
 
 /// A central header.
 struct CentralHeaderAtHand {
-  std::string_view name;   ///< As stored, in the stream's own memory.
-  CentralFields fields;    ///< What its record is made from.
+  CentralRecord record;    ///< The name is in the stream's own memory.
   std::uint64_t size = 0;  ///< Bytes that the header takes, from its signature on.
 };
 
 /// The central header in front of which the stream stands.
 std::optional<CentralHeaderAtHand> centralHeaderAtHand(const KQ::NSInputStream& stream);
 
-/// Bytes that this central header takes, from its signature on. Only its lengths have to be at hand.
+/// Bytes that this central header takes, from its signature on. Its fixed part has to be at hand.
 std::optional<std::uint64_t> sizeOfCentralHeaderAtHand(const KQ::NSInputStream& stream);
 
 }  // namespace Tool

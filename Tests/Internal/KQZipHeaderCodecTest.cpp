@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <tuple>
@@ -364,6 +365,58 @@ TEST(KQZipHeaderCodecTest, TheWalkGivesEachFieldAndSaysWhatIsLeft) {
     EXPECT_EQ(isWholeWithPadding, walk.isWhole(Padding::ToThreeBytes));
     EXPECT_FALSE(walk.next());
   }
+}
+
+TEST(KQZipHeaderCodecTest, TheFirstZip64FieldIsFound) {
+  const std::string first = rawExtraField(1, "first");
+  for (const auto& [area, found, isWhole] :
+       std::vector<std::tuple<std::string, std::optional<std::string>, bool>>{
+           {"", std::nullopt, true},
+           {rawExtraField(2, "none"), std::nullopt, true},
+           {rawExtraField(2, "none") + first + rawExtraField(1, "second"), "first", true},
+           {rawExtraField(1, "") + first, "", true},
+           {first + "xyz", "first", false},
+           {"xyz", std::nullopt, false}}) {
+    std::optional<KQZipBytes> data = bytesIn(first);
+    EXPECT_EQ(isWhole, KQZipFindZip64(bytesIn(area), &data)) << hex(area);
+    ASSERT_EQ(found.has_value(), data.has_value()) << hex(area);
+    if (found) {
+      EXPECT_EQ(*found, textOf(*data));
+    }
+  }
+}
+
+TEST(KQZipHeaderCodecTest, TheNameTheExtraFieldsAndTheCommentFollowTheFixedPart) {
+  const std::string rest = "namefieldscomment!";
+  KQZipLocalHeaderFields local;
+  local.fileNameLength = 4;
+  local.extraFieldLength = 6;
+  KQZipCentralHeaderFields central;
+  central.fileNameLength = 4;
+  central.extraFieldLength = 6;
+  central.fileCommentLength = 7;
+  for (std::size_t length = 0; length <= rest.size(); ++length) {
+    const KQZipBytes bytes = bytesIn(rest).first(length);
+    KQZipHeaderParts ofLocal{"before", {}, {}};
+    KQZipHeaderParts ofCentral{"before", {}, {}};
+    EXPECT_EQ(length >= 10, KQZipFindParts(local, bytes, &ofLocal));
+    EXPECT_EQ(length >= 17, KQZipFindParts(central, bytes, &ofCentral));
+    EXPECT_EQ(length >= 10 ? "name" : "before", ofLocal.name);
+    EXPECT_EQ(length >= 10 ? "fields" : "", textOf(ofLocal.extraFields));
+    EXPECT_EQ("", textOf(ofLocal.comment));
+    EXPECT_EQ(length >= 17 ? "name" : "before", ofCentral.name);
+    EXPECT_EQ(length >= 17 ? "fields" : "", textOf(ofCentral.extraFields));
+    EXPECT_EQ(length >= 17 ? "comment" : "", textOf(ofCentral.comment));
+  }
+}
+
+TEST(KQZipHeaderCodecTest, AValueThatDoesNotFitIsSaturated) {
+  EXPECT_EQ(0xFFFEU, KQZipSaturate<std::uint16_t>(0xFFFE));
+  EXPECT_EQ(0xFFFFU, KQZipSaturate<std::uint16_t>(0xFFFF));
+  EXPECT_EQ(0xFFFFU, KQZipSaturate<std::uint16_t>(0x10000));
+  EXPECT_EQ(0xFFFFFFFEU, KQZipSaturate<std::uint32_t>(0xFFFFFFFE));
+  EXPECT_EQ(0xFFFFFFFFU, KQZipSaturate<std::uint32_t>(0xFFFFFFFF));
+  EXPECT_EQ(0xFFFFFFFFU, KQZipSaturate<std::uint32_t>(0x100000005));
 }
 
 TEST(KQZipHeaderCodecTest, ValuesInOrderAreThoseOfTheFieldsClass) {

@@ -33,16 +33,15 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryLocator {
 
   /// Disk that holds the Zip64 end record.
   std::uint32_t diskNumberWithStartOfZip64EoCD() const { return diskNumberWithStartOfZip64EoCD_; }
-  /// Stored as it is.
   void setDiskNumberWithStartOfZip64EoCD(std::uint32_t value) { diskNumberWithStartOfZip64EoCD_ = value; }
 
   /// Total number of disks.
   std::uint32_t numberOfDisks() const { return numberOfDisks_; }
-  void setNumberOfDisks(std::uint32_t value) { numberOfDisks_ = value; }  ///< Stored as it is.
+  void setNumberOfDisks(std::uint32_t value) { numberOfDisks_ = value; }
 
   /// Offset of the Zip64 end record from the start of the archive.
   std::uint64_t offsetOfZip64EoCD() const { return offsetOfZip64EoCD_; }
-  void setOffsetOfZip64EoCD(std::uint64_t value) { offsetOfZip64EoCD_ = value; }  ///< Stored as it is.
+  void setOffsetOfZip64EoCD(std::uint64_t value) { offsetOfZip64EoCD_ = value; }
 
  private:
   std::uint32_t diskNumberWithStartOfZip64EoCD_ = 0;

@@ -37,43 +37,39 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryRecord {
 
   /// Version made by; 0x031E is Unix, 3.0.
   std::uint16_t versionMadeBy() const { return versionMadeBy_; }
-  void setVersionMadeBy(std::uint16_t value) { versionMadeBy_ = value; }  ///< Stored as it is.
+  void setVersionMadeBy(std::uint16_t value) { versionMadeBy_ = value; }
 
   /// Version needed to extract; 45 is 4.5.
   std::uint16_t versionNeeded() const { return versionNeeded_; }
-  void setVersionNeeded(std::uint16_t value) { versionNeeded_ = value; }  ///< Stored as it is.
+  void setVersionNeeded(std::uint16_t value) { versionNeeded_ = value; }
 
   /// Number of this disk.
   std::uint32_t diskNumber() const { return diskNumber_; }
-  void setDiskNumber(std::uint32_t value) { diskNumber_ = value; }  ///< Stored as it is.
+  void setDiskNumber(std::uint32_t value) { diskNumber_ = value; }
 
   /// Disk on which the central directory starts.
   std::uint32_t diskNumberContainingCD() const { return diskNumberContainingCD_; }
-  void setDiskNumberContainingCD(std::uint32_t value) {
-    diskNumberContainingCD_ = value;
-  }  ///< Stored as it is.
+  void setDiskNumberContainingCD(std::uint32_t value) { diskNumberContainingCD_ = value; }
 
   /// Bytes of the record behind this field, as last parsed or written; every write overwrites it.
   std::uint64_t size() const { return size_; }
-  void setSize(std::uint64_t value) { size_ = value; }  ///< Stored as it is.
+  void setSize(std::uint64_t value) { size_ = value; }
 
   /// Central file headers on this disk.
   std::uint64_t entriesInCDOnThisDisk() const { return entriesInCDOnThisDisk_; }
-  void setEntriesInCDOnThisDisk(std::uint64_t value) {
-    entriesInCDOnThisDisk_ = value;
-  }  ///< Stored as it is.
+  void setEntriesInCDOnThisDisk(std::uint64_t value) { entriesInCDOnThisDisk_ = value; }
 
   /// Central file headers in total.
   std::uint64_t entriesInCD() const { return entriesInCD_; }
-  void setEntriesInCD(std::uint64_t value) { entriesInCD_ = value; }  ///< Stored as it is.
+  void setEntriesInCD(std::uint64_t value) { entriesInCD_ = value; }
 
   /// Size of the central directory in bytes.
   std::uint64_t sizeOfCD() const { return sizeOfCD_; }
-  void setSizeOfCD(std::uint64_t value) { sizeOfCD_ = value; }  ///< Stored as it is.
+  void setSizeOfCD(std::uint64_t value) { sizeOfCD_ = value; }
 
   /// Offset of the central directory in bytes.
   std::uint64_t offsetOfCD() const { return offsetOfCD_; }
-  void setOffsetOfCD(std::uint64_t value) { offsetOfCD_ = value; }  ///< Stored as it is.
+  void setOffsetOfCD(std::uint64_t value) { offsetOfCD_ = value; }
 
  private:
   std::uint16_t versionMadeBy_ = 0x031E;

@@ -57,26 +57,22 @@ class KQZIP_EXPORT KQZipCentralDirectory {
 
   /// The digital signature, kept as an extra field: its id, its size and its data.
   std::shared_ptr<KQZipExtraField> digitalSignature() const { return digitalSignature_; }
-  /// Replaces it.
   void setDigitalSignature(std::shared_ptr<KQZipExtraField> value) { digitalSignature_ = std::move(value); }
 
   /// The Zip64 end record.
   std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> zip64EoCDRecord() const { return zip64EoCDRecord_; }
-  /// Replaces it.
   void setZip64EoCDRecord(std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> value) {
     zip64EoCDRecord_ = std::move(value);
   }
 
   /// The Zip64 locator.
   std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> zip64EoCDLocator() const { return zip64EoCDLocator_; }
-  /// Replaces it.
   void setZip64EoCDLocator(std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> value) {
     zip64EoCDLocator_ = std::move(value);
   }
 
   /// The classic end record.
   std::shared_ptr<KQZipEndOfCentralDirectoryRecord> zipEoCDRecord() const { return zipEoCDRecord_; }
-  /// Replaces it.
   void setZipEoCDRecord(std::shared_ptr<KQZipEndOfCentralDirectoryRecord> value) {
     zipEoCDRecord_ = std::move(value);
   }

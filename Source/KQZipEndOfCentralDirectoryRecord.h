@@ -38,41 +38,35 @@ class KQZIP_EXPORT KQZipEndOfCentralDirectoryRecord {
 
   /// Number of this disk.
   std::uint16_t diskNumber() const { return diskNumber_; }
-  void setDiskNumber(std::uint16_t value) { diskNumber_ = value; }  ///< Stored as it is.
+  void setDiskNumber(std::uint16_t value) { diskNumber_ = value; }
 
   /// Disk on which the central directory starts.
   std::uint16_t diskNumberContainingCD() const { return diskNumberContainingCD_; }
-  void setDiskNumberContainingCD(std::uint16_t value) {
-    diskNumberContainingCD_ = value;
-  }  ///< Stored as it is.
+  void setDiskNumberContainingCD(std::uint16_t value) { diskNumberContainingCD_ = value; }
 
   /// Central file headers on this disk, modulo 65,536.
   std::uint16_t entriesInCDOnThisDisk() const { return entriesInCDOnThisDisk_; }
-  void setEntriesInCDOnThisDisk(std::uint16_t value) {
-    entriesInCDOnThisDisk_ = value;
-  }  ///< Stored as it is.
+  void setEntriesInCDOnThisDisk(std::uint16_t value) { entriesInCDOnThisDisk_ = value; }
 
   /// Central file headers in total, modulo 65,536.
   std::uint16_t entriesInCD() const { return entriesInCD_; }
-  void setEntriesInCD(std::uint16_t value) { entriesInCD_ = value; }  ///< Stored as it is.
+  void setEntriesInCD(std::uint16_t value) { entriesInCD_ = value; }
 
   /// Byte length of the comment as last parsed or written.
   std::uint16_t zipFileCommentLength() const { return zipFileCommentLength_; }
-  void setZipFileCommentLength(std::uint16_t value) { zipFileCommentLength_ = value; }  ///< Stored as it is.
+  void setZipFileCommentLength(std::uint16_t value) { zipFileCommentLength_ = value; }
 
   /// Size of the central directory in bytes, 0xFFFFFFFF when the Zip64 record holds it.
   std::uint32_t sizeOfCD() const { return sizeOfCD_; }
-  void setSizeOfCD(std::uint32_t value) { sizeOfCD_ = value; }  ///< Stored as it is.
+  void setSizeOfCD(std::uint32_t value) { sizeOfCD_ = value; }
 
   /// Offset of the central directory, 0xFFFFFFFF when the Zip64 record holds it.
   std::uint32_t offsetOfCD() const { return offsetOfCD_; }
-  void setOffsetOfCD(std::uint32_t value) { offsetOfCD_ = value; }  ///< Stored as it is.
+  void setOffsetOfCD(std::uint32_t value) { offsetOfCD_ = value; }
 
   /// The archive's comment. Atomic.
   std::optional<std::string> zipFileComment() const { return zipFileComment_.get(); }
-  void setZipFileComment(std::optional<std::string> value) {
-    zipFileComment_.set(std::move(value));
-  }  ///< Atomic.
+  void setZipFileComment(std::optional<std::string> value) { zipFileComment_.set(std::move(value)); }
 
  private:
   std::uint16_t diskNumber_ = 0;

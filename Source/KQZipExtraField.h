@@ -106,17 +106,15 @@ class KQZIP_EXPORT KQZipExtraField {
 
   /// The field's id.
   std::uint16_t fieldSignature() const { return fieldSignature_; }
-  void setFieldSignature(std::uint16_t value) { fieldSignature_ = value; }  ///< Stored as it is.
+  void setFieldSignature(std::uint16_t value) { fieldSignature_ = value; }
 
   /// Bytes of data behind the field's 4-byte header, as last parsed or written.
   std::uint16_t fieldSize() const { return fieldSize_; }
-  void setFieldSize(std::uint16_t value) { fieldSize_ = value; }  ///< Stored as it is.
+  void setFieldSize(std::uint16_t value) { fieldSize_ = value; }
 
   /// The field's data, empty when there is none. Atomic.
   std::shared_ptr<const KQ::NSData> fieldData() const { return fieldData_.get(); }
-  void setFieldData(std::shared_ptr<const KQ::NSData> value) {
-    fieldData_.set(std::move(value));
-  }  ///< Atomic.
+  void setFieldData(std::shared_ptr<const KQ::NSData> value) { fieldData_.set(std::move(value)); }
 
  protected:
   /// extraFieldWithStream() with `receiver` as the class for ids that no registered class claims.

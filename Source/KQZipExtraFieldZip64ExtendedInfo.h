@@ -43,17 +43,15 @@ class KQZIP_EXPORT KQZipExtraFieldZip64ExtendedInfo : public KQZipExtraField {
 
   /// Uncompressed size of the entry's data in bytes.
   std::uint64_t uncompressedSize() const { return uncompressedSize_; }
-  void setUncompressedSize(std::uint64_t value) { uncompressedSize_ = value; }  ///< Stored as it is.
+  void setUncompressedSize(std::uint64_t value) { uncompressedSize_ = value; }
 
   /// Compressed size of the entry's data in bytes, the same as nothing is compressed.
   std::uint64_t compressedSize() const { return compressedSize_; }
-  void setCompressedSize(std::uint64_t value) { compressedSize_ = value; }  ///< Stored as it is.
+  void setCompressedSize(std::uint64_t value) { compressedSize_ = value; }
 
   /// Offset of the entry's local header from the start of the archive.
   std::uint64_t offsetOfLocalHeaderRecord() const { return offsetOfLocalHeaderRecord_; }
-  void setOffsetOfLocalHeaderRecord(std::uint64_t value) {
-    offsetOfLocalHeaderRecord_ = value;
-  }  ///< Stored as it is.
+  void setOffsetOfLocalHeaderRecord(std::uint64_t value) { offsetOfLocalHeaderRecord_ = value; }
 
  protected:
   std::shared_ptr<KQZipExtraField> _newInstance() const override;

@@ -59,35 +59,31 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
 
   /// Version made by; 0x031E is Unix, 3.0.
   std::uint16_t versionMadeBy() const { return versionMadeBy_; }
-  void setVersionMadeBy(std::uint16_t value) { versionMadeBy_ = value; }  ///< Stored as it is.
+  void setVersionMadeBy(std::uint16_t value) { versionMadeBy_ = value; }
 
   /// Byte length of the comment as last parsed or written, modulo 65,536.
   std::uint16_t fileCommentLength() const { return fileCommentLength_; }
-  void setFileCommentLength(std::uint16_t value) { fileCommentLength_ = value; }  ///< Stored as it is.
+  void setFileCommentLength(std::uint16_t value) { fileCommentLength_ = value; }
 
   /// Disk on which the entry starts.
   std::uint16_t diskNumberStart() const { return diskNumberStart_; }
-  void setDiskNumberStart(std::uint16_t value) { diskNumberStart_ = value; }  ///< Stored as it is.
+  void setDiskNumberStart(std::uint16_t value) { diskNumberStart_ = value; }
 
   /// Internal attributes.
   std::uint16_t internalFileAttributes() const { return internalFileAttributes_; }
-  void setInternalFileAttributes(std::uint16_t value) {
-    internalFileAttributes_ = value;
-  }  ///< Stored as it is.
+  void setInternalFileAttributes(std::uint16_t value) { internalFileAttributes_ = value; }
 
   /// External attributes; the library writes 0.
   std::uint32_t externalFileAttributes() const { return externalFileAttributes_; }
-  void setExternalFileAttributes(std::uint32_t value) {
-    externalFileAttributes_ = value;
-  }  ///< Stored as it is.
+  void setExternalFileAttributes(std::uint32_t value) { externalFileAttributes_ = value; }
 
   /// Offset of the entry's local header; 0xFFFFFFFF when the Zip64 field holds it.
   std::uint32_t offsetOfLocalHeader() const { return offsetOfLocalHeader_; }
-  void setOffsetOfLocalHeader(std::uint32_t value) { offsetOfLocalHeader_ = value; }  ///< Stored as it is.
+  void setOffsetOfLocalHeader(std::uint32_t value) { offsetOfLocalHeader_ = value; }
 
   /// The entry's comment. Atomic.
   std::optional<std::string> fileComment() const;
-  void setFileComment(std::optional<std::string> value);  ///< Atomic.
+  void setFileComment(std::optional<std::string> value);
 
  protected:
   const char* _className() const override;

@@ -119,23 +119,23 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   /// Version needed to extract; 45 is 4.5.
   std::uint16_t versionNeeded() const { return versionNeeded_; }
-  void setVersionNeeded(std::uint16_t value) { versionNeeded_ = value; }  ///< Stored as it is.
+  void setVersionNeeded(std::uint16_t value) { versionNeeded_ = value; }
 
   /// General purpose bit flags.
   std::uint16_t flags() const { return flags_; }
-  void setFlags(std::uint16_t value) { flags_ = value; }  ///< Stored as it is.
+  void setFlags(std::uint16_t value) { flags_ = value; }
 
   /// Compression method; 0 is stored.
   std::uint16_t compression() const { return compression_; }
-  void setCompression(std::uint16_t value) { compression_ = value; }  ///< Stored as it is.
+  void setCompression(std::uint16_t value) { compression_ = value; }
 
   /// MS-DOS time: seconds / 2 in bits 0 to 4, minutes in 5 to 10, hours in 11 to 15.
   std::uint16_t modTime() const { return modTime_; }
-  void setModTime(std::uint16_t value) { modTime_ = value; }  ///< Stored as it is.
+  void setModTime(std::uint16_t value) { modTime_ = value; }
 
   /// MS-DOS date: day in bits 0 to 4, month in 5 to 8, year - 1980 in 9 to 15.
   std::uint16_t modDate() const { return modDate_; }
-  void setModDate(std::uint16_t value) { modDate_ = value; }  ///< Stored as it is.
+  void setModDate(std::uint16_t value) { modDate_ = value; }
 
   /// CRC-32 of the data.
   std::uint32_t crc32() const { return crc32_; }
@@ -144,32 +144,32 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   /// 32-bit compressed size; 0xFFFFFFFF when the Zip64 field holds it.
   std::uint32_t compressedSize() const { return compressedSize_; }
-  void setCompressedSize(std::uint32_t value) { compressedSize_ = value; }  ///< Stored as it is.
+  void setCompressedSize(std::uint32_t value) { compressedSize_ = value; }
 
   /// 32-bit uncompressed size; 0xFFFFFFFF when the Zip64 field holds it.
   std::uint32_t uncompressedSize() const { return uncompressedSize_; }
-  void setUncompressedSize(std::uint32_t value) { uncompressedSize_ = value; }  ///< Stored as it is.
+  void setUncompressedSize(std::uint32_t value) { uncompressedSize_ = value; }
 
   /// Length of the name in UTF-8 bytes, modulo 65,536.
   std::uint16_t fileNameLength() const { return fileNameLength_; }
-  void setFileNameLength(std::uint16_t value) { fileNameLength_ = value; }  ///< Stored as it is.
+  void setFileNameLength(std::uint16_t value) { fileNameLength_ = value; }
 
   /// Bytes of all extra fields as written, modulo 65,536.
   std::uint16_t extraFieldLength() const { return extraFieldLength_; }
-  void setExtraFieldLength(std::uint16_t value) { extraFieldLength_ = value; }  ///< Stored as it is.
+  void setExtraFieldLength(std::uint16_t value) { extraFieldLength_ = value; }
 
   /// The entry's path inside the archive. Atomic.
   std::optional<std::string> fileName() const;
-  void setFileName(std::optional<std::string> value);  ///< Atomic.
+  void setFileName(std::optional<std::string> value);
 
   /// The path of the file that the entry's data comes from, for writing. Atomic. A write uses the path that
   /// stands when it begins, whatever is set meanwhile.
   std::optional<std::string> sourceFilePath() const;
-  void setSourceFilePath(std::optional<std::string> value);  ///< Atomic.
+  void setSourceFilePath(std::optional<std::string> value);
 
   /// Size of the source file in bytes, once taken from it.
   std::uint64_t sourceFileSize() const { return sourceFileSize_; }
-  void setSourceFileSize(std::uint64_t value) { sourceFileSize_ = value; }  ///< Stored as it is.
+  void setSourceFileSize(std::uint64_t value) { sourceFileSize_ = value; }
 
   /// The permissions of the source file, the lowest twelve bits of its mode, when its size and date were last
   /// taken together; nothing before, and for a source that was no regular file. No record has them.
@@ -177,7 +177,7 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   /// Where the record stands: its first byte when it was written, 4 bytes further when it was parsed.
   std::uint64_t offset() const { return offset_; }
-  void setOffset(std::uint64_t value) { offset_ = value; }  ///< Stored as it is.
+  void setOffset(std::uint64_t value) { offset_ = value; }
 
   /// The progress of the current or last write, empty before the first; the CRC computation counts into it.
   std::shared_ptr<KQ::NSProgress> progress() const { return progress_; }

@@ -7,6 +7,7 @@
 #include "../Internal/KQZipSourceOfWrite.h"
 #include "../Internal/KQZipTransfer.h"
 #include "../KQZipStreamPrimitives.h"
+#include "../Platform/Internal/NSRawBytes.h"
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
 #include "KQZipCentralDirectoryFileHeader.h"
@@ -182,7 +183,7 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
                      KQ::stringWithFormat("Failed to write to stream at %@", {path}));
   };
   std::uint64_t remaining = dataLengthFromHeader();
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(std::min(remaining, KQZipBlockSize));
+  const auto buffer = KQ::NSRawBytes(std::min(remaining, KQZipBlockSize));
   while (remaining != 0) {
     if (progress.isCancelled()) return false;
     const std::int64_t count = stream.read(buffer.get(), std::min(remaining, KQZipBlockSize));

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "../Platform/Internal/NSRawBytes.h"
 #include "../Platform/NSString.h"
 #include "KQZipError.h"
 #include "KQZipHeaderCodec.h"
@@ -119,8 +120,7 @@ bool KQZipInteroperablePlan::_readEndRecords(KQ::NSErrorSlot error) {
 
 bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
   const std::uint64_t end = endRecords_.startOfDirectory + endRecords_.sizeOfHeaders;
-  const auto buffer =
-      std::make_unique_for_overwrite<std::uint8_t[]>(std::min(KQZipBlockSize, endRecords_.sizeOfHeaders));
+  const auto buffer = KQ::NSRawBytes(std::min(KQZipBlockSize, endRecords_.sizeOfHeaders));
   for (std::uint64_t offset = endRecords_.startOfDirectory; offset < end;) {
     const std::uint64_t length = std::min(KQZipBlockSize, end - offset);
     if (!_read(buffer.get(), length, offset, error)) return false;
@@ -139,7 +139,7 @@ bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
 // Returns how many bytes they have, 0 on failure.
 std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, std::uint64_t length,
                                                     std::uint64_t offset, KQ::NSErrorSlot error) {
-  auto converted = std::make_unique_for_overwrite<std::uint8_t[]>(length);
+  auto converted = KQ::NSRawBytes(length);
   std::uint64_t position = 0;
   while (length - position >= Central::size) {
     const std::uint64_t headerLength = lengthOfHeader(bytes + position);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "../Platform/Internal/NSFileOutputStream.h"
+#include "../Platform/Internal/NSRawBytes.h"
 #include "../Platform/NSProgress.h"
 #include "../Platform/NSStream.h"
 
@@ -43,7 +44,7 @@ class KQZipTransferBlockKeeper {
 class KQZipTransferBlock {
  public:
   KQZipTransferBlock() : bytes_(std::move(KQZipTransferBlockKeeper::kept().spare)) {
-    if (!bytes_) bytes_ = std::make_unique_for_overwrite<std::uint8_t[]>(KQZipBlockSize);
+    if (!bytes_) bytes_ = KQ::NSRawBytes(KQZipBlockSize);
   }
   ~KQZipTransferBlock() {
     auto& kept = KQZipTransferBlockKeeper::kept();

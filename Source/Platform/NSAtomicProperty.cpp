@@ -11,7 +11,7 @@ namespace {
 
 // Each in a cache line of its own, so that threads with different locks do not slow each other down.
 struct alignas(64) Flag {
-  std::atomic_flag flag = ATOMIC_FLAG_INIT;
+  std::atomic_flag flag{};
 };
 
 }  // namespace

@@ -30,7 +30,7 @@ class StandardOutput {
 
   void writeThrough(std::string_view bytes);
 
-  std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(blockSize);
+  std::unique_ptr<char[]> block_{new char[blockSize]};
   std::size_t length_ = 0;
 };
 

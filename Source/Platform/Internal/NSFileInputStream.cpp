@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "NSRawBytes.h"
+
 namespace KQ {
 
 namespace {
@@ -159,7 +161,7 @@ std::int64_t NSFileInputStream::_readMore(std::uint8_t* buffer, std::uint64_t ma
 
 // Replaces the buffer's contents by what follows the position, which the buffer does not hold.
 std::int64_t NSFileInputStream::_fillBuffer(std::uint64_t atLeast) {
-  if (!buffer_) buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bufferCapacity);
+  if (!buffer_) buffer_ = NSRawBytes(bufferCapacity);
   _chooseReadAhead();
   const std::int64_t count = _readFile(buffer_.get(), std::max(atLeast, readAhead_));
   bufferOffset_ = position_;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "NSFileInputStream.h"
+#include "NSRawBytes.h"
 
 namespace KQ {
 
@@ -25,7 +26,7 @@ void NSFileOutputStream::open() {
     _fail(errno);
     return;
   }
-  buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bufferCapacity);
+  buffer_ = NSRawBytes(bufferCapacity);
   room_ = buffer_.get();
   roomEnd_ = room_ + bufferCapacity;
   status_ = NSStreamStatusOpen;

@@ -14,7 +14,10 @@
 /// What the library needs of the system: streams, files, progress, errors, the log, dates and strings. None
 /// of it knows of archives.
 
+#include "Archive/KQZipArchive.h"
+#include "Archive/KQZipArchiveEntry.h"
 #include "Archive/KQZipInteroperability.h"
+#include "Archive/KQZipReport.h"
 #include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "FileHeader/KQZipFileEntry.h"
 #include "FileHeader/KQZipFileLocalHeader.h"

@@ -1,11 +1,11 @@
 #pragma once
 
 /// @file
-/// What every exported declaration is marked with.
+/// The marks of exported declarations.
 
-/// Marks what the shared library exports. Everything else is hidden, so that a host sees no name that
-/// is not documented here.
+/// Marks a declaration that the shared library exports. Everything else is hidden, so that a host sees only
+/// documented names.
 #define KQZIP_EXPORT __attribute__((visibility("default")))
 
-/// Marks a private member of an exported class that the shared library keeps to itself.
+/// Marks a private member of an exported class that the shared library does not export.
 #define KQZIP_HIDDEN __attribute__((visibility("hidden")))

@@ -9,7 +9,7 @@ namespace KQ {
 
 namespace {
 
-// Each in a cache line of its own, so that threads with different locks do not slow each other down.
+// Each has its own cache line, so that threads with different locks do not slow each other down.
 struct alignas(64) Flag {
   std::atomic_flag flag{};
 };

@@ -7,24 +7,24 @@
 
 namespace KQ {
 
-/// Holds the lock of the property at an address: one of a small fixed table, so that a property needs no
-/// memory for it. A property holds it only while a value is copied or swapped, which is why waiting for it
-/// is done without the system.
+/// Holds the lock of the property at an address. The locks are a small fixed table, so that a property needs
+/// no memory for its own. A property holds its lock only while it copies or swaps a value, so waiting for it
+/// only yields the processor.
 class KQZIP_EXPORT NSPropertyLock {
  public:
   explicit NSPropertyLock(const void* address);               ///< Waits for the lock and takes it.
-  ~NSPropertyLock();                                          ///< Gives the lock back.
-  NSPropertyLock(const NSPropertyLock&) = delete;             ///< A lock is held once.
-  NSPropertyLock& operator=(const NSPropertyLock&) = delete;  ///< A lock is held once.
+  ~NSPropertyLock();                                          ///< Releases the lock.
+  NSPropertyLock(const NSPropertyLock&) = delete;             ///< A lock has one holder.
+  NSPropertyLock& operator=(const NSPropertyLock&) = delete;  ///< A lock has one holder.
 
-  /// The flag that is set while somebody holds the lock of the property at `address`.
+  /// The lock of the property at `address`: a flag that is set while the lock is held.
   static std::atomic_flag& flagOf(const void* address);
 
  private:
   std::atomic_flag& flag_;
 };
 
-/// A property that any number of threads may get and set at once; a getter never sees a half-replaced value.
+/// A property that any number of threads may get and set at once. A getter sees a whole value, old or new.
 template <class Value>
 class NSAtomicProperty {
  public:
@@ -39,14 +39,15 @@ class NSAtomicProperty {
     return value_;
   }
 
-  /// What `access` returns for the value, which it may change; it is called under the lock and must be brief.
+  /// Calls `access` with the value, under the lock, and returns its result. `access` may change the value and
+  /// must be brief.
   template <class Access>
   auto with(Access access) {
     const NSPropertyLock lock(this);
     return access(value_);
   }
 
-  /// Replaces the value. The earlier one is destroyed outside of the lock.
+  /// Replaces the value. The old one is destroyed after the lock is released.
   void set(Value value) {
     const NSPropertyLock lock(this);
     std::swap(value_, value);

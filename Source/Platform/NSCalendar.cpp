@@ -7,7 +7,7 @@
 
 namespace KQ {
 
-// The C library takes a lock of its own around the time zone, which a checker of threads cannot see.
+// The C library locks the time zone itself, which a thread checker cannot see.
 static std::mutex timeZoneLock;
 
 NSDateComponents NSCalendar::componentsFromDate(NSDate date) {

@@ -9,7 +9,7 @@ namespace KQ {
 /// A point in time with all the precision of the file system.
 using NSDate = std::chrono::system_clock::time_point;
 
-/// A date taken apart; the fields may hold impossible values on the way to a date.
+/// The components of a date. Before a conversion to a date they may be out of range.
 struct NSDateComponents {
   int year = 0;    ///< The year of the Gregorian calendar.
   int month = 0;   ///< 1 to 12.
@@ -19,17 +19,17 @@ struct NSDateComponents {
   int second = 0;  ///< 0 to 59.
 };
 
-/// The Gregorian calendar in local time, the time zone that `TZ` or the system names. Any thread may call
-/// it; changing `TZ` while another thread does is the caller's to avoid.
+/// The Gregorian calendar in local time, in the time zone of `TZ` or of the system. Any thread may call it.
+/// No thread may change `TZ` during a call.
 class KQZIP_EXPORT NSCalendar {
  public:
-  /// The six components of `date`; parts of a second are cut off.
+  /// The six components of `date`. Fractions of a second are dropped.
   static NSDateComponents componentsFromDate(NSDate date);
 
-  /// The date with these components. Impossible ones carry over into the next larger unit: day 0 is the
-  /// last day of the month before, month 13 the January after, second 62 two seconds into the next minute.
-  /// Of a time that a daylight-saving change makes twice or skips, the system's `mktime` chooses the
-  /// reading. The date must be one that NSDate can hold, of the years 1678 to 2261.
+  /// The date with these components. One that is out of range carries over into the next larger unit: day 0
+  /// is the last day of the previous month, month 13 the following January, second 62 two seconds into the
+  /// next minute. For a time that occurs twice or not at all because of a daylight-saving change, the
+  /// system's `mktime` decides. NSDate must be able to hold the date: years 1678 to 2261.
   static NSDate dateFromComponents(const NSDateComponents& components);
 };
 

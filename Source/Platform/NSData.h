@@ -16,17 +16,17 @@ struct NSFree {
   void operator()(std::uint8_t* bytes) const { std::free(bytes); }  ///< Frees the block.
 };
 
-/// An immutable byte buffer. It is handed around as `std::shared_ptr<const NSData>`: holders share the
-/// bytes, nobody can change them, and any number of threads may read them.
+/// An immutable byte buffer, passed as `std::shared_ptr<const NSData>`. Its holders share the bytes, and any
+/// number of threads may read them.
 class KQZIP_EXPORT NSData {
  public:
-  /// A block of memory that the buffer can take over.
+  /// A block of memory that a buffer can own.
   using Block = std::unique_ptr<std::uint8_t[], NSFree>;
 
   /// A buffer with a copy of `length` bytes from `bytes`, which may be null when `length` is 0.
   static std::shared_ptr<const NSData> dataWithBytes(const void* bytes, std::uint64_t length);
 
-  /// A buffer that takes over `bytes`, a block of at least `length` bytes, without a copy.
+  /// A buffer that takes ownership of `bytes`, a block of at least `length` bytes, without a copy.
   static std::shared_ptr<const NSData> dataWithBytesNoCopy(Block bytes, std::uint64_t length);
 
   /// Use the static operations instead.
@@ -51,7 +51,7 @@ class KQZIP_EXPORT NSData {
   static constexpr std::uint64_t mostInside = 24;
 
   Block block_;
-  // Few bytes stand in the object itself: nearly every buffer has those of one field.
+  // Short contents are stored inline: nearly every buffer holds the data of one extra field.
   std::array<std::uint8_t, mostInside> inside_{};
   const std::uint8_t* bytes_;
   std::uint64_t length_;

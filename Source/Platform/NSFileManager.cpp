@@ -39,7 +39,7 @@ NSFileAttributeType typeOf(NSItemType type) {
   }
 }
 
-// The date, cut to what the clock can tell apart and moved to the nearest one that it can hold.
+// The date, truncated to the clock's resolution and clamped to its range.
 NSDate dateOf(const NSItemStatus& status) {
   using std::chrono::duration_cast;
   using std::chrono::nanoseconds;
@@ -52,7 +52,7 @@ NSDate dateOf(const NSItemStatus& status) {
       (whole == latest && rest > duration_cast<nanoseconds>(NSDate::max().time_since_epoch() - latest)))
     return NSDate::max();
   if (whole >= earliest) return NSDate(whole + std::chrono::floor<NSDate::duration>(rest));
-  // Less than a second before the first whole second that the clock holds.
+  // Less than a second before the first whole second that the clock can hold.
   const nanoseconds before = nanoseconds(seconds(1)) - rest;
   const auto room = duration_cast<nanoseconds>(earliest - NSDate::min().time_since_epoch());
   if (whole < earliest - seconds(1) || before > room) return NSDate::min();
@@ -74,7 +74,7 @@ bool isFolder(const std::string& path) {
   return statusOf(path, true, &status) == 0 && status.type == NSItemType::Folder;
 }
 
-// 0, or the reason why the folder could not be made.
+// 0, or the error number of the folder's creation.
 int createFolder(const std::string& path) {
   return -NSSystem::current().makeFolder(NSCurrentFolder, NSSystemPath(path), permissionsOfNewFolder);
 }
@@ -85,19 +85,19 @@ int createFolderWithParents(const std::string& path) {
     code = createFolderWithParents(stringByDeletingLastPathComponent(path));
     if (code == 0) code = createFolder(path);
   }
-  // Somebody else may have made it in the meantime, which is as good.
+  // Another process may have created it in the meantime, which is a success too.
   return code == EEXIST && isFolder(path) ? 0 : code;
 }
 
-// Links are not followed. Not every file system tells the type along with the name. 0, or the reason why the
-// type cannot be found: a folder that is taken for a file would be left out with all that is in it.
+// Follows no link. Not every file system lists the type with the name. Returns 0, or the error number when
+// the type cannot be found: a folder taken for a file would be left out with all its contents.
 int findWhetherFolder(NSHandle folder, const NSListedItem& item, bool* isFolder) {
   *isFolder = item.type == NSItemType::Folder;
   if (item.type != NSItemType::Unknown) return 0;
   NSItemStatus status;
   const int code = -NSSystem::current().statusAt(folder, item.name.c_str(), false, &status);
   *isFolder = code == 0 && status.type == NSItemType::Folder;
-  // What has vanished meanwhile is told of by whoever opens it.
+  // An item that has vanished in the meantime fails when it is opened.
   return code == ENOENT ? 0 : code;
 }
 
@@ -171,12 +171,12 @@ void NSDirectoryEnumerator::_enter(const std::string& relativePath) {
   folders_.push_back({relativePath, std::move(*items)});
 }
 
-// The folder is read at once and closed again, so that a deep tree needs no more than one open folder.
+// The whole folder is read and then closed, so that a deep tree needs only one open folder.
 std::optional<std::vector<NSDirectoryEnumerator::Item>> NSDirectoryEnumerator::_itemsOfFolder(
     const std::string& relativePath) {
   const bool isRoot = relativePath.empty();
   const std::string path = isRoot ? root_ : stringByAppendingPathComponent(root_, relativePath);
-  // Names below the root are as the file system has them, whatever their bytes.
+  // Names below the root are passed as the file system has them, whatever their bytes.
   int code = isRoot ? NSCodeForUnusablePath(path) : 0;
   std::vector<Item> items;
   if (code == 0) code = _readFolder(path, isRoot, &items);
@@ -185,7 +185,7 @@ std::optional<std::vector<NSDirectoryEnumerator::Item>> NSDirectoryEnumerator::_
   return std::nullopt;
 }
 
-// 0, or the reason why the folder could not be read to its end.
+// 0, or the error number when the folder could not be read to its end.
 int NSDirectoryEnumerator::_readFolder(const std::string& path, bool followingLink,
                                        std::vector<Item>* items) {
   NSSystem& system = NSSystem::current();

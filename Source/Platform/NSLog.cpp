@@ -16,7 +16,7 @@ struct LogState {
   std::shared_ptr<const NSLogSink> sink = std::make_shared<const NSLogSink>();
 };
 
-// Never destroyed, so that what runs while the process ends can still log.
+// Never destroyed, so that code that runs at the end of the process can still log.
 LogState& logState() {
   static auto* const state = new LogState;
   return *state;
@@ -25,7 +25,7 @@ LogState& logState() {
 void logToSystem(const std::string& line) {
   NSSystem::current().log(line);
   const std::string withLineEnd = line + '\n';
-  // There is nowhere left to report a failure to.
+  // A failure to log cannot be reported anywhere.
   (void)std::fwrite(withLineEnd.data(), 1, withLineEnd.size(), stderr);
 }
 

@@ -7,16 +7,15 @@
 
 namespace KQ {
 
-/// Takes one log line, without a line end. It may be called from several threads at once.
+/// Takes one log line, without a line end. Several threads may call it at once.
 using NSLogSink = std::function<void(const std::string& line)>;
 
-/// Sends one line to the log: to the system log and standard error, or to the sink that was set. May be
-/// called from any thread.
+/// Logs one line: to the system log and standard error, or to the sink that is set. Any thread may call it.
 KQZIP_EXPORT void NSLog(const std::string& line);
 
-/// Makes `sink` take the lines instead of the system log and standard error; an empty one goes back to
-/// those. Returns the sink that was in place, empty for the default. May be called from any thread; a line
-/// on its way while the sink is replaced may still reach the earlier one.
+/// Sends the lines to `sink` instead of the system log and standard error; an empty sink restores those.
+/// Returns the previous sink, empty for the default. Any thread may call it. A line that is being logged
+/// during the call may still go to the previous sink.
 KQZIP_EXPORT NSLogSink NSSetLogSink(NSLogSink sink);
 
 }  // namespace KQ

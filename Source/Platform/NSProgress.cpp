@@ -9,7 +9,7 @@ namespace KQ {
 
 namespace {
 
-// One progress on a thread's stack. The scope tells the children of one becomeCurrent… from those of another.
+// One progress on a thread's stack. The scope tells the children of one push from those of another.
 struct Frame {
   std::shared_ptr<NSProgress> progress;
   std::int64_t pendingUnitCount;
@@ -150,7 +150,7 @@ void NSProgress::_attachTo(const std::shared_ptr<NSProgress>& parent, std::int64
   scopeInParent_ = scope;
   countedIntoParent_ = false;
   parent->running_.add(this);
-  // Made here, so that releasing a child never has to allocate.
+  // Made here, so that destroying a child never allocates.
   parent->_releasedUnitsOfScope(scope);
   if (parent->isCancelled()) _cancel();
 }
@@ -172,7 +172,7 @@ void NSProgress::_settleChildrenOfScope(std::uint64_t scope) {
 }
 
 NSProgress::ReleasedUnits& NSProgress::_releasedUnitsOfScope(std::uint64_t scope) {
-  // Scopes nest, so the one in use is nearly always the last.
+  // Scopes nest, so the wanted one is nearly always the last.
   const auto found = std::find_if(released_.rbegin(), released_.rend(),
                                   [scope](const ReleasedUnits& entry) { return entry.scope == scope; });
   if (found != released_.rend()) return *found;

@@ -26,14 +26,14 @@ Word wordAt(std::string_view bytes, std::size_t position) {
   return word;
 }
 
-// How many bytes at the front of a word, in the order of memory, are 0.
+// The number of leading zero bytes of a word, in memory order.
 std::size_t lengthOfZeros(Word word) {
   const int bits =
       std::endian::native == std::endian::little ? std::countr_zero(word) : std::countl_zero(word);
   return static_cast<std::size_t>(bits) / 8;
 }
 
-// How many bytes at the front are ASCII.
+// The number of leading ASCII bytes.
 std::size_t lengthOfASCII(std::string_view bytes) {
   constexpr Word highBits = 0x8080808080808080;
   std::size_t length = 0;
@@ -45,7 +45,7 @@ std::size_t lengthOfASCII(std::string_view bytes) {
   return length;
 }
 
-// How many bytes at the front are the same.
+// The number of leading bytes that are equal.
 std::size_t commonLength(std::string_view left, std::string_view right) {
   const std::size_t limit = std::min(left.size(), right.size());
   std::size_t length = 0;
@@ -57,7 +57,7 @@ std::size_t commonLength(std::string_view left, std::string_view right) {
   return length;
 }
 
-// The code point at the front of `bytes` and its length, or nothing when the bytes are not valid UTF-8.
+// The first code point of `bytes` and its length, or nothing when the bytes are not valid UTF-8.
 struct CodePoint {
   utf8proc_int32_t value;
   std::size_t length;
@@ -90,7 +90,7 @@ utf8proc_propval_t combiningClass(utf8proc_int32_t codePoint) {
   return utf8proc_get_property(codePoint)->combining_class;
 }
 
-// Marks on one letter have a canonical order among themselves; letters stay where they are.
+// Brings the combining marks on each letter into canonical order; letters keep their places.
 void orderMarks(CodePoints& codePoints) {
   for (auto mark = codePoints.begin(); mark != codePoints.end();) {
     if (combiningClass(*mark) == 0) {
@@ -187,8 +187,8 @@ NSComparisonResult compare(std::string_view left, std::string_view right) {
   const bool rightEnds = common == right.size();
   if (leftEnds && rightEnds) return NSOrderedSame;
 
-  // An ASCII character is its own decomposition and no mark moves across it, so a first difference between
-  // two of them, or between one and the end, decides.
+  // An ASCII character is its own decomposition, and no mark moves across it. A first difference between two
+  // of them, or between one and the end, therefore decides.
   const bool decided = (leftEnds || isASCII(left[common])) && (rightEnds || isASCII(right[common]));
   if (!decided) return compareDecomposed(left, right);
   if (leftEnds || rightEnds) return leftEnds ? NSOrderedAscending : NSOrderedDescending;

@@ -14,10 +14,10 @@ namespace KQ {
 
 class NSError;
 
-// Strings are `std::string` in UTF-8; an absent one is an empty `std::optional`. All functions here are
-// pure: any thread may call them at any time.
+// Strings are `std::string` in UTF-8; an absent one is an empty `std::optional`. All functions here are pure:
+// any thread may call them at any time.
 
-/// How two strings are ordered.
+/// The order of two strings.
 enum NSComparisonResult {
   NSOrderedAscending = -1,  ///< The left one comes first.
   NSOrderedSame = 0,        ///< Both have the same bytes.
@@ -27,18 +27,17 @@ enum NSComparisonResult {
 /// True when the bytes are well-formed UTF-8: no overlong form, no surrogate, nothing beyond U+10FFFF.
 KQZIP_EXPORT bool isValidUTF8(std::string_view bytes);
 
-/// The bytes as a string, or nothing when they are not valid UTF-8. A NUL byte is a character like any.
+/// The bytes as a string, or nothing when they are not valid UTF-8. A NUL byte is an ordinary character.
 KQZIP_EXPORT std::optional<std::string> stringWithUTF8Bytes(const void* bytes, std::size_t length);
 
-/// Orders two strings by the code points of their canonical decompositions: case-sensitive, independent
-/// of the locale, byte order for ASCII. Strings that are canonically equivalent but differ in bytes are
-/// ordered by their bytes, so the order is total. A byte that is not part of valid UTF-8 sorts after
-/// every code point.
+/// Compares two strings by the code points of their canonical decompositions: case-sensitive, independent of
+/// the locale, byte order for ASCII. Canonically equivalent strings with different bytes are ordered by their
+/// bytes, so the order is total. A byte that is not part of valid UTF-8 sorts after every code point.
 KQZIP_EXPORT NSComparisonResult compare(std::string_view left, std::string_view right);
 
-/// compare() as a "less than" for sorted containers.
+/// compare() as a less-than for sorted containers.
 struct NSStringLess {
-  using is_transparent = void;  ///< Lets containers look up views without making strings.
+  using is_transparent = void;  ///< Lets a container look up a view without making a string.
   /// True when `left` sorts before `right`.
   bool operator()(std::string_view left, std::string_view right) const {
     return compare(left, right) == NSOrderedAscending;
@@ -61,19 +60,19 @@ KQZIP_EXPORT std::string stringByAppendingPathComponent(std::string_view path, s
 /// `bytes` made printable: control characters, and bytes that are not valid UTF-8, as `\xNN`.
 KQZIP_EXPORT std::string stringByEscapingUnprintables(std::string_view bytes);
 
-/// One argument of stringWithFormat(), already as text; an absent object reads "(null)".
+/// One argument of stringWithFormat(), as text. An absent object reads "(null)".
 class KQZIP_EXPORT NSFormatArgument {
  public:
-  // Conversions are meant to be implicit: a list of arguments reads like the call of a formatting function.
-  NSFormatArgument(std::string text);                             ///< A string as it stands.
-  NSFormatArgument(const char* text);                             ///< A string as it stands.
+  // Implicit by design: a list of arguments then reads like the call of a formatting function.
+  NSFormatArgument(std::string text);                             ///< The string itself.
+  NSFormatArgument(const char* text);                             ///< The string itself.
   NSFormatArgument(const std::optional<std::string>& text);       ///< A string or nothing.
   NSFormatArgument(const std::shared_ptr<const NSError>& error);  ///< An error's description or nothing.
   /// A number in decimal digits.
   static NSFormatArgument decimal(std::uint64_t number);
-  /// A number in lower-case hexadecimal digits without prefix or leading zeros.
+  /// A number in lower-case hexadecimal digits, without a prefix or leading zeros.
   static NSFormatArgument hexadecimal(std::uint64_t number);
-  /// An object's address, which tells it from others.
+  /// An object's address.
   static NSFormatArgument identity(const void* object);
 
   /// The text that replaces the placeholder.
@@ -83,8 +82,8 @@ class KQZIP_EXPORT NSFormatArgument {
   std::string text_;
 };
 
-/// `format` with its placeholders "%@", "%llu", "%x" and "%p" replaced by the arguments, left to right.
-/// The arguments' own characters are never taken for placeholders. There must be one argument for each.
+/// `format` with its placeholders "%@", "%llu", "%x" and "%p" replaced by the arguments, left to right. Each
+/// placeholder needs one argument. Placeholders inside arguments are not replaced.
 KQZIP_EXPORT std::string stringWithFormat(std::string_view format,
                                           std::initializer_list<NSFormatArgument> arguments);
 

@@ -9,10 +9,10 @@ namespace KQ {
 
 namespace {
 
-// What a file is made with, less the process's mask.
+// The permissions of a new file, less the process's mask.
 constexpr std::uint16_t permissionsOfNewFile = 0666;
 
-// Steps over `length` bytes of the pieces, and over pieces that are used up.
+// Skips `length` bytes of the pieces, and pieces that are empty then.
 void advance(NSPiece*& pieces, int& count, std::uint64_t length) {
   while (count > 0 && length >= pieces->length) {
     length -= pieces->length;
@@ -25,7 +25,7 @@ void advance(NSPiece*& pieces, int& count, std::uint64_t length) {
   }
 }
 
-// Whether a write took something. Where the system takes nothing and gives no reason, asking again would
+// Whether a write wrote something. A write of nothing without an error counts as an error: repeating it would
 // never end.
 bool tookSomething(std::int64_t written) { return NSTakeError(written == 0 ? -EIO : written); }
 

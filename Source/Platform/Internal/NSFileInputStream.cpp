@@ -13,10 +13,10 @@ namespace {
 
 constexpr std::uint64_t bufferCapacity = 65536;
 
-// What is read after a jump: enough for the header of a record with its name.
+// Bytes read after a jump: enough for a header with its name.
 constexpr std::uint64_t shortestReadAhead = 512;
 
-// A step over no more than this is still sequential reading: a scan over small entries.
+// A jump of at most this many bytes is still sequential reading: a scan over small entries.
 constexpr std::uint64_t longestSequentialStep = 4096;
 
 constexpr std::uint64_t largestOffset = INT64_MAX;
@@ -74,7 +74,7 @@ std::int64_t NSFileInputStream::read(std::uint8_t* buffer, std::uint64_t maxLeng
   while (total < maxLength) {
     const std::int64_t count = _readMore(buffer + total, maxLength - total);
     if (count < 0) {
-      // All or nothing: a part delivered here would pass for a short file.
+      // All or nothing: a partial read would look like a short file.
       const int code = errno;
       if (_isSeekable()) position_ = start;
       return _fail(code);
@@ -92,7 +92,7 @@ bool NSFileInputStream::hasBytesAvailable() {
   if (atHand_ != atHandEnd_) return true;
   _holdBack();
   const bool buffered = position_ >= bufferOffset_ && position_ - bufferOffset_ < bufferLength_;
-  // An error counts as bytes: the read that follows reports it.
+  // After an error, true: the next read reports it.
   const bool available = buffered || (end_ != position_ && _fillBuffer(1) != 0);
   _offerBuffered();
   return available;
@@ -115,7 +115,7 @@ std::uint64_t NSFileInputStream::_position() const {
   return bufferOffset_ + static_cast<std::uint64_t>(atHand_ - buffer_.get());
 }
 
-// A step within what is buffered, as a scan over records takes. False when the offset is elsewhere.
+// Moves within the buffer, as a scan over records does. False when the offset is elsewhere.
 bool NSFileInputStream::_moveAtHand(std::uint64_t offset) {
   if (atHand_ == nullptr || seekable_ != true) return false;
   if (offset < bufferOffset_ || offset - bufferOffset_ >= bufferLength_) return false;
@@ -124,14 +124,14 @@ bool NSFileInputStream::_moveAtHand(std::uint64_t offset) {
   return true;
 }
 
-// Takes back what is at hand, so that position_ tells where the stream stands.
+// Withdraws the bytes at hand, so that position_ is the stream's position.
 void NSFileInputStream::_holdBack() {
   position_ = _position();
   atHand_ = nullptr;
   atHandEnd_ = nullptr;
 }
 
-// Bytes taken at hand leave the status as it is, so none are offered while it must change with the next read.
+// Taking bytes at hand does not change the status, so none are offered while the next read must change it.
 void NSFileInputStream::_offerBuffered() {
   if (status_ != NSStreamStatusOpen) return;
   if (position_ < bufferOffset_ || position_ - bufferOffset_ >= bufferLength_) return;
@@ -159,7 +159,7 @@ std::int64_t NSFileInputStream::_readMore(std::uint8_t* buffer, std::uint64_t ma
   return count;
 }
 
-// Replaces the buffer's contents by what follows the position, which the buffer does not hold.
+// Refills the buffer with the bytes at the position, which it does not hold.
 std::int64_t NSFileInputStream::_fillBuffer(std::uint64_t atLeast) {
   if (!buffer_) buffer_ = NSRawBytes(bufferCapacity);
   _chooseReadAhead();
@@ -181,7 +181,7 @@ std::int64_t NSFileInputStream::_readFile(std::uint8_t* buffer, std::uint64_t le
   if (count >= 0) {
     seekable_ = true;
   } else if (errno == ESPIPE) {
-    // What has no offsets says so before it gives up any bytes.
+    // A file without offsets fails here before any byte is read.
     seekable_ = false;
   }
   if (!seekable_.value_or(true)) count = file_.readNext(buffer, length);

@@ -14,10 +14,10 @@ namespace KQ {
 /// An input stream on a file; see NSInputStream::inputStreamWithFileAtPath().
 class NSFileInputStream final : public NSBufferedInputStream {
  public:
-  /// Opens the file; isUsable() says whether that went well.
+  /// Opens the file; see isUsable().
   explicit NSFileInputStream(std::string path);
 
-  /// Whether the file could be opened.
+  /// Whether the file was opened.
   bool isUsable() const { return usable_; }
 
   void open() override;
@@ -29,8 +29,8 @@ class NSFileInputStream final : public NSBufferedInputStream {
   std::int64_t read(std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool hasBytesAvailable() override;
 
-  /// Writes up to `length` of the next bytes to `target` without reading them. Returns how many, and stands
-  /// behind them; none while bytes are buffered, and before the first read.
+  /// Copies up to `length` of the next bytes to `target` inside the system, and skips them. Returns the
+  /// number of bytes copied: 0 while bytes are buffered, and before the first read.
   std::uint64_t sendTo(const NSFileDescriptor& target, std::uint64_t length);
 
  private:
@@ -50,19 +50,19 @@ class NSFileInputStream final : public NSBufferedInputStream {
   NSFileDescriptor file_;
   bool usable_ = false;
   bool open_ = false;
-  // Found out by the first read, or when it is needed before.
+  // Set by the first read, or earlier when needed.
   mutable std::optional<bool> seekable_;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;
 
-  // Where the next read starts, unless bytes of the buffer are at hand: then their number tells.
+  // The offset of the next read. While bytes of the buffer are at hand, their number gives it instead.
   std::uint64_t position_ = 0;
-  // Which bytes of the file the buffer holds.
+  // The bytes of the file that the buffer holds.
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t bufferOffset_ = 0;
   std::uint64_t bufferLength_ = 0;
   std::uint64_t readAhead_ = 0;
-  // Where the end of the file was met, so that the read that ends a copy does not ask again.
+  // The end of the file, once found, so that the last read of a copy makes no system call.
   std::optional<std::uint64_t> end_;
 };
 

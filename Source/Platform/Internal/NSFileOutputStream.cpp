@@ -76,14 +76,14 @@ std::uint64_t NSFileOutputStream::_buffered() const {
   return room_ == nullptr ? 0 : static_cast<std::uint64_t>(room_ - buffer_.get());
 }
 
-// From here on passedOn_ counts all that was accepted.
+// From here on, passedOn_ counts all accepted bytes.
 void NSFileOutputStream::_offerNoRoom() {
   passedOn_ += _buffered();
   room_ = nullptr;
   roomEnd_ = nullptr;
 }
 
-// Writes what is buffered and `length` bytes behind it with one call.
+// Writes the buffer's contents followed by `length` bytes, with one call.
 bool NSFileOutputStream::_writeThrough(const std::uint8_t* buffer, std::uint64_t length) {
   std::array<NSPiece, 2> pieces{NSPiece{buffer_.get(), _buffered()}, NSPiece{buffer, length}};
   if (!file_.writeAll(pieces.data(), static_cast<int>(pieces.size()))) return _fail(errno);

@@ -16,15 +16,14 @@ class NSFileInputStream;
 /// An output stream to a file; see NSOutputStream::outputStreamToFileAtPath().
 class NSFileOutputStream final : public NSBufferedOutputStream {
  public:
-  /// What open() does with a file that exists.
+  /// What open() does with an existing file.
   enum class Existing { Emptied, Refused };
 
   explicit NSFileOutputStream(std::string path, Existing existing = Existing::Emptied)
       : path_(std::move(path)), existing_(existing) {}
   ~NSFileOutputStream() override;
 
-  /// Whether open() refused what is at the path: a file, or anything else, a link that leads nowhere
-  /// included.
+  /// Whether open() refused an existing item at the path, a dangling link included.
   bool hasRefusedExisting() const { return hasRefusedExisting_; }
 
   void open() override;
@@ -37,7 +36,8 @@ class NSFileOutputStream final : public NSBufferedOutputStream {
   std::int64_t write(const std::uint8_t* buffer, std::uint64_t maxLength) override;
   bool flush() override;
 
-  /// Takes up to `length` of the next bytes of `source` without bringing them here. Returns how many.
+  /// Copies up to `length` of the next bytes of `source` inside the system. Returns the number of bytes
+  /// copied.
   std::uint64_t takeFrom(NSFileInputStream& source, std::uint64_t length);
 
  private:
@@ -52,15 +52,15 @@ class NSFileOutputStream final : public NSBufferedOutputStream {
   NSFileDescriptor file_;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;
-  // Filled from the front; the room behind what it holds is offered.
+  // Filled from the front; the free room at the end is offered.
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t passedOn_ = 0;
 };
 
-/// Moves up to `length` bytes from one stream to the other, where both are files and the system does that by
-/// itself: it spares a copy of the data. Returns how many. None are moved between other streams, before the
-/// source was read from, while it has bytes buffered, at its end and after a failure: reading and writing
-/// then moves them, or tells what is wrong.
+/// Copies up to `length` bytes from one stream to the other inside the system, which saves a copy of the
+/// data. Returns the number of bytes copied. It is 0 unless both streams are files, before the first read
+/// from the source, while the source has bytes buffered, at its end and after a failure: reading and writing
+/// then copies the bytes, or finds the reason.
 std::uint64_t NSMoveBytes(NSInputStream& source, NSOutputStream& target, std::uint64_t length);
 
 }  // namespace KQ

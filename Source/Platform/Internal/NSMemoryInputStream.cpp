@@ -59,7 +59,7 @@ std::uint64_t NSMemoryInputStream::_bytesLeft() const {
   return position < length ? length - position : 0;
 }
 
-// Bytes taken at hand leave the status as it is, so none are offered while it must change with the next read.
+// Taking bytes at hand does not change the status, so none are offered while the next read must change it.
 void NSMemoryInputStream::_standAt(std::uint64_t position) {
   position_ = position;
   atHand_ = nullptr;

@@ -29,7 +29,7 @@ class NSMemoryInputStream final : public NSBufferedInputStream {
   void _standAt(std::uint64_t position);
 
   std::shared_ptr<const NSData> data_;
-  // Where the next read starts, unless bytes are at hand: then their number tells.
+  // The offset of the next read. While bytes are at hand, their number gives it instead.
   std::uint64_t position_ = 0;
   NSStreamStatus status_ = NSStreamStatusNotOpen;
   std::shared_ptr<const NSError> error_;

@@ -35,7 +35,7 @@ int NSOpenBeneath(int folder, const char* path, int flags, int permissions) {
   how.mode = static_cast<std::uint64_t>(permissions);
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
   const auto result = static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how));
-  // What filters system calls may refuse one that it does not know with another error number.
+  // A filter of system calls may refuse an unknown one with another error number.
   if (result < 0 && errno == EPERM) errno = ENOSYS;
   return result;
 }
@@ -73,7 +73,7 @@ ssize_t NSCopy(int /*target*/, std::uint64_t /*targetOffset*/, int /*source*/, s
 #ifdef KQZIP_HAS_FALLOCATE
 int NSReserve(int file, std::uint64_t length) {
   const int result = ::fallocate(file, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length));
-  // A file system that cannot do it is as good as a system that cannot.
+  // A file system that cannot do it counts as a system that cannot.
   if (result < 0 && errno == EOPNOTSUPP) errno = ENOSYS;
   return result;
 }
@@ -90,7 +90,7 @@ int NSAdviseSequential(int /*file*/) { return -ENOSYS; }
 #ifdef KQZIP_HAS_RENAMEAT2
 int NSRenameToNew(int folder, const char* path, int newFolder, const char* newPath) {
   const int result = ::renameat2(folder, path, newFolder, newPath, RENAME_NOREPLACE);
-  // What a file system that cannot do it answers.
+  // The answer of a file system that cannot do it.
   if (result < 0 && errno == EINVAL) errno = ENOSYS;
   return result;
 }

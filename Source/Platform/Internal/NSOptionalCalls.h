@@ -10,16 +10,16 @@
 
 #include "NSSystem.h"
 
-// What only some systems have beyond POSIX. The build looks for each; where it is not found, or the build
-// asks for the plain way, the call fails with ENOSYS. All return a negative value for a failure, with the
-// reason in `errno`. Nothing else in the library depends on which system it is built for.
+// Calls beyond POSIX that only some systems have. The build looks for each. One that is not found, or every
+// one in a build with KQZIP_PLAIN_POSIX, fails with ENOSYS. A failure is a negative value, with the reason in
+// `errno` unless stated otherwise. Nothing else in the library depends on the target system.
 
 namespace KQ {
 
 /// Opens a path that neither leaves `folder` nor meets a symbolic link.
 int NSOpenBeneath(int folder, const char* path, int flags, int permissions);
 
-/// Copies bytes of `source` to where `target` stands.
+/// Copies bytes of `source` to the position of `target`.
 ssize_t NSSend(int target, int source, std::uint64_t offset, std::size_t length);
 
 /// Copies bytes from one file to another.
@@ -29,7 +29,7 @@ ssize_t NSCopy(int target, std::uint64_t targetOffset, int source, std::uint64_t
 /// Reserves room at the start of the file without changing its length.
 int NSReserve(int file, std::uint64_t length);
 
-/// Tells that the file is read from front to back. 0 or the negative of an error number.
+/// Announces that the file will be read from front to back. Returns 0 or the negative error number.
 int NSAdviseSequential(int file);
 
 /// Renames without replacing.
@@ -38,10 +38,10 @@ int NSRenameToNew(int folder, const char* path, int newFolder, const char* newPa
 /// How many processors the process may use; at least 1.
 unsigned NSUsableProcessors();
 
-/// When the contents of an item last changed: the field has two names.
+/// The time of the last change of an item's contents, whose field has two names.
 timespec NSModificationTime(const struct stat& status);
 
-/// What a folder's entry is, where the system tells along with the name.
+/// The type of a folder's entry, on systems that list it with the name.
 NSItemType NSTypeOfEntry(const dirent& entry);
 
 }  // namespace KQ

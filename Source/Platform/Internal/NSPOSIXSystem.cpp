@@ -1,4 +1,4 @@
-// The operating system by its POSIX calls. What only some systems have is in NSOptionalCalls.h.
+// The operating system through its POSIX calls. NSOptionalCalls.h has the calls that only some systems have.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,7 +21,7 @@ namespace KQ {
 
 namespace {
 
-// No system transfers more in one call, and some fail when asked to.
+// No system transfers more in one call, and some fail for larger requests.
 constexpr std::uint64_t longestTransfer = 0x40000000;
 
 constexpr int mostPieces = 16;
@@ -30,7 +30,7 @@ std::size_t transferLength(std::uint64_t length) {
   return static_cast<std::size_t>(std::min(length, longestTransfer));
 }
 
-// Calls again what a signal has interrupted. What the call returned, or the negative of its error number.
+// Repeats a call that a signal interrupts. Returns its result, or the negative error number.
 template <class Call>
 auto repeating(Call call) {
   for (;;) {
@@ -79,7 +79,7 @@ int take(int result, const struct stat& found, NSItemStatus* status) {
   return 0;
 }
 
-// The time of the last access, which stays, and that of the last change of the contents.
+// The time of the last access, which does not change, and that of the last change of the contents.
 std::array<timespec, 2> timesFor(NSItemTime time) {
   std::array<timespec, 2> times{};
   times[0].tv_nsec = UTIME_OMIT;
@@ -98,7 +98,7 @@ class Listing final : public NSFolderListing {
   int next(NSListedItem* item) override {
     for (;;) {
       errno = 0;
-      // Safe from any thread: an open folder belongs to one walk.
+      // Safe from any thread: an open folder belongs to one listing.
       const dirent* const entry = ::readdir(folder_);  // NOLINT(concurrency-mt-unsafe)
       if (entry == nullptr && errno == EINTR) continue;
       if (entry == nullptr) return -errno;
@@ -124,7 +124,7 @@ std::atomic<NSSystem*>& replacement() {
 NSSystem::~NSSystem() = default;
 
 NSSystem& NSSystem::current() {
-  // Never destroyed, so that what runs while the process ends can still use it.
+  // Never destroyed, so that code that runs at the end of the process can still use it.
   static auto* const own = new NSSystem;
   NSSystem* const other = replacement().load(std::memory_order_acquire);
   return other == nullptr ? *own : *other;
@@ -142,7 +142,8 @@ NSHandle NSSystem::openBeneath(NSHandle folder, const char* path, unsigned mode,
 }
 
 int NSSystem::close(NSHandle file) {
-  // Never repeated: after an interruption the descriptor is gone already, and its number may be another's.
+  // Never repeated: after an interruption the descriptor is closed already, and its number may be in use
+  // again.
   return ::close(descriptorOf(file)) == 0 || errno == EINTR ? 0 : -errno;
 }
 
@@ -241,7 +242,7 @@ int NSSystem::makeLink(const char* target, NSHandle folder, const char* path) {
 }
 
 int NSSystem::readLink(NSHandle folder, const char* path, std::string* target) {
-  // The length is not asked for beforehand: it may change, and not every file system tells it.
+  // The length is not queried first: it may change, and not every file system reports it.
   for (std::size_t capacity = 256;; capacity *= 2) {
     target->resize(capacity);
     const ssize_t length =

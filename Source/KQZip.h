@@ -1,18 +1,18 @@
 #pragma once
 
 /// @file
-/// Everything that KQZip offers: one include.
+/// All public headers of KQZip.
 ///
-/// KQZipFileWriter packs files or a whole folder into an archive, KQZipFileReader lists an archive and gives
-/// the files back. Entries are stored without compression. KQZipMakeArchiveInteroperable() lets other
-/// programs read an archive too. Operations that can fail return false or nothing and take an error slot as
-/// their last argument (KQ::NSErrorSlot), which is written only on failure; the one exception that may leave
-/// the library is `std::bad_alloc`. Progress and cancellation go through KQ::NSProgress, log lines through
-/// KQ::NSSetLogSink().
+/// KQZipFileWriter packs files or a whole folder into an archive. KQZipFileReader lists an archive, reads its
+/// entries and extracts them. Entries are stored without compression. KQZipMakeArchiveInteroperable() makes
+/// an archive readable for other programs. An operation that can fail returns false or nothing, and takes an
+/// error slot as its last argument (KQ::NSErrorSlot), which it writes only on failure. The only exception
+/// that leaves the library is `std::bad_alloc`. For progress and cancellation see KQ::NSProgress, for log
+/// lines KQ::NSSetLogSink().
 
 /// @namespace KQ
-/// What the library needs of the system: streams, files, progress, errors, the log, dates and strings. None
-/// of it knows of archives.
+/// The system services that the library uses: streams, files, progress, errors, the log, dates and strings.
+/// Nothing here knows of archives.
 
 #include "Archive/KQZipArchive.h"
 #include "Archive/KQZipArchiveEntry.h"

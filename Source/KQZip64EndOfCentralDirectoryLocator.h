@@ -7,8 +7,8 @@
 #include "Platform/NSError.h"
 #include "Platform/NSStream.h"
 
-/// The Zip64 end of central directory locator, 20 bytes that say where the Zip64 end record stands. Used by
-/// one thread at a time.
+/// The Zip64 end of central directory locator: 20 bytes with the offset of the Zip64 end record. Used by one
+/// thread at a time.
 class KQZIP_EXPORT KQZip64EndOfCentralDirectoryLocator {
  public:
   /// The record's signature, 50 4B 06 07 on disk.
@@ -17,12 +17,12 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryLocator {
   /// A locator for an archive on one disk with the Zip64 end record at offset 0.
   KQZip64EndOfCentralDirectoryLocator() = default;
 
-  /// A locator parsed from `stream`, or nothing; the slot then holds what parseFromStream() left there.
+  /// A locator parsed from `stream`. Nothing when parseFromStream() fails, with its error in the slot.
   static std::shared_ptr<KQZip64EndOfCentralDirectoryLocator> initWithStream(KQ::NSInputStream& stream,
                                                                              KQ::NSErrorSlot error = nullptr);
 
-  /// Reads the fields behind a signature that the caller has consumed. Fails as the read primitives do; what
-  /// was read stays.
+  /// Reads the fields after the signature, which the caller has consumed. Fails as the read primitives do;
+  /// fields that were read keep their new values.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// Writes the record, signature included. Fails as the write primitives do.
@@ -31,7 +31,7 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryLocator {
   /// Always 20.
   std::uint64_t outputSize() const { return 20; }
 
-  /// Disk that holds the Zip64 end record.
+  /// Number of the disk that holds the Zip64 end record.
   std::uint32_t diskNumberWithStartOfZip64EoCD() const { return diskNumberWithStartOfZip64EoCD_; }
   void setDiskNumberWithStartOfZip64EoCD(std::uint32_t value) { diskNumberWithStartOfZip64EoCD_ = value; }
 

@@ -7,22 +7,22 @@
 #include "Platform/NSError.h"
 #include "Platform/NSStream.h"
 
-/// The Zip64 end of central directory record, 56 bytes, written into every archive whatever its size. An
+/// The Zip64 end of central directory record: 56 bytes, part of every archive that the library writes. An
 /// extensible data sector is neither written nor read. Used by one thread at a time.
 class KQZIP_EXPORT KQZip64EndOfCentralDirectoryRecord {
  public:
   /// The record's signature, 50 4B 06 06 on disk.
   static constexpr std::uint32_t signature = 0x06064b50;
 
-  /// A record of zeros with the library's two version fields.
+  /// A record of zeros, except the two version fields.
   KQZip64EndOfCentralDirectoryRecord() = default;
 
-  /// A record parsed from `stream`, or nothing; the slot then holds what parseFromStream() left there.
+  /// A record parsed from `stream`. Nothing when parseFromStream() fails, with its error in the slot.
   static std::shared_ptr<KQZip64EndOfCentralDirectoryRecord> initWithStream(KQ::NSInputStream& stream,
                                                                             KQ::NSErrorSlot error = nullptr);
 
-  /// Reads the fields behind a signature that the caller has consumed. Always 52 bytes: whatever more size()
-  /// announces is left on the stream. Fails as the read primitives do; what was read stays.
+  /// Reads the fields after the signature, which the caller has consumed. Reads 52 bytes, whatever size()
+  /// says. Fails as the read primitives do; fields that were read keep their new values.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
   /// Writes the record, signature included, after setting size() to sizeOfZip64EoCDRecord(). Fails as the
@@ -32,7 +32,7 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryRecord {
   /// Always 56.
   std::uint64_t outputSize() const { return 56; }
 
-  /// What the size field says when written: outputSize() without the signature and the field itself, 44.
+  /// The value of size() in a write: outputSize() without the signature and the size field itself, 44.
   std::uint64_t sizeOfZip64EoCDRecord() const { return outputSize() - 12; }
 
   /// Version made by; 0x031E is Unix, 3.0.
@@ -47,11 +47,11 @@ class KQZIP_EXPORT KQZip64EndOfCentralDirectoryRecord {
   std::uint32_t diskNumber() const { return diskNumber_; }
   void setDiskNumber(std::uint32_t value) { diskNumber_ = value; }
 
-  /// Disk on which the central directory starts.
+  /// Number of the disk on which the central directory starts.
   std::uint32_t diskNumberContainingCD() const { return diskNumberContainingCD_; }
   void setDiskNumberContainingCD(std::uint32_t value) { diskNumberContainingCD_ = value; }
 
-  /// Bytes of the record behind this field, as last parsed or written; every write overwrites it.
+  /// Bytes of the record after this field, as last parsed or written. Every write sets it.
   std::uint64_t size() const { return size_; }
   void setSize(std::uint64_t value) { size_ = value; }
 

@@ -35,7 +35,8 @@ void KQZipCentralDirectory::setFileHeaders(
 }
 
 bool KQZipCentralDirectory::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  // A read of one to three bytes leaves the rest as the value before had it; that is not told apart.
+  // A read of one to three bytes leaves the rest of the previous value; this is not treated as a special
+  // case.
   std::array<std::uint8_t, KQZipSignatureSize> bytes{};
   while (stream.read(bytes.data(), bytes.size()) > 0) {
     if (!_parseRecord(KQZipLoad<std::uint32_t>(bytes.data()), stream, error)) return false;
@@ -92,8 +93,8 @@ void KQZipCentralDirectory::_createMissingEndRecords() {
 }
 
 void KQZipCentralDirectory::_fillEndRecords(std::uint64_t startOfDirectory) {
-  // The size is the total of all that is written, the end records included, and the classic counts are cut
-  // and not clamped. Both are meant: archives are compared byte by byte.
+  // By design, the size is the total of everything written, the end records included, and the classic counts
+  // are truncated and not clamped: archives are compared byte by byte.
   const std::uint64_t count = fileHeaders_.size();
   const std::uint64_t size = outputSize();
   zipEoCDRecord_->setEntriesInCDOnThisDisk(static_cast<std::uint16_t>(count));

@@ -11,11 +11,11 @@
 #include "KQZipEndOfCentralDirectoryRecord.h"
 #include "KQZipExtraField.h"
 
-/// The tail of an archive: the central headers, an optional digital signature and the three end records. It
-/// is either built from written local headers and written, or parsed. Used by one thread at a time.
+/// The last part of an archive: the central headers, an optional digital signature and the three end records.
+/// It is either built from written local headers and then written, or parsed. Used by one thread at a time.
 class KQZIP_EXPORT KQZipCentralDirectory {
  public:
-  /// The signature in front of a digital signature, 50 4B 05 05 on disk.
+  /// The signature before a digital signature, 50 4B 05 05 on disk.
   static constexpr std::uint32_t digitalSignatureSignature = 0x05054b50;
 
   /// An empty directory without end records.
@@ -24,38 +24,38 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   KQZipCentralDirectory(const KQZipCentralDirectory&) = delete;             ///< Owns its records.
   KQZipCentralDirectory& operator=(const KQZipCentralDirectory&) = delete;  ///< Owns its records.
 
-  /// A directory with one central header for each entry, in their order. The entries must have been written;
-  /// the directory links to them weakly and takes their offsets when it is written, so they must live until
-  /// then. An entry that still lacks its attributes or its CRC gets them here.
+  /// A directory with one central header for each entry, in the same order. Write the entries first. The
+  /// directory links to them weakly and takes their offsets when it is written, so they must live until then.
+  /// Computes the attributes and the CRC of an entry that lacks them.
   static std::shared_ptr<KQZipCentralDirectory> centralDirectoryWithFileEntries(
       const std::vector<std::shared_ptr<KQZipFileLocalHeader>>& entries);
 
-  /// A directory parsed from `stream`, or nothing; the slot then holds what the failing record left there.
+  /// A directory parsed from `stream`. Nothing when parseFromStream() fails, with its error in the slot.
   static std::shared_ptr<KQZipCentralDirectory> initWithStream(KQ::NSInputStream& stream,
                                                                KQ::NSErrorSlot error = nullptr);
 
   /// Replaces the central headers by a copy of the list.
   void setFileHeaders(std::vector<std::shared_ptr<KQZipCentralDirectoryFileHeader>> headers);
 
-  /// Scans `stream` to its end for records. It reads four bytes, hands a record that they announce to its
-  /// class and ignores any other value, so behind unknown bytes a record is only found where its signature
-  /// stands on a grid of four bytes from there; of several end records of one kind the last stays. One to
-  /// three bytes at the end count as four, with what the four before left in their place. The end of the
-  /// stream and an error of the stream between records are a success; a record that cannot be parsed fails
-  /// the scan with its error and what was found before stays.
+  /// Scans `stream` to its end for records. It reads four bytes at a time. If they are the signature of a
+  /// record, the record's class parses it; other values are skipped. After unknown bytes a record is
+  /// therefore found only at a multiple of four bytes from there. Of several end records of one kind the last
+  /// one counts. One to three bytes at the end are completed with the last bytes of the previous four. The
+  /// end of the stream, and an error of the stream between records, are a success. A record that cannot be
+  /// parsed fails the scan with its error; records found before are kept.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// Writes the central headers, the digital signature if there is one (without a signature of its own), the
-  /// Zip64 end record, the locator and the classic end record, all three always. Counts, sizes and offsets
-  /// are set on the way. Both end records give as the directory's size the total of everything written here,
-  /// themselves included, and the classic record's counts are cut to 16 bits; both are meant. Fails with the
-  /// first record's error; what was written stays on the stream.
+  /// Writes the central headers, the digital signature if there is one (without the signature before it), and
+  /// always the Zip64 end record, the locator and the classic end record. Sets counts, sizes and offsets. By
+  /// design, both end records give the total size of everything written here, themselves included, as the
+  /// directory's size, and the classic record's counts are truncated to 16 bits. Fails with the error of the
+  /// first record that fails; what was written stays on the stream.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// Total size of the records that exist. The end records first exist after a write or a parse.
+  /// Total size of the records that exist. The end records exist after a write or a parse.
   std::uint64_t outputSize() const;
 
-  /// The digital signature, kept as an extra field: its id, its size and its data.
+  /// The digital signature, as an extra field: id, size and data.
   std::shared_ptr<KQZipExtraField> digitalSignature() const { return digitalSignature_; }
   void setDigitalSignature(std::shared_ptr<KQZipExtraField> value) { digitalSignature_ = std::move(value); }
 
@@ -78,7 +78,7 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   }
 
  protected:
-  /// Parses the next header and keeps it, behind those parsed before.
+  /// Parses the next header and appends it to the headers parsed before.
   virtual bool _parseFileHeader(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
  private:

@@ -11,36 +11,37 @@
 #include "Platform/NSStream.h"
 
 /// The classic end of central directory record, the last record of every archive: 22 bytes and a comment.
-/// It holds the fields and moves them; KQZipCentralDirectory fills in counts, size and offset. Used by one
-/// thread at a time, but for zipFileComment().
+/// This class reads and writes the fields; KQZipCentralDirectory sets counts, size and offset. Used by one
+/// thread at a time, except zipFileComment().
 class KQZIP_EXPORT KQZipEndOfCentralDirectoryRecord {
  public:
   /// The record's signature, 50 4B 05 06 on disk.
   static constexpr std::uint32_t signature = 0x06054b50;
 
-  /// A record of zeros without a comment, but for sizeOfCD(), which is 0xFFFFFFFF.
+  /// A record of zeros without a comment, except that sizeOfCD() is 0xFFFFFFFF.
   KQZipEndOfCentralDirectoryRecord() = default;
 
-  /// A record parsed from `stream`, or nothing; the slot then holds what parseFromStream() left there.
+  /// A record parsed from `stream`. Nothing when parseFromStream() fails, with its error in the slot.
   static std::shared_ptr<KQZipEndOfCentralDirectoryRecord> initWithStream(KQ::NSInputStream& stream,
                                                                           KQ::NSErrorSlot error = nullptr);
 
-  /// Reads the fields behind a signature that the caller has consumed. A comment that is not valid UTF-8
-  /// becomes absent, which is no failure. Fails as the read primitives do; what was read stays.
+  /// Reads the fields after the signature, which the caller has consumed. A comment that is not valid UTF-8
+  /// becomes absent; that is a success. Fails as the read primitives do; fields that were read keep their new
+  /// values.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// Writes the record, signature included, and sets zipFileCommentLength(). Of a comment longer than 65,535
-  /// bytes only its length modulo 65,536 is written. Fails as the write primitives do.
+  /// Sets zipFileCommentLength() to the comment's length modulo 65,536, and writes the record, signature
+  /// included, with that many bytes of the comment. Fails as the write primitives do.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// 22 and the comment's full length in bytes, even where a write would cut it.
+  /// 22 and the comment's full length in bytes, even if a write truncates it.
   std::uint64_t outputSize() const;
 
   /// Number of this disk.
   std::uint16_t diskNumber() const { return diskNumber_; }
   void setDiskNumber(std::uint16_t value) { diskNumber_ = value; }
 
-  /// Disk on which the central directory starts.
+  /// Number of the disk on which the central directory starts.
   std::uint16_t diskNumberContainingCD() const { return diskNumberContainingCD_; }
   void setDiskNumberContainingCD(std::uint16_t value) { diskNumberContainingCD_ = value; }
 
@@ -74,7 +75,7 @@ class KQZIP_EXPORT KQZipEndOfCentralDirectoryRecord {
   std::uint16_t entriesInCDOnThisDisk_ = 0;
   std::uint16_t entriesInCD_ = 0;
   std::uint16_t zipFileCommentLength_ = 0;
-  // The size starts out saturated and the offset does not; the central directory sets both before a write.
+  // The size starts out saturated, the offset does not; the central directory sets both before a write.
   std::uint32_t sizeOfCD_ = 0xFFFFFFFF;
   std::uint32_t offsetOfCD_ = 0;
   KQ::NSAtomicProperty<std::optional<std::string>> zipFileComment_;

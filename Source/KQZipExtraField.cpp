@@ -35,7 +35,7 @@ std::shared_ptr<KQZipExtraField> KQZipExtraField::_extraFieldWithStream(const KQ
   const std::uint64_t start = stream.NSStreamFileCurrentOffsetKey().value_or(0);
   std::uint16_t identifier = 0;
   if (!KQZipReadBlock16(stream, &identifier, error)) return nullptr;
-  // The class's own parse reads the id again. That the stream moves back is relied on, not checked.
+  // The class's own parse reads the id again. The result of moving the stream back is not checked, by design.
   stream.setNSStreamFileCurrentOffsetKey(start);
 
   const auto& classes = subclasses();
@@ -55,7 +55,7 @@ bool KQZipExtraField::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot
   if (!KQZipReadBlock16(stream, &fieldSignature_, error) || !KQZipReadBlock16(stream, &fieldSize_, error))
     return false;
   std::array<std::uint8_t, 0xFFFF> bytes;
-  // What the stream does not deliver reads as zeros, never as what the stack held.
+  // Bytes that the stream does not deliver are zeros, never leftovers of the stack.
   std::memset(bytes.data(), 0, fieldSize_);
   if (!KQZipReadBlockBytes(stream, bytes.data(), fieldSize_, error)) return false;
   setFieldData(KQ::NSData::dataWithBytes(bytes.data(), fieldSize_));
@@ -67,7 +67,7 @@ bool KQZipExtraField::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot 
   fieldSize_ = static_cast<std::uint16_t>(data ? data->length() : 0);
   if (!KQZipWriteBlock16(stream, &fieldSignature_, error) || !KQZipWriteBlock16(stream, &fieldSize_, error))
     return false;
-  // Meant: only the next write tells the caller that the data could not be written.
+  // By design, only the next write tells the caller that the data was not written.
   if (data) KQZipWriteBlockBytes(stream, data->bytes(), fieldSize_, error);
   return true;
 }
@@ -81,7 +81,7 @@ std::shared_ptr<KQZipExtraField> KQZipExtraField::copyWithZone() const {
   auto copy = _newInstance();
   copy->setFieldSignature(fieldSignature_);
   copy->setFieldSize(fieldSize_);
-  // The buffer itself, so that both have the same one.
+  // Both fields share the buffer.
   copy->setFieldData(fieldData());
   return copy;
 }

@@ -1,12 +1,12 @@
-// The registry of KQZipExtraField, in a unit of its own that knows the library's own subclass: whoever parses
-// extra fields links this unit and with it the subclass, from a static library too.
+// The registry of KQZipExtraField, in a unit of its own that knows the library's subclass. A program that
+// parses extra fields links this unit, and with it the subclass, from a static library too.
 
 #include <algorithm>
 
 #include "KQZipExtraField.h"
 #include "KQZipExtraFieldZip64ExtendedInfo.h"
 
-// Made before its first use, also by registrations that run before main().
+// Made at its first use, which may be a registration that runs before main().
 static std::vector<KQZipExtraFieldClass>& registeredSubclasses() {
   static std::vector<KQZipExtraFieldClass> classes{
       KQZipExtraFieldClass::of<KQZipExtraFieldZip64ExtendedInfo>()};

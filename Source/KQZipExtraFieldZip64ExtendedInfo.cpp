@@ -50,7 +50,7 @@ std::shared_ptr<KQZipExtraField> KQZipExtraFieldZip64ExtendedInfo::copyWithZone(
 
 std::shared_ptr<KQZipExtraField> KQZipExtraFieldZip64ExtendedInfo::_newInstance() const {
   if (typeid(*this) != typeid(KQZipExtraFieldZip64ExtendedInfo)) {
-    // A class of a host. Its copy is of this class at least, for the values.
+    // A class of a host. The copy is at least of this class, to hold the values.
     auto own = KQZipExtraField::_newInstance();
     if (dynamic_cast<KQZipExtraFieldZip64ExtendedInfo*>(own.get()) != nullptr) return own;
   }

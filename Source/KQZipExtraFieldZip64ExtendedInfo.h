@@ -5,8 +5,8 @@
 
 #include "KQZipExtraField.h"
 
-/// The Zip64 extended information field, id 1: the sizes and the local header's offset in 64 bits. Every
-/// entry that the library writes carries one. The three values are the authority; fieldData() and fieldSize()
+/// The Zip64 extended information field, id 1: the two sizes and the local header's offset in 64 bits. Every
+/// entry that the library writes has one. The three values are authoritative; fieldData() and fieldSize()
 /// describe the bytes of the last parse or write.
 class KQZIP_EXPORT KQZipExtraFieldZip64ExtendedInfo : public KQZipExtraField {
  public:
@@ -16,23 +16,23 @@ class KQZIP_EXPORT KQZipExtraFieldZip64ExtendedInfo : public KQZipExtraField {
   /// A field with id 1 and all three values 0.
   KQZipExtraFieldZip64ExtendedInfo();
 
-  /// True for the id 1 alone.
+  /// True for id 1 only.
   static bool isValidForIdentifier(std::uint16_t candidate);
 
-  /// KQZipExtraField::extraFieldWithStream() with this class for ids that no registered class claims.
+  /// KQZipExtraField::extraFieldWithStream(), with this class for ids that no registered class reads.
   static std::shared_ptr<KQZipExtraField> extraFieldWithStream(KQ::NSInputStream& stream,
                                                                KQ::NSErrorSlot error = nullptr);
 
-  /// A field parsed from `stream`, or nothing.
+  /// A field parsed from `stream`, or nothing on failure.
   static std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> initWithStream(KQ::NSInputStream& stream,
                                                                           KQ::NSErrorSlot error = nullptr);
 
-  /// Reads the field, then the values from the start of its data in the fixed order of their declaration,
-  /// whichever of the header's 32-bit fields are saturated; that the rule of the format is not applied is
-  /// meant. Values for which no data remains keep what they held, data behind the third is ignored.
+  /// Reads the field, then the values from its data: uncompressed size, compressed size, offset. By design
+  /// this order is fixed and does not depend on which of the header's 32-bit fields are saturated. A value
+  /// without data is unchanged. Data after the third value is ignored.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr) override;
 
-  /// Writes all three values, 28 bytes with the field's header, whatever was parsed before.
+  /// Writes all three values, 28 bytes with the field's header, whatever the last parse read.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr) override;
 
   /// Always 28.
@@ -45,7 +45,7 @@ class KQZIP_EXPORT KQZipExtraFieldZip64ExtendedInfo : public KQZipExtraField {
   std::uint64_t uncompressedSize() const { return uncompressedSize_; }
   void setUncompressedSize(std::uint64_t value) { uncompressedSize_ = value; }
 
-  /// Compressed size of the entry's data in bytes, the same as nothing is compressed.
+  /// Compressed size of the entry's data in bytes; the same, because nothing is compressed.
   std::uint64_t compressedSize() const { return compressedSize_; }
   void setCompressedSize(std::uint64_t value) { compressedSize_ = value; }
 

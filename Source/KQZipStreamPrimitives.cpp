@@ -15,7 +15,7 @@ bool readBlock(KQ::NSInputStream& stream, std::uint8_t* destination, std::uint64
                KQ::NSErrorSlot error) {
   const std::int64_t count = stream.read(destination, length);
   if (count >= 0) return count > 0;
-  // Only an error that stands in the slot already is replaced, by design: with the fresh slot of a scan a
+  // By design, only an error that is already in the slot is replaced: with the fresh slot of a scan, a
   // damaged archive and one that ends early look the same.
   if (error != nullptr && *error) *error = KQZipMakeError(KQZipErrorReading, "Error reading file");
   KQ::NSLog(KQ::stringWithFormat("stream reading failed: %@", {KQZipErrorInSlot(error)}));
@@ -26,7 +26,7 @@ template <class Integer>
 bool readInteger(KQ::NSInputStream& stream, Integer* destination, KQ::NSErrorSlot error) {
   std::array<std::uint8_t, sizeof(Integer)> bytes;
   if (!KQ::NSBufferedInputStream::take(stream, bytes.data(), bytes.size())) {
-    // Starts from the value as it is, so that bytes which are not delivered stay.
+    // Starts from the current value, so that bytes that are not read keep theirs.
     KQZipStore(*destination, bytes.data());
     if (!readBlock(stream, bytes.data(), bytes.size(), error)) return false;
   }

@@ -21,13 +21,6 @@
 #include "Support/TemporaryDirectory.h"
 #include "Support/TestStreams.h"
 
-// The sanitizers end a program that asks for more memory than there can be, unless told to do what the
-// system does.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
-
 namespace {
 
 namespace fs = std::filesystem;

@@ -13,12 +13,6 @@
 
 #include "Support/TemporaryDirectory.h"
 
-// The sanitizers end the program when memory runs out, unless they are told to let the caller see it.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
-
 using KQ::NSData;
 
 namespace {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <dlfcn.h>
-#include <sys/sendfile.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,8 +11,8 @@
 #include <functional>
 #include <vector>
 
-// Stands between the library and the system's calls that transfer bytes. Include it in one source file of a
-// program, and in no other: it defines the functions that the library's calls then go to.
+// Stands between the library and the system's calls that transfer bytes. Program/SystemFunctions.cpp defines the
+// functions that the library's calls go to.
 
 namespace KQTest {
 
@@ -122,80 +120,4 @@ class SystemCalls {
   bool justInterrupted_ = false;
 };
 
-/// The system's own function of that name.
-template <class Function>
-Function* systemFunction(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace KQTest
-
-extern "C" ssize_t read(int file, void* buffer, size_t length) {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, void*, size_t)>("read");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr) return real(file, buffer, length);
-  const iovec piece{buffer, length};
-  return calls->perform(&piece, 1, -1, [file](const iovec* pieces, int) {
-    return real(file, pieces->iov_base, pieces->iov_len);
-  });
-}
-
-extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, void*, size_t, off_t)>("pread");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr) return real(file, buffer, length, offset);
-  const iovec piece{buffer, length};
-  return calls->perform(&piece, 1, offset, [=](const iovec* pieces, int) {
-    return real(file, pieces->iov_base, pieces->iov_len, offset);
-  });
-}
-
-extern "C" ssize_t write(int file, const void* buffer, size_t length) {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, const void*, size_t)>("write");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr) return real(file, buffer, length);
-  const iovec piece{const_cast<void*>(buffer), length};
-  return calls->perform(
-      &piece, 1, -1,
-      [file](const iovec* pieces, int) { return real(file, pieces->iov_base, pieces->iov_len); }, true);
-}
-
-extern "C" ssize_t writev(int file, const iovec* pieces, int count) {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, const iovec*, int)>("writev");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr) return real(file, pieces, count);
-  return calls->perform(
-      pieces, count, -1,
-      [file](const iovec* allowed, int allowedCount) { return real(file, allowed, allowedCount); }, true);
-}
-
-extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t offset) {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, const void*, size_t, off_t)>("pwrite");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr) return real(file, buffer, length, offset);
-  const iovec piece{const_cast<void*>(buffer), length};
-  return calls->perform(
-      &piece, 1, offset,
-      [=](const iovec* pieces, int) { return real(file, pieces->iov_base, pieces->iov_len, offset); }, true);
-}
-
-extern "C" ssize_t sendfile(int target, int source, off_t* offset, size_t length) noexcept {
-  static auto* const real = KQTest::systemFunction<ssize_t(int, int, off_t*, size_t)>("sendfile");
-  KQTest::SystemCalls* const calls = KQTest::SystemCalls::active();
-  if (calls == nullptr || offset == nullptr) return real(target, source, offset, length);
-  if (calls->cannotMove) {
-    errno = EINVAL;
-    return -1;
-  }
-  // It moves no bytes of this process.
-  const iovec piece{nullptr, length};
-  return calls->perform(
-      &piece, 1, *offset,
-      [=](const iovec* pieces, int) { return real(target, source, offset, pieces->iov_len); }, true);
-}
-
-extern "C" off_t lseek(int file, off_t offset, int whence) noexcept {
-  static auto* const real = KQTest::systemFunction<off_t(int, off_t, int)>("lseek");
-  if (KQTest::SystemCalls* const calls = KQTest::SystemCalls::active()) ++calls->seeks;
-  return real(file, offset, whence);
-}

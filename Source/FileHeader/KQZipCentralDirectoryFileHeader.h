@@ -7,12 +7,12 @@
 #include "KQZipFileEntry.h"
 #include "KQZipFileLocalHeader.h"
 
-/// The central directory's record of an entry: 46 bytes, the name, the extra fields and a comment. One that
-/// is written was copied from the local header that stands in the archive already, and stays linked to it for
-/// its offset.
+/// The central directory's record of an entry: 46 bytes, the name, the extra fields and a comment. For a
+/// write, it is copied from the entry's local header, which is written first, and linked to it for its
+/// offset.
 ///
-/// Used by one thread at a time, but for fileComment(); localHeader() may be read while the local header is
-/// being released elsewhere.
+/// Used by one thread at a time, except fileComment(). localHeader() may be called while another thread
+/// releases the local header.
 class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
  public:
   /// The record's signature, 50 4B 01 02 on disk.
@@ -22,39 +22,40 @@ class KQZIP_EXPORT KQZipCentralDirectoryFileHeader : public KQZipFileEntry {
   KQZipCentralDirectoryFileHeader();
 
   /// A header for the file at `path`, which is also its name until another is set. It has no extra field
-  /// until a write adds its Zip64 field. The file is not looked at.
+  /// until a write adds its Zip64 field. Does not access the file. KQZipFileEntry says which files are no
+  /// good sources.
   static std::shared_ptr<KQZipCentralDirectoryFileHeader> initWithSourceFile(const std::string& path);
 
-  /// A header parsed from `stream`. On failure nothing; the slot holds the parse's error and the line "Failed
-  /// to parse %@ from stream: %@" is logged.
+  /// A header parsed from `stream`. Nothing when the parse fails, with its error in the slot; logs "Failed to
+  /// parse %@ from stream: %@".
   static std::shared_ptr<KQZipCentralDirectoryFileHeader> initWithStream(KQ::NSInputStream& stream,
                                                                          KQ::NSErrorSlot error = nullptr);
 
-  /// Parses a header as initWithStream() does, with all its failures, and lets it go.
+  /// Parses a header as initWithStream() does, with the same failures, and discards it.
   static bool skipWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// The base's copy; then offsetOfLocalHeader() becomes 0xFFFFFFFF when the other header's offset fits 32
-  /// bits and its low 32 bits when it does not. The reversed choice is meant: the value only lives until a
-  /// write, which sets the right one.
+  /// Copies as the base class does, and sets offsetOfLocalHeader() to 0xFFFFFFFF when the other header's
+  /// offset fits 32 bits, and to its low 32 bits when it does not. The reversed choice is by design: the
+  /// value is valid until a write, which sets the right one.
   void copyPropertiesFromHeader(const KQZipFileEntry& header) override;
 
-  /// Prepares the entry, takes the offset of the linked local header, 0 without one, and writes the record.
-  /// The offset goes into the last field with id 1, and into offsetOfLocalHeader() unless it is 0xFFFFFFFF or
-  /// more. Fails with the preparation's or a write primitive's error.
+  /// Prepares the entry, takes the offset of the linked local header (0 without one) and writes the record.
+  /// Sets the offset in the last field with id 1, and in offsetOfLocalHeader() unless it is 0xFFFFFFFF or
+  /// more. Fails with the error of the preparation or of a write primitive.
   bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr) override;
 
-  /// Reads a header whose signature the caller has consumed. offset() is then 4 bytes past the record's
-  /// start. A name or comment that is not valid UTF-8 becomes absent. Fails with -101 "File uses unsupported
-  /// compression method.", 8 bytes past the signature, for an entry that is compressed, or with the read
-  /// primitives' error. A stream without an offset counts as standing at 0.
+  /// Reads a header after its signature, which the caller has consumed. A name or comment that is not valid
+  /// UTF-8 becomes absent. Fails with -101 "File uses unsupported compression method." for a compressed
+  /// entry, of which it reads nothing after the method; or with the read primitives' error. A stream without
+  /// an offset counts as one at 0.
   bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr) override;
 
-  /// Bytes that a write would produce: 46, the name, the comment and the extra fields.
+  /// The size of the record in bytes: 46, the name, the comment and the extra fields.
   std::uint64_t outputSize() const override;
 
-  /// The local header of the same entry, or nothing once it is gone. A weak link.
+  /// The local header of the same entry, or nothing once it is destroyed. A weak link.
   std::shared_ptr<KQZipFileLocalHeader> localHeader() const { return localHeader_.lock(); }
-  /// Links the header weakly.
+  /// Sets the weak link.
   void setLocalHeader(const std::shared_ptr<KQZipFileLocalHeader>& header) { localHeader_ = header; }
 
   /// Version made by; 0x031E is Unix, 3.0.

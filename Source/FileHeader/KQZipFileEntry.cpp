@@ -13,8 +13,8 @@
 #include "../Platform/NSLog.h"
 #include "../Platform/NSString.h"
 
-// The field as a Zip64 field, or null when its id or its class is another. The library's own class is nearly
-// always the one, and comparing it costs less than a cast that would also find what is derived from it.
+// The field as a Zip64 field, or null when it has another id or class. Nearly every field is of the library's
+// own class. Comparing with that first is cheaper than the cast, which also finds derived classes.
 static const KQZipExtraFieldZip64ExtendedInfo* asZip64(const KQZipExtraField& field) {
   using Zip64 = KQZipExtraFieldZip64ExtendedInfo;
   if (field.fieldSignature() != Zip64::identifier) return nullptr;
@@ -62,7 +62,7 @@ void KQZipFileEntry::copyPropertiesFromHeader(const KQZipFileEntry& header) {
   for (const auto& field : header.extraFields_) copies.push_back(field->copyWithZone());
   extraFields_.swap(copies);
 
-  // By way of the date, so that the copy has no fields that are impossible in the time zone of now.
+  // Copied as a date, so that the copy's fields are a time that exists in the current time zone.
   setModificationDate(header.modificationDate());
 }
 
@@ -129,7 +129,7 @@ void KQZipFileEntry::setModificationDate(KQ::NSDate date) {
   const KQ::NSDateComponents components = KQ::NSCalendar::componentsFromDate(date);
   modTime_ =
       static_cast<std::uint16_t>(components.second >> 1 | components.minute << 5 | components.hour << 11);
-  // The bits of a year outside 1980 to 2107 that do not fit are dropped, nothing is clamped.
+  // A year outside 1980 to 2107 loses the bits that do not fit; nothing is clamped.
   modDate_ =
       static_cast<std::uint16_t>(components.day | components.month << 5 | ((components.year << 9) - 0x7800));
 }
@@ -150,8 +150,8 @@ bool KQZipFileEntry::calculateCRCOfSourceFile() {
     if (progress_ && progress_->isCancelled()) return false;
     crc = ::crc32(crc, buffer.get(), static_cast<uInt>(count));
     count = stream->read(buffer.get(), KQZipBlockSize);
-    // The first block is never counted and the last result always is, -1 after an error too. It is meant: the
-    // counts of a write are part of what callers see.
+    // By design, the first block is never counted, and the last result always is, even the -1 of an error:
+    // callers see the counts of a write.
     if (progress_) progress_->setCompletedUnitCount(progress_->completedUnitCount() + count);
   }
   stream->close();
@@ -210,7 +210,7 @@ bool KQZipFileEntry::_parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot err
 bool KQZipFileEntry::_prepareForWritingError(KQ::NSErrorSlot error) {
   const auto path = _sourceOfWork();
   if (!path) {
-    // Filled with no path, which is meant: there is none to name.
+    // Formatted with no path, by design: there is none.
     return KQZipFail(error, KQZipErrorReading,
                      KQ::stringWithFormat("Source file doesn't exist: %@", {textOf(path)}));
   }
@@ -255,7 +255,7 @@ bool KQZipFileEntry::_parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot e
 
 bool KQZipFileEntry::_parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   const auto position = [&stream] { return stream.NSStreamFileCurrentOffsetKey().value_or(0); };
-  // A field that runs past the end of the area is taken whole; what follows is read from where it ends.
+  // A field that extends past the end of the area is read whole; reading continues after it.
   for (const std::uint64_t start = position(); position() - start < extraFieldLength_;) {
     auto field = KQZipExtraField::extraFieldWithStream(stream, error);
     if (!field) return false;

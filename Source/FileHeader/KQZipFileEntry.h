@@ -17,79 +17,90 @@
 #include "../Platform/NSStream.h"
 
 /// What the local and the central header of an entry share: the common fields, the extra fields, the source
-/// file that an entry is built from, and the preparation that turns a source file into header values.
+/// file of an entry, and the preparation that computes the header's values from it.
 ///
-/// The class itself moves no bytes. An entry is used by one thread at a time; fileName() and sourceFilePath()
-/// are atomic, and its progress may be cancelled from anywhere.
+/// The class itself reads and writes no bytes of an archive. An entry is used by one thread at a time, except
+/// fileName() and sourceFilePath(), which are atomic, and its progress, which any thread may cancel.
+///
+/// A source must be a regular file, and must not change until it is written. Its size comes from the
+/// attributes of the path, its CRC and its data from reading the file. The two do not match for
+/// - a symbolic link, whose size is the link's own, while its target is read;
+/// - a folder, which has a size but cannot be read;
+/// - a file whose size is 0 but that has contents, as in /proc;
+/// - a file that changes while it is written.
+///
+/// The write succeeds all the same, but the entry's header is wrong. A reader then gets wrong data for the
+/// entry, and may not find the entries after it.
 class KQZIP_EXPORT KQZipFileEntry {
  public:
-  /// An entry with version 4.5, saturated 32-bit sizes, no name, no source and nothing calculated yet. The
-  /// saturated sizes stay: real sizes are only ever written in the Zip64 field.
+  /// An entry with version 4.5, saturated 32-bit sizes, no name and no source, with nothing calculated yet.
+  /// The sizes stay saturated: the library writes real sizes only in the Zip64 field.
   KQZipFileEntry() = default;
   virtual ~KQZipFileEntry();
   KQZipFileEntry(const KQZipFileEntry&) = delete;             ///< See copyPropertiesFromHeader().
   KQZipFileEntry& operator=(const KQZipFileEntry&) = delete;  ///< See copyPropertiesFromHeader().
 
-  /// An entry for the file at `path`, which is also its name until another is set. The file is not looked at.
-  /// Both headers have operations of their own for this and for the next; as inherited by another subclass
-  /// they make an entry of this class.
+  /// An entry for the file at `path`, which is also its name until another is set. Does not access the file.
+  /// Both headers have their own versions of this operation and the next. Another subclass inherits these,
+  /// which make an entry of this class.
   static std::shared_ptr<KQZipFileEntry> initWithSourceFile(const std::string& path);
 
-  /// An entry parsed from `stream`. On failure nothing; the slot holds the parse's error and the line "Failed
-  /// to parse %@ from stream: %@" is logged.
+  /// An entry parsed from `stream`. Nothing when the parse fails, with its error in the slot; logs "Failed to
+  /// parse %@ from stream: %@".
   static std::shared_ptr<KQZipFileEntry> initWithStream(KQ::NSInputStream& stream,
                                                         KQ::NSErrorSlot error = nullptr);
 
-  /// Copies the common fields, the name, the source path, copies of the extra fields and the date. The CRC
-  /// counts as calculated afterwards; the offset, the size and the permissions of the source file, the
-  /// position of the data, the progress and the two attribute flags are not copied.
+  /// Copies the common fields, the name, the source path and the date, and replaces the extra fields by
+  /// copies of the other's. The CRC then counts as calculated. Does not copy the offset, the size and the
+  /// permissions of the source file, the position of the data, the progress and the two attribute flags.
   virtual void copyPropertiesFromHeader(const KQZipFileEntry& header);
 
-  /// Records where the record starts, the stream's current offset or 0 if it has none, and prepares the
-  /// entry for writing. Writes nothing itself. Fails with -50 "Source file doesn't exist: %@" (which names
-  /// nothing) when the entry has no source path, with -50 "Can't calculate CRC of %@" when its CRC cannot be
-  /// computed or that was cancelled.
+  /// Sets offset() to the stream's current offset, or 0 if it has none, and prepares the entry for writing.
+  /// Writes nothing itself. Fails with -50 "Source file doesn't exist: %@" (formatted with no path) when the
+  /// entry has no source path; with -50 "Can't calculate CRC of %@" when computing the CRC fails or is
+  /// cancelled.
   virtual bool writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// Reads nothing and succeeds; a record overrides it.
+  /// Reads nothing and succeeds. The records override it.
   virtual bool parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error = nullptr);
 
-  /// The extra fields in the order in which they stand on disk. A reference to the entry's own list, which
-  /// stays the same as long as the entry lives.
+  /// The extra fields, in their order on disk. The reference is to the entry's own list and is valid as long
+  /// as the entry.
   const std::vector<std::shared_ptr<KQZipExtraField>>& extraFields() const { return extraFields_; }
   /// Appends a field; null is ignored.
   void addExtraField(std::shared_ptr<KQZipExtraField> field);
   /// Replaces the contents of the list; nulls are ignored.
   void setExtraFields(std::vector<std::shared_ptr<KQZipExtraField>> fields);
 
-  /// The first extra field whose id is 1 and that is of the Zip64 class, or nothing.
+  /// The first extra field that has id 1 and is of the Zip64 class, or nothing.
   std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> findZip64InfoField() const;
 
   /// The entry's path inside the archive, which is its name.
   std::optional<std::string> relativePath() const { return fileName(); }
-  /// Sets the name as it stands, a trailing "/" included, and fileNameLength() to its length.
+  /// Sets the name to `path` unchanged, a trailing "/" included, and fileNameLength() to its length.
   void setRelativePath(const std::optional<std::string>& path);
 
-  /// Bytes of data behind the local header: the Zip64 field's compressed size if there is such a field, else
-  /// the 32-bit one.
+  /// Bytes of data after the local header: the Zip64 field's compressed size if there is such a field, or
+  /// else the 32-bit compressed size.
   std::uint64_t dataLengthFromHeader() const;
 
-  /// Position in the archive of the first byte of data, once a local header was parsed.
+  /// Offset in the archive of the first byte of data, once a local header is parsed.
   std::uint64_t offsetOfDataInArchive() const { return fileDataOffset_; }
 
-  /// True when the entry has no data. An empty file counts as a directory too; that is meant.
+  /// True when the entry has no data. By design, an empty file counts as a directory too.
   bool isDirectory() const { return dataLengthFromHeader() == 0; }
 
-  /// Bytes that the entry takes as a local record with the data of its source file.
+  /// The size of the entry as a local record with the data of its source file, in bytes.
   virtual std::uint64_t outputSize() const;
 
-  /// Class, identity, name and source in one line.
+  /// Class, address, name and source in one line.
   std::string description() const;
 
   /// The modification time and date fields as a date in local time, to the even second.
   KQ::NSDate modificationDate() const;
-  /// Sets the fields from a date in local time. An odd second loses its low bit and a year outside 1980 to
-  /// 2107 wraps modulo 128. The source file's date still replaces it when the entry is written.
+  /// Sets the fields from a date in local time. An odd second becomes the even one before it; a year outside
+  /// 1980 to 2107 wraps modulo 128. A write may still replace the date by that of the source file; see
+  /// needsToSetModificationDate().
   void setModificationDate(KQ::NSDate date);
 
   /// Whether the CRC is still to be computed from the source file.
@@ -103,14 +114,14 @@ class KQZIP_EXPORT KQZipFileEntry {
     return needsToSetModificationDate_ || needsToSetFileSize_;
   }
 
-  /// Reads the source file in blocks of 1 MiB and sets the CRC. False when it cannot be opened, which is
-  /// logged as "failed to calculate crc: failed to open stream at %@", or when progress() is cancelled; the
-  /// CRC is then as before. A read that fails ends the computation like the end of the file.
+  /// Reads the source file in blocks of 1 MiB and sets the CRC. Returns false, with the CRC unchanged, when
+  /// the file cannot be opened, which is logged as "failed to calculate crc: failed to open stream at %@",
+  /// and when progress() is cancelled. A read that fails counts as the end of the file.
   virtual bool calculateCRCOfSourceFile();
 
-  /// Takes date, size and, of a regular file, permissions from the source file. When its attributes cannot be
-  /// read, nothing changes and "failed to get attributes for %@" is logged. They are those of the path
-  /// itself, so a source should not be a symbolic link: the size would be the link's own.
+  /// Takes the date, the size and, of a regular file, the permissions from the source file. When its
+  /// attributes cannot be read, changes nothing and logs "failed to get attributes for %@". The attributes
+  /// are those of the path itself; see the class's description for the sources that this gives a wrong size.
   virtual void updateAttributesFromSourceFile();
   /// Takes the size from the source file, as updateAttributesFromSourceFile() does.
   virtual void updateFileSize();
@@ -139,7 +150,7 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   /// CRC-32 of the data.
   std::uint32_t crc32() const { return crc32_; }
-  /// Stores the CRC, which then counts as calculated.
+  /// Sets the CRC, which then counts as calculated.
   void setCrc32(std::uint32_t value);
 
   /// 32-bit compressed size; 0xFFFFFFFF when the Zip64 field holds it.
@@ -162,37 +173,37 @@ class KQZIP_EXPORT KQZipFileEntry {
   std::optional<std::string> fileName() const;
   void setFileName(std::optional<std::string> value);
 
-  /// The path of the file that the entry's data comes from, for writing. Atomic. A write uses the path that
-  /// stands when it begins, whatever is set meanwhile.
+  /// The path of the file with the entry's data, for writing. Atomic. A write uses one path from its start to
+  /// its end, even if another is set in between.
   std::optional<std::string> sourceFilePath() const;
   void setSourceFilePath(std::optional<std::string> value);
 
-  /// Size of the source file in bytes, once taken from it.
+  /// The size of the source file in bytes, once it is taken from the file.
   std::uint64_t sourceFileSize() const { return sourceFileSize_; }
   void setSourceFileSize(std::uint64_t value) { sourceFileSize_ = value; }
 
-  /// The permissions of the source file, the lowest twelve bits of its mode, when its size and date were last
-  /// taken together; nothing before, and for a source that was no regular file. No record has them.
+  /// The lowest twelve bits of the source file's mode, taken by the last updateAttributesFromSourceFile().
+  /// Nothing before, and for a source that is not a regular file. No record stores them.
   std::optional<std::uint16_t> sourceFilePermissions() const { return sourceFilePermissions_; }
 
-  /// Where the record stands: its first byte when it was written, 4 bytes further when it was parsed.
+  /// Offset of the signature after a write; of the byte following it after a parse.
   std::uint64_t offset() const { return offset_; }
   void setOffset(std::uint64_t value) { offset_ = value; }
 
-  /// The progress of the current or last write, empty before the first; the CRC computation counts into it.
+  /// The progress of the current or last write; empty before the first. The CRC computation counts into it.
+  /// Every write of a local header sets it.
   std::shared_ptr<KQ::NSProgress> progress() const { return progress_; }
-  /// Stored as it is; a local header replaces it when it is written.
   void setProgress(std::shared_ptr<KQ::NSProgress> value) { progress_ = std::move(value); }
 
  protected:
-  /// The name that log lines and description() show for the object's class.
+  /// The name of the object's class in log lines and in description().
   virtual const char* _className() const;
 
-  /// Parses, and logs a failure the way initWithStream() does.
+  /// Parses, and logs a failure as initWithStream() does.
   bool _parseLogged(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
 
-  /// Computes what the entry lacks and fills its Zip64 field, which it creates if there is none. May be
-  /// called again: a CRC that stands is kept, the rest is refreshed.
+  /// Computes the missing values and sets those of the Zip64 field, which it creates if there is none. A
+  /// repeated call keeps a calculated CRC and refreshes the rest.
   bool _prepareForWritingError(KQ::NSErrorSlot error);
 
   /// Sets the size from `attributes`.
@@ -200,7 +211,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// Sets the date from `attributes`.
   void _updateModificationDateFromAttributes(const KQ::NSFileAttributes& attributes);
 
-  /// A field of the header, the position of the data or the progress, for a subclass's layout.
+  /// A field of the header, the offset of the data or the progress, for a subclass's layout.
   /// @{
   std::uint16_t versionNeeded_ = 45;
   std::uint16_t flags_ = 0;
@@ -218,7 +229,7 @@ class KQZIP_EXPORT KQZipFileEntry {
   /// @}
 
  private:
-  // The two records, which lay an entry out, and what shares names with entries.
+  // The two records, and the classes that share names with entries.
   friend class KQZipCentralDirectoryFileHeader;
   friend class KQZipFileLocalHeader;
   friend class KQZipFileReader;
@@ -226,18 +237,18 @@ class KQZIP_EXPORT KQZipFileEntry {
 
   using Text = std::shared_ptr<const std::string>;
 
-  // What initWithSourceFile() does to a fresh object.
+  // Sets the source path and the name.
   KQZIP_HIDDEN void _setSourceFile(const std::string& path);
-  // Reads fileNameLength() bytes and makes them the name, absent when they are not valid UTF-8.
+  // Reads fileNameLength() bytes as the name, which is absent when they are not valid UTF-8.
   KQZIP_HIDDEN bool _parseFileName(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  // Reads extra fields until the stream stands extraFieldLength() bytes from here or further.
+  // Reads extra fields until the stream has moved by at least extraFieldLength() bytes.
   KQZIP_HIDDEN bool _parseExtraFields(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  // Writes the name's bytes, then every extra field.
+  // Writes the name and the extra fields.
   KQZIP_HIDDEN bool _writeNameAndExtraFields(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) const;
-  // Sum of the sizes of the name and all extra fields.
+  // Bytes of the name and all extra fields.
   KQZIP_HIDDEN std::uint64_t _sizeOfNameAndExtraFields() const;
 
-  // The path of the write that goes on, else sourceFilePath(); null when there is none.
+  // The path of the current write, or else sourceFilePath(); null when there is none.
   Text _sourceOfWork() const { return sourceOfWrite_ != nullptr ? *sourceOfWrite_ : sourceFilePath_.get(); }
   KQZIP_HIDDEN std::optional<KQ::NSFileAttributes> _attributesOfSourceFile() const;
 
@@ -249,6 +260,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   KQ::NSAtomicProperty<Text> fileName_;
   KQ::NSAtomicProperty<Text> sourceFilePath_;
   std::vector<std::shared_ptr<KQZipExtraField>> extraFields_;
-  // The path of the write that goes on; null while there is none.
+  // The path of the current write; null between writes.
   const Text* sourceOfWrite_ = nullptr;
 };

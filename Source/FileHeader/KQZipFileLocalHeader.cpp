@@ -42,8 +42,8 @@ bool KQZipFileLocalHeader::writeToStream(KQ::NSOutputStream& stream, KQ::NSError
   progress_->setPausable(false);
   progress_->becomeCurrentWithPendingUnitCount(1);
 
-  // It is meant that the progress stays current when the preparation, the header or the opening of the source
-  // fails, and after a cancellation: a caller that resigns its own gets its thread back.
+  // By design, the progress stays current when the preparation, the header or opening the source fails, and
+  // after a cancellation: a caller that resigns its own progress restores the thread.
   if (!KQZipFileEntry::writeToStream(stream, error) || !_writeHeader(stream, error)) return false;
   const auto source = KQ::NSInputStream::inputStreamWithFileAtPath(*path);
   if (!source) {
@@ -76,8 +76,8 @@ bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutp
                                            KQ::NSErrorSlot error) const {
   const KQZipTransferBlock buffer;
   std::int64_t count = source.read(buffer.get(), KQZipBlockSize);
-  // A write that takes nothing ends the copy as a success and one that takes a part is not completed. It is
-  // meant: a stream that has failed says so at the next header's first write.
+  // By design, a write that accepts nothing ends the copy as a success, and a partial one is not completed: a
+  // failed stream reports it at the first write of the next header.
   for (std::int64_t written = 1; written > 0 && count > 0;) {
     if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
     written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), KQZipBlockSize));
@@ -111,8 +111,8 @@ bool KQZipFileLocalHeader::parseFromStream(KQ::NSInputStream& stream, KQ::NSErro
 bool KQZipFileLocalHeader::_skipData(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
   fileDataOffset_ = stream.NSStreamFileCurrentOffsetKey().value_or(0);
   const std::uint64_t length = dataLengthFromHeader();
-  // An end that does not fit 64 bits is refused, for the stream to say so with its largest offset. It must
-  // never wrap to an earlier place in the archive, or a header could send the scan in circles.
+  // An end that does not fit 64 bits is passed on as the largest offset, which the stream refuses. It must
+  // never wrap to an earlier offset, or a header could make the scan run in circles.
   const bool fits = length <= UINT64_MAX - fileDataOffset_;
   const bool moved = stream.setNSStreamFileCurrentOffsetKey(fits ? fileDataOffset_ + length : UINT64_MAX);
   if (fits && moved) return true;
@@ -139,10 +139,10 @@ std::shared_ptr<const KQ::NSData> KQZipFileLocalHeader::unarchivedDataWithStream
     KQ::NSInputStream& stream) const {
   stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_);
   const std::uint64_t size = dataLengthFromHeader();
-  // Zeroed, which the system does as pages are touched: a length that lies costs no memory.
+  // Zeroed by the system when a page is first accessed: a false length costs no memory.
   KQ::NSData::Block bytes(static_cast<std::uint8_t*>(std::calloc(1, size)));
   if (!bytes || stream.read(bytes.get(), size) == 0) return nullptr;
-  // One read delivers an entry whole. Where the archive ends early, or reading failed, the rest is zeros.
+  // One read delivers a whole entry. Where the archive ends early, or the read fails, the rest is zeros.
   return KQ::NSData::dataWithBytesNoCopy(std::move(bytes), size);
 }
 
@@ -164,7 +164,7 @@ bool KQZipFileLocalHeader::exportFileToPath(const std::string& path, KQ::NSInput
   progress->setKind(KQ::NSProgressKindFile);
   progress->becomeCurrentWithPendingUnitCount(KQ::NSUnitCount(length));
 
-  // After a failed seek the copy runs all the same, which is meant, but never counts as a success.
+  // By design, the copy runs after a failed seek too, but never counts as a success.
   bool exported = _exportData(path, stream, *output, *progress, error) && positioned;
   if (exported) {
     const auto type = length != 0 ? KQ::NSFileTypeRegular : KQ::NSFileTypeDirectory;
@@ -194,8 +194,8 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
     if (output.write(buffer.get(), static_cast<std::uint64_t>(count)) < 1) return writingFailed();
     if (count == KQZipBlockSize) remaining -= KQZipMoveBlocks(stream, output, remaining, progress);
   }
-  // A small file is still in the stream's buffer: only now it shows whether it could be written. Without data
-  // nothing was written, and setting the attributes tells whether the file is there.
+  // A small file is still in the stream's buffer, so that only closing shows whether it can be written. For
+  // an entry without data nothing is written, and setting the attributes shows whether the file exists.
   output.close();
   return dataLengthFromHeader() == 0 || output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
 }

@@ -38,6 +38,7 @@
 #include "Platform/NSError.h"
 #include "Platform/NSFileHandle.h"
 #include "Platform/NSFileManager.h"
+#include "Platform/NSFormat.h"
 #include "Platform/NSLog.h"
 #include "Platform/NSProgress.h"
 #include "Platform/NSStream.h"

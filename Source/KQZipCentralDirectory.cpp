@@ -2,7 +2,11 @@
 
 #include <array>
 
+#include "FileHeader/KQZipCentralDirectoryFileHeader.h"
+#include "FileHeader/KQZipFileLocalHeader.h"
 #include "Internal/KQZipHeaderCodec.h"
+
+KQZipCentralDirectory::KQZipCentralDirectory() = default;
 
 KQZipCentralDirectory::~KQZipCentralDirectory() = default;
 

@@ -4,12 +4,16 @@
 #include <memory>
 #include <vector>
 
-#include "FileHeader/KQZipCentralDirectoryFileHeader.h"
-#include "FileHeader/KQZipFileLocalHeader.h"
 #include "KQZip64EndOfCentralDirectoryLocator.h"
 #include "KQZip64EndOfCentralDirectoryRecord.h"
 #include "KQZipEndOfCentralDirectoryRecord.h"
 #include "KQZipExtraField.h"
+#include "Platform/KQExport.h"
+#include "Platform/NSError.h"
+#include "Platform/NSStream.h"
+
+class KQZipCentralDirectoryFileHeader;
+class KQZipFileLocalHeader;
 
 /// The last part of an archive: the central headers, an optional digital signature and the three end records.
 /// It is either built from written local headers and then written, or parsed. Used by one thread at a time.
@@ -19,7 +23,7 @@ class KQZIP_EXPORT KQZipCentralDirectory {
   static constexpr std::uint32_t digitalSignatureSignature = 0x05054b50;
 
   /// An empty directory without end records.
-  KQZipCentralDirectory() = default;
+  KQZipCentralDirectory();
   virtual ~KQZipCentralDirectory();
   KQZipCentralDirectory(const KQZipCentralDirectory&) = delete;             ///< Owns its records.
   KQZipCentralDirectory& operator=(const KQZipCentralDirectory&) = delete;  ///< Owns its records.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipHeaderCodec.h"
 #include "Internal/KQZipTransfer.h"

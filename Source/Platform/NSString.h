@@ -2,17 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "KQExport.h"
+#include "NSFormat.h"
 
 namespace KQ {
-
-class NSError;
 
 // Strings are `std::string` in UTF-8; an absent one is an empty `std::optional`. All functions here are pure:
 // any thread may call them at any time.
@@ -59,32 +56,5 @@ KQZIP_EXPORT std::string stringByAppendingPathComponent(std::string_view path, s
 
 /// `bytes` made printable: control characters, and bytes that are not valid UTF-8, as `\xNN`.
 KQZIP_EXPORT std::string stringByEscapingUnprintables(std::string_view bytes);
-
-/// One argument of stringWithFormat(), as text. An absent object reads "(null)".
-class KQZIP_EXPORT NSFormatArgument {
- public:
-  // Implicit by design: a list of arguments then reads like the call of a formatting function.
-  NSFormatArgument(std::string text);                             ///< The string itself.
-  NSFormatArgument(const char* text);                             ///< The string itself.
-  NSFormatArgument(const std::optional<std::string>& text);       ///< A string or nothing.
-  NSFormatArgument(const std::shared_ptr<const NSError>& error);  ///< An error's description or nothing.
-  /// A number in decimal digits.
-  static NSFormatArgument decimal(std::uint64_t number);
-  /// A number in lower-case hexadecimal digits, without a prefix or leading zeros.
-  static NSFormatArgument hexadecimal(std::uint64_t number);
-  /// An object's address.
-  static NSFormatArgument identity(const void* object);
-
-  /// The text that replaces the placeholder.
-  const std::string& text() const { return text_; }
-
- private:
-  std::string text_;
-};
-
-/// `format` with its placeholders "%@", "%llu", "%x" and "%p" replaced by the arguments, left to right. Each
-/// placeholder needs one argument. Placeholders inside arguments are not replaced.
-KQZIP_EXPORT std::string stringWithFormat(std::string_view format,
-                                          std::initializer_list<NSFormatArgument> arguments);
 
 }  // namespace KQ

@@ -1,8 +1,6 @@
 #include "ArchivePath.h"
 
 #include <KQZip/KQZip.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -10,6 +8,7 @@
 
 #include "Advice.h"
 #include "Message.h"
+#include "System.h"
 
 namespace fs = std::filesystem;
 
@@ -29,7 +28,7 @@ void requireArchiveFile(const std::string& path) {
   if (fs::is_directory(status)) failWithSystemError(EISDIR, path, "kqzip create packs a folder");
   if (!fs::is_regular_file(status))
     throw Failure(withRemarks(inQuotes(path) + " is not a regular file", {"copy it to one"}));
-  if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
+  if (const int code = System::codeForReading(path); code != 0) failWithSystemError(code, path);
 }
 
 }  // namespace Tool

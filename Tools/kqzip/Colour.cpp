@@ -1,7 +1,5 @@
 #include "Colour.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <string_view>
 
@@ -17,13 +15,13 @@ std::string_view environmentVariable(const char* name) {
 
 }  // namespace
 
-bool isCapableTerminal(int descriptor) {
+bool isCapableTerminal(Stream stream) {
   const std::string_view kind = environmentVariable("TERM");
-  return !kind.empty() && kind != "dumb" && isatty(descriptor) != 0;
+  return !kind.empty() && kind != "dumb" && System::isTerminal(stream);
 }
 
-std::string coloured(const std::string& text, Colour colour, int descriptor) {
-  if (!environmentVariable("NO_COLOR").empty() || !isCapableTerminal(descriptor)) return text;
+std::string coloured(const std::string& text, Colour colour, Stream stream) {
+  if (!environmentVariable("NO_COLOR").empty() || !isCapableTerminal(stream)) return text;
   return (colour == Colour::Red ? "\x1B[31m" : "\x1B[32m") + text + "\x1B[0m";
 }
 

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "System.h"
+
 namespace Tool {
 
 /// What a colour says.
@@ -10,12 +12,12 @@ enum class Colour {
   Green  ///< Everything is right.
 };
 
-/// Whether the stream of this descriptor is a terminal that can do more than print line after line: `TERM`
+/// Whether the stream is a terminal that can do more than print line after line: `TERM`
 /// says so and is not "dumb".
-bool isCapableTerminal(int descriptor);
+bool isCapableTerminal(Stream stream);
 
-/// The text in this colour for the stream of this descriptor. As it stands where the stream is no capable
+/// The text in this colour for the stream. As it stands where the stream is no capable
 /// terminal, and where the environment has a NO_COLOR that is not empty.
-std::string coloured(const std::string& text, Colour colour, int descriptor);
+std::string coloured(const std::string& text, Colour colour, Stream stream);
 
 }  // namespace Tool

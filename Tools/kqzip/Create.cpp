@@ -1,9 +1,5 @@
 #include "Create.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -19,6 +15,7 @@
 #include "Interruption.h"
 #include "Message.h"
 #include "ProgressLine.h"
+#include "System.h"
 #include "Verify.h"
 
 namespace fs = std::filesystem;
@@ -64,7 +61,7 @@ Filling fillingWithDirectory(const CreateOptions& options) {
 void requireReadableFile(const std::string& path) {
   if (!fs::is_regular_file(statusOf(path)))
     throw Failure(withRemarks(inQuotes(path) + " is not a regular file", {"leave it out"}));
-  if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) failWithSystemError(errno, path);
+  if (const int code = System::codeForReading(path); code != 0) failWithSystemError(code, path);
 }
 
 void requireFaithfulText(const std::string& text, const std::string& path) {
@@ -126,23 +123,21 @@ bool isInTheWayAt(const std::string& path) {
 void requirePlaceForArchive(const std::string& archive) {
   requireArchiveName(archive);
   if (!KQ::isValidUTF8(archive)) failWithSystemError(EILSEQ, archive, "choose a name that is UTF-8");
-  struct stat status {};
-  if (::lstat(archive.c_str(), &status) != 0 && errno != ENOENT) {
-    if (errno != ENOTDIR) failWithSystemError(errno, archive);
-    failWithSystemError(errno, archive, "a file stands where its folder should be, choose another path");
+  if (const int code = System::codeForLookingAt(archive); code != 0 && code != ENOENT) {
+    if (code != ENOTDIR) failWithSystemError(code, archive);
+    failWithSystemError(code, archive, "a file stands where its folder should be, choose another path");
   }
   if (archive.back() == '/' && !existsAt(archive))
     failWithSystemError(EISDIR, archive, "leave out the slash at its end");
   const std::string parent = KQ::stringByDeletingLastPathComponent(archive);
   const std::string folder = parent.empty() ? "." : parent;
-  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 && errno != ENOENT)
-    failWithSystemError(errno, folder);
+  if (const int code = System::codeForAddingTo(folder); code != 0 && code != ENOENT)
+    failWithSystemError(code, folder);
 }
 
 // The library refuses a path that exists, and one without a folder to be in, with the same code.
 bool isRefusal(const std::shared_ptr<const KQ::NSError>& error) {
-  constexpr std::int64_t refusedPath = -1;
-  return error && error->code() == refusedPath;
+  return error && error->code() == KQZipErrorRefusedPath;
 }
 
 std::string adviceOnArchive(const std::string& archive, const std::shared_ptr<const KQ::NSError>& error,

@@ -1,35 +1,12 @@
 #include "Interruption.h"
 
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <utility>
 
 #include "Message.h"
 #include "ProgressLine.h"
+#include "System.h"
 
 namespace Tool {
-
-namespace {
-
-sigset_t interruptions() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
-}
-
-}  // namespace
-
-void blockInterruptions() {
-  // A signal that is ignored need not reach sigwait(); a shell starts background jobs so.
-  static_cast<void>(signal(SIGINT, SIG_DFL));
-  static_cast<void>(signal(SIGTERM, SIG_DFL));
-  const sigset_t signals = interruptions();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 InterruptionWatch::InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInterruption action)
     : thread_([this, work = std::move(work), action] { run(*work, action); }) {}
@@ -37,7 +14,7 @@ InterruptionWatch::InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInt
 InterruptionWatch::~InterruptionWatch() {
   isOver_ = true;
   // Only a signal wakes the thread.
-  pthread_kill(thread_.native_handle(), SIGINT);
+  System::wake(thread_);
   thread_.join();
 }
 
@@ -49,14 +26,12 @@ void InterruptionWatch::run(KQ::NSProgress& work, OnInterruption action) const {
   }
   ProgressLine::eraseForGood();
   printMessage("interrupted");
-  _exit(Interrupted);
+  System::endAtOnce(Interrupted);
 }
 
 // Waits for a signal. False when the watch is over, and there is nothing left to interrupt.
 bool InterruptionWatch::isInterrupted() const {
-  const sigset_t signals = interruptions();
-  int received = 0;
-  while (sigwait(&signals, &received) != 0) continue;
+  System::waitForInterruption();
   return !isOver_;
 }
 

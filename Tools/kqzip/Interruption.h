@@ -14,11 +14,8 @@ enum class OnInterruption {
   EndAtOnce  ///< Ends the process: for commands that only print, and may hang on a reader that does not read.
 };
 
-/// Keeps SIGINT and SIGTERM from ending the process, in this thread and all that it starts. To be called
-/// before the first thread is started.
-void blockInterruptions();
-
-/// A thread that waits for the signals while the object exists.
+/// A thread that waits for the signals while the object exists; System::blockInterruptions() comes before the
+/// first thread is started.
 class InterruptionWatch {
  public:
   InterruptionWatch(std::shared_ptr<KQ::NSProgress> work, OnInterruption action);

@@ -1,13 +1,12 @@
 #include "Message.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 
 #include "Advice.h"
 #include "Colour.h"
+#include "System.h"
 
 namespace Tool {
 
@@ -79,11 +78,11 @@ std::string readableSize(std::uint64_t bytes) {
 
 void printToStandardError(const std::string& text) {
   // Nobody is left to hear that it failed.
-  [[maybe_unused]] const ssize_t count = ::write(STDERR_FILENO, text.data(), text.size());
+  static_cast<void>(System::write(Stream::Errors, text));
 }
 
 void printMessage(const std::string& text) {
-  printToStandardError(coloured("kqzip:", Colour::Red, STDERR_FILENO) + " " +
+  printToStandardError(coloured("kqzip:", Colour::Red, Stream::Errors) + " " +
                        KQ::stringByEscapingUnprintables(text) + "\n");
 }
 

@@ -1,8 +1,5 @@
 #include "ProgressLine.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -11,6 +8,7 @@
 
 #include "Colour.h"
 #include "Message.h"
+#include "System.h"
 
 namespace Tool {
 
@@ -25,11 +23,7 @@ std::mutex lineMutex;
 ProgressLine* currentLine = nullptr;
 
 // One column is left free: a character in the last one makes some terminals go to the next line.
-std::size_t usableColumns() {
-  winsize size{};
-  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return known ? size.ws_col - 1U : 79U;
-}
+std::size_t usableColumns() { return System::columnsOf(Stream::Errors) - 1; }
 
 // "0:09", "12:34", "1:02:03".
 std::string timeText(std::chrono::seconds time) {
@@ -53,7 +47,7 @@ std::string barText(double fraction, std::size_t columns) {
 
 ProgressLine::ProgressLine(bool wanted, std::shared_ptr<KQ::NSProgress> work, Measure measure)
     : work_(std::move(work)), measure_(std::move(measure)) {
-  if (!wanted || !isCapableTerminal(STDERR_FILENO)) return;
+  if (!wanted || !isCapableTerminal(Stream::Errors)) return;
   const std::lock_guard<std::mutex> guard(lineMutex);
   currentLine = this;
   thread_ = std::thread([this] { run(); });

@@ -1,37 +1,30 @@
 #include "StandardOutput.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstddef>
 #include <utility>
 
 #include "Message.h"
+#include "System.h"
 
 namespace Tool {
 
 namespace {
 
-// A terminal or a pipe may have been switched to non-blocking by a program that shares it.
-void waitUntilWritable() {
-  pollfd output{STDOUT_FILENO, POLLOUT, 0};
-  ::poll(&output, 1, -1);
-}
-
 void writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
+    const std::ptrdiff_t count = System::write(Stream::Output, bytes);
+    const auto code = static_cast<int>(-count);
     if (count >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN) {
-      waitUntilWritable();
-    } else if (errno == EPIPE) {
+    } else if (code == EAGAIN) {
+      System::waitUntilWritable(Stream::Output);
+    } else if (code == EPIPE) {
       throw OutputClosed();
-    } else if (errno == EBADF) {
-      failWithSystemError(errno, "standard output", "it is closed, send it to a file or to /dev/null");
-    } else if (errno != EINTR) {
-      failWithSystemError(errno, "standard output");
+    } else if (code == EBADF) {
+      failWithSystemError(code, "standard output", "it is closed, send it to a file or to /dev/null");
+    } else {
+      failWithSystemError(code, "standard output");
     }
   }
 }

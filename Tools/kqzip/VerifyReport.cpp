@@ -1,7 +1,5 @@
 #include "VerifyReport.h"
 
-#include <unistd.h>
-
 #include <utility>
 
 #include "Colour.h"
@@ -31,13 +29,13 @@ VerifyLines::VerifyLines(ProgressLine& line, std::string summary)
 
 void VerifyLines::tell(const Problem& problem) {
   const std::string entry = problem.entry ? escapedName(*problem.entry) + ": " : "";
-  print([&] { output().write(entry + coloured(problem.text, Colour::Red, STDOUT_FILENO) + "\n"); });
+  print([&] { output().write(entry + coloured(problem.text, Colour::Red, Stream::Output) + "\n"); });
 }
 
 void VerifyLines::end() {
   if (problems() != 0 || summary_.empty()) return;
   print([this] {
-    output().write(summary_ + ": " + coloured("all right", Colour::Green, STDOUT_FILENO) + "\n");
+    output().write(summary_ + ": " + coloured("all right", Colour::Green, Stream::Output) + "\n");
   });
 }
 

@@ -1,13 +1,9 @@
 // kqzip, the command-line tool: what it can be told, and what its exit status says.
 
 #include <KQZip/KQZip.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iomanip>
@@ -26,6 +22,7 @@
 #include "List.h"
 #include "Message.h"
 #include "StandardOutput.h"
+#include "System.h"
 #include "Verify.h"
 
 namespace Tool {
@@ -293,28 +290,11 @@ ExitStatus run(int count, const char* const* arguments) {
   return Failed;
 }
 
-// A standard stream that is closed would hand its number, and so everything printed, to the first file that
-// is opened. Opened for reading only, so that printing to it still fails.
-void holdStandardStreams() {
-  int descriptor = 0;
-  while ((descriptor = open("/dev/null", O_RDONLY)) >= 0 && descriptor <= STDERR_FILENO) continue;
-  if (descriptor > STDERR_FILENO) close(descriptor);
-}
-
-// Without a time zone in the environment the system looks at the zone's file again whenever a date is
-// converted, once for each file that is packed; named as what it is without a name, it is read once.
-void nameTimeZone() {
-  // Before any other thread is started.
-  static_cast<void>(::setenv("TZ", ":/etc/localtime", 0));  // NOLINT(concurrency-mt-unsafe)
-}
-
 void prepareProcess() {
-  nameTimeZone();
-  holdStandardStreams();
-  blockInterruptions();
-  // A closed pipe and a file that may not grow are errors to be told, not ends of the process.
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+  System::nameTimeZone();
+  System::holdStandardStreams();
+  System::blockInterruptions();
+  System::ignoreFatalWrites();
   // Failures are told in one line; the library's log would tell them twice.
   KQ::NSSetLogSink([](const std::string&) {});
 }

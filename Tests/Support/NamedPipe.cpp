@@ -25,7 +25,7 @@ std::string NamedPipe::read(std::size_t length) {
   std::string bytes;
   std::array<char, 65536> buffer{};
   // Only a writer that never comes makes this wait in vain.
-  const int patience = 60000;
+  const int patience = 600000;
   while (bytes.size() < length) {
     pollfd polled{descriptor_, POLLIN, 0};
     if (poll(&polled, 1, patience) == 0) throw std::runtime_error("nobody writes into the named pipe");

@@ -437,11 +437,13 @@ TEST_F(LargeFileFaults, PackingAFileOfSeveralBlocksFailsOrWritesTheWholeArchive)
                     });
   };
   Operation operation = packing({crcOfTheFirst(0), crcOfTheFirst(block)});
+  const Leniency aBlockThatCannotBeReadEndsItsCopy =
+      oneEntry("a block that cannot be read ends its copy like the end of the file", "readAt",
+               [](KQTest::GoldenEntry& entry) { entry.data.resize(block); });
+  if (!KQZIP_SYSTEM_MOVES_BYTES) operation.leniencies.push_back(aBlockThatCannotBeReadEndsItsCopy);
   failEveryCallOnce(operation);
   operation.isPlain = true;
-  operation.leniencies.push_back(
-      oneEntry("a block that cannot be read ends its copy like the end of the file", "readAt",
-               [](KQTest::GoldenEntry& entry) { entry.data.resize(block); }));
+  operation.leniencies.push_back(aBlockThatCannotBeReadEndsItsCopy);
   failEveryCallOnce(operation);
 }
 

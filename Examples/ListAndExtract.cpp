@@ -1,5 +1,6 @@
 // Lists an archive and extracts it, until Return is pressed: ListAndExtract ARCHIVE FOLDER
 // Build: c++ -std=c++20 ListAndExtract.cpp -pthread $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <cstdio>

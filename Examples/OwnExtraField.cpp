@@ -1,5 +1,6 @@
 // Keeps an author's name in an extra field of its own: OwnExtraField ARCHIVE FILE AUTHOR
 // Build: c++ -std=c++20 OwnExtraField.cpp $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <cstdio>

@@ -1,5 +1,6 @@
-// Packs a folder into a new archive behind a progress bar: PackTree ARCHIVE FOLDER
+// Packs a folder into a new archive and shows a progress bar: PackTree ARCHIVE FOLDER
 // Build: c++ -std=c++20 PackTree.cpp -pthread $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <chrono>

@@ -1,5 +1,6 @@
 // Prints a part of an entry without extracting it: ReadInPlace ARCHIVE PATH OFFSET COUNT
 // Build: c++ -std=c++20 ReadInPlace.cpp $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <algorithm>

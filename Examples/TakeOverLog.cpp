@@ -1,5 +1,6 @@
 // Packs files and keeps the log lines in a journal: TakeOverLog ARCHIVE FILE...
 // Build: c++ -std=c++20 TakeOverLog.cpp $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <cstdio>

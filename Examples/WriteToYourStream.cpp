@@ -1,5 +1,6 @@
 // Writes an archive to standard output and hashes it on the way: WriteToYourStream FILE...
 // Build: c++ -std=c++20 WriteToYourStream.cpp $(pkg-config --cflags --libs kqzip)
+//        -Wl,-rpath,$(pkg-config --variable=libdir kqzip)
 #include <KQZip/KQZip.h>
 
 #include <cinttypes>

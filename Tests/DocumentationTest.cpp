@@ -349,6 +349,14 @@ TEST(Documentation, CodeIsTakenFromTheExamples) {
   EXPECT_LE(4U, blocks);
 }
 
+TEST(Documentation, TheChangelogBeginsWithTheVersionOfTheProject) {
+  const std::string changelog = KQTest::readFile(sources / "CHANGELOG.md");
+  static const std::regex heading("\n## ([^\n]*)\n");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(changelog, match, heading));
+  EXPECT_EQ(KQTest::projectVersion(), match[1].str());
+}
+
 TEST(Documentation, FilesThatAPageNamesExist) {
   static const std::regex named(
       "\\]\\(([^)#]+)|((?:Benchmarks|Documentation|Examples|Fuzzing|Scripts|Source|Tests|Tools)/[\\w./]*)");

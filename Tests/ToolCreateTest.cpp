@@ -375,7 +375,7 @@ TEST(Tool, WithoutAKnownCommandIsWrongUsage) {
   expectWrongUsage(runTool({"[list]"}), "there is no command or option \"[list]\"", anyUsage);
 }
 
-TEST(Tool, PrintsItsVersion) { expectDone(runTool({"--version"}), "kqzip 1.0\n"); }
+TEST(Tool, PrintsItsVersion) { expectDone(runTool({"--version"}), "kqzip " + projectVersion() + "\n"); }
 
 TEST(Tool, HelpOfTheToolNamesEveryCommand) {
   const ProcessResult result = runTool({"--help"});

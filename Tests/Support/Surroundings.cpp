@@ -12,7 +12,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <regex>
 #include <stdexcept>
+#include <string>
+
+#include "Support/TemporaryDirectory.h"
 
 namespace KQTest {
 
@@ -68,6 +72,14 @@ void inUnprivilegedChildProcess(const std::function<void()>& body) {
     }
     body();
   });
+}
+
+std::string projectVersion() {
+  const std::string project = readFile(KQZIP_SOURCE_DIRECTORY "/CMakeLists.txt");
+  std::smatch match;
+  if (!std::regex_search(project, match, std::regex("project\\(KQZip VERSION ([0-9]+\\.[0-9]+\\.[0-9]+) ")))
+    throw std::runtime_error("CMakeLists.txt names no version");
+  return match[1];
 }
 
 ProcessResult runProcess(const std::vector<std::string>& arguments, const std::string& directory,

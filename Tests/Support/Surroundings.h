@@ -26,6 +26,9 @@ void inChildProcess(const std::function<void()>& body);
 /// inChildProcess(), without the privileges that let root read everything.
 void inUnprivilegedChildProcess(const std::function<void()>& body);
 
+/// The version of the project, from its CMakeLists.txt.
+std::string projectVersion();
+
 /// What a program did.
 struct ProcessResult {
   int exitStatus = -1;  ///< The exit status, or 128 and the number of the signal that ended it.

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <exception>
 #include <functional>
-#include <iomanip>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -198,17 +197,11 @@ void defineHelp(CLI::App& app, Command& command) {
   });
 }
 
-std::string versionText() {
-  std::ostringstream text;
-  text << "kqzip " << std::fixed << std::setprecision(1) << KQZipVersionNumber;
-  return text.str();
-}
-
 void defineAll(CLI::App& app, Command& command) {
   app.name("kqzip");
   app.formatter(std::make_shared<CLI::Formatter>(wording()));
   app.set_help_flag("-h,--help", "Print this help and exit");
-  app.set_version_flag("--version", versionText(), "Print the version and exit");
+  app.set_version_flag("--version", "kqzip " KQZIP_VERSION, "Print the version and exit");
   app.footer(exitStatuses);
   app.require_subcommand(1);
   defineCreate(app, command);

@@ -90,9 +90,9 @@ KQZipArchiveEntries::Iterator& KQZipArchiveEntries::Iterator::operator++() {
   return *this;
 }
 
-// Passes over the entries to whose names others come later.
+// Passes over what does not count.
 void KQZipArchiveEntries::Iterator::_passOver() {
-  while (index_ < archive_->index.size() && archive_->index[index_].isShadowed != 0) ++index_;
+  while (index_ < archive_->index.size() && !archive_->index.counts(index_)) ++index_;
 }
 
 KQZipArchiveEntries::Iterator KQZipArchiveEntries::end() const { return {archive_, archive_->index.size()}; }

@@ -14,6 +14,7 @@ bool KQZipArchiveIndex::add(const KQZipIndexEntry& entry) {
   if (size_ % recordsInBlock == 0) blocks_.push_back(std::make_unique<KQZipIndexRecord[]>(recordsInBlock));
   KQZipIndexRecord& record = (*this)[size_++];
   record = entry.record;
+  leftOut_ += record.isNoEntry;
   const bool hasUnicode = record.nameForm == KQZipIndexRecord::Unicode;
   const bool hasDate = record.dateForm == KQZipIndexRecord::Kept;
   std::uint64_t length = entry.storedName.size();
@@ -94,7 +95,8 @@ std::uint32_t KQZipArchiveIndex::placeOf(std::uint32_t index) const {
 }
 
 char* KQZipArchiveIndex::_roomForName(std::uint64_t length, std::uint64_t* at) {
-  if (length > roomEnd_ - namesEnd_) {
+  // An empty name has a place in a block, too.
+  if (length >= roomEnd_ - namesEnd_) {
     namesEnd_ = nameBlocks_.size() * nameBytesInBlock;
     roomEnd_ = namesEnd_ + nameBytesInBlock;
     nameBlocks_.push_back(std::make_unique_for_overwrite<char[]>(nameBytesInBlock));
@@ -126,7 +128,7 @@ void KQZipArchiveIndex::_markShadowed() {
   std::vector<std::uint32_t> shadowed;
   _makeTable(&shadowed);
   for (const std::uint32_t index : shadowed) (*this)[index].isShadowed = 1;
-  shadowed_ = static_cast<std::uint32_t>(shadowed.size());
+  leftOut_ += static_cast<std::uint32_t>(shadowed.size());
 }
 
 // Makes the table, and a list of the entries to whose names others come later.
@@ -136,6 +138,7 @@ void KQZipArchiveIndex::_makeTable(std::vector<std::uint32_t>* shadowed) const {
   std::string room;
   std::string canonicalRoom;
   for (std::uint32_t index = 0; index < size_; ++index) {
+    if ((*this)[index].isNoEntry != 0) continue;
     std::uint32_t* const slot = _slotOf(KQZipCanonicalName(name((*this)[index], room), canonicalRoom));
     if (shadowed != nullptr && *slot != none) shadowed->push_back(*slot);
     *slot = index;
@@ -172,7 +175,7 @@ void KQZipArchiveIndex::_markOverlaps(std::uint64_t end) {
   for (std::uint32_t place = 0; place < size_; ++place) {
     const std::uint32_t index = inOrder(place);
     KQZipIndexRecord& record = (*this)[index];
-    if (record.isOnOtherPart != 0) continue;
+    if (record.isOnOtherPart != 0 || record.isNoEntry != 0) continue;
     const std::uint64_t header = KQZipLocalHeaderFields::size + std::uint64_t{record.nameLength};
     if (record.localHeaderAt > end || header > end - record.localHeaderAt ||
         record.length > end - record.localHeaderAt - header) {

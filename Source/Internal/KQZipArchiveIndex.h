@@ -40,7 +40,7 @@ struct KQZipIndexRecord {
   unsigned isOverlapping : 1 = 0;      ///< Bytes of its own belong to something else, too.
   unsigned isOnOtherPart : 1 = 0;      ///< It starts on another part of a split archive.
   unsigned isOutside : 1 = 0;          ///< Its data would end after the archive's entries.
-  unsigned hasDescriptor : 1 = 0;      ///< Found without a directory: its lengths come from its descriptor.
+  unsigned isNoEntry : 1 = 0;          ///< Its name alone is known, for a problem to show.
   unsigned isIncomplete : 1 = 0;       ///< A saturated field has no value in the Zip64 field.
   unsigned hasBadExtraFields : 1 = 0;  ///< The extra fields do not fill their area.
 };
@@ -59,10 +59,21 @@ class KQZipArchiveIndex {
   /// Adds an entry. False when there are as many as an index can have.
   bool add(const KQZipIndexEntry& entry);
 
+  /// Makes the last one no entry: its name is kept for a problem to show.
+  void takeBackLast() {
+    (*this)[size_ - 1].isNoEntry = 1;
+    ++leftOut_;
+  }
+
   /// How many entries there are.
   std::uint32_t size() const { return size_; }
   /// How many of them count: of several with one name the last.
-  std::uint32_t sizeOfCounting() const { return size_ - shadowed_; }
+  std::uint32_t sizeOfCounting() const { return size_ - leftOut_; }
+  /// Whether an entry counts.
+  bool counts(std::uint32_t index) const {
+    const KQZipIndexRecord& record = (*this)[index];
+    return record.isShadowed == 0 && record.isNoEntry == 0;
+  }
 
   /// An entry.
   const KQZipIndexRecord& operator[](std::uint32_t index) const {
@@ -118,7 +129,7 @@ class KQZipArchiveIndex {
 
   std::vector<std::unique_ptr<KQZipIndexRecord[]>> blocks_;
   std::uint32_t size_ = 0;
-  std::uint32_t shadowed_ = 0;
+  std::uint32_t leftOut_ = 0;
 
   // A name never crosses from one block to the next.
   std::vector<std::unique_ptr<char[]>> nameBlocks_;

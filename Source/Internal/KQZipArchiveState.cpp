@@ -81,7 +81,11 @@ std::unique_ptr<const KQZipArchiveState> KQZipArchiveState::open(std::unique_ptr
     scanned->tail = std::move(archive->tail);
     scanned->findings = std::move(archive->findings);
     archive = std::move(scanned);
+    const std::size_t ofTail = archive->findings.size();
     if (!KQZipScanArchive(*archive, error)) return nullptr;
+    // What is wrong at the end comes last.
+    std::rotate(archive->findings.begin(), archive->findings.begin() + static_cast<std::ptrdiff_t>(ofTail),
+                archive->findings.end());
   }
   if (isEmpty || (archive->index.size() == 0 && !archive->tail.isFound)) {
     KQZipFail(error, KQZipErrorNoArchive, KQ::stringWithFormat("%@ is no archive", {name}));

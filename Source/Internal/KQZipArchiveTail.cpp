@@ -4,6 +4,8 @@
 #include <array>
 #include <optional>
 
+#include "KQZipEntryFields.h"
+
 namespace {
 
 constexpr std::uint64_t largestComment = 0xFFFF;
@@ -56,7 +58,7 @@ bool KQZipArchiveTail::find(KQZipArchiveWindow& window, std::uint64_t length,
   if (!*isRead) return false;
   if (comment.size() != endRecord.zipFileCommentLength)
     found(Code::CommentCutOff, comment.size(), endRecord.zipFileCommentLength);
-  if (end < length) found(Code::UnknownBytesAfterEnd, end);
+  if (end < length && !isPadded) found(Code::UnknownBytesAfterEnd, end);
   if (_isSplit()) found(Code::SplitArchive, std::uint64_t{endRecord.diskNumber} + 1);
   if (hasLocator && !isZip64) return found(Code::NoZip64Record, endRecordAt - KQZipZip64LocatorFields::size);
   if (!recordsAgree()) return found(Code::EndRecordsDiffer);
@@ -95,6 +97,8 @@ bool KQZipArchiveTail::_findEndRecord(KQZipArchiveWindow& window, std::uint64_t 
     const std::size_t size = std::min<std::size_t>(rest.size(), endRecord.zipFileCommentLength);
     comment.assign(reinterpret_cast<const char*>(rest.data()), size);
     end = endRecordAt + KQZipEndRecordFields::size + size;
+    isPadded = size < rest.size() && std::all_of(rest.begin() + static_cast<std::ptrdiff_t>(size), rest.end(),
+                                                 [](std::uint8_t byte) { return byte == 0; });
     entries = endRecord.entriesInCD;
     sizeOfDirectory = endRecord.sizeOfCD;
     offsetOfDirectory = endRecord.offsetOfCD;
@@ -145,12 +149,11 @@ bool KQZipArchiveTail::_findDirectory(KQZipArchiveWindow& window, bool* isThere,
         continue;
       const std::uint64_t at = start() - (sizeOfDirectory - counted);
       if (at < offsetOfDirectory || (at != offsetOfDirectory) != isShifted) continue;
-      KQZipBytes bytes;
-      if (!window.look(at, KQZipSignatureSize, &bytes, error)) return false;
       const bool isEmpty = at == start();
-      if (isEmpty != (entries == 0) ||
-          (!isEmpty && !KQZipHasSignature(bytes, KQZipCentralHeaderFields::signature)))
-        continue;
+      bool hasHeader = isEmpty;
+      if (!isEmpty && !_hasHeaderInDirectory(window, at, at - offsetOfDirectory, &hasHeader, error))
+        return false;
+      if (isEmpty != (entries == 0) || !hasHeader) continue;
       isExact = counted != 0;
       directoryAt = at;
       directoryEnd = start();
@@ -159,6 +162,25 @@ bool KQZipArchiveTail::_findDirectory(KQZipArchiveWindow& window, bool* isThere,
       return true;
     }
   }
+  return true;
+}
+
+// Whether a central header begins there. If the offsets are shifted, it has to lead to a local one, too: else
+// it is the directory's offset that is wrong.
+bool KQZipArchiveTail::_hasHeaderInDirectory(KQZipArchiveWindow& window, std::uint64_t at,
+                                             std::uint64_t shift, bool* hasHeader,
+                                             KQ::NSErrorSlot error) const {
+  constexpr std::uint64_t largestHeader = KQZipCentralHeaderFields::size + 3 * std::uint64_t{0xFFFF};
+  KQZipBytes bytes;
+  if (!window.look(at, shift == 0 ? KQZipSignatureSize : largestHeader, &bytes, error)) return false;
+  *hasHeader = KQZipHasSignature(bytes, KQZipCentralHeaderFields::signature);
+  KQZipCentralHeader header;
+  if (!*hasHeader || shift == 0 || _isSplit()) return true;
+  *hasHeader = header.decode(bytes) && header.values.offsetOfLocalHeader < at - shift;
+  if (!*hasHeader) return true;
+  if (!window.look(header.values.offsetOfLocalHeader + shift, KQZipSignatureSize, &bytes, error))
+    return false;
+  *hasHeader = KQZipHasSignature(bytes, KQZipLocalHeaderFields::signature);
   return true;
 }
 

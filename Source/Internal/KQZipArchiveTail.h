@@ -15,6 +15,7 @@ struct KQZipArchiveTail {
   std::uint64_t endRecordAt = 0;   ///< Offset of the classic end record.
   KQZipEndRecordFields endRecord;  ///< The classic end record.
   std::string comment;             ///< The archive's comment, as far as it is there.
+  bool isPadded = false;           ///< Whether nothing but zeros follows the comment, as programs pad blocks.
   std::uint64_t end = 0;           ///< After the comment.
 
   bool isZip64 = false;                   ///< Whether there is a Zip64 end record, with its locator.
@@ -49,6 +50,8 @@ struct KQZipArchiveTail {
   bool _findZip64Record(KQZipArchiveWindow& window, bool* hasLocator, KQ::NSErrorSlot error);
   bool _readZip64Record(KQZipArchiveWindow& window, std::uint64_t offset, std::uint64_t locatorAt,
                         KQ::NSErrorSlot error);
+  bool _hasHeaderInDirectory(KQZipArchiveWindow& window, std::uint64_t at, std::uint64_t shift,
+                             bool* hasHeader, KQ::NSErrorSlot error) const;
   bool _findDirectory(KQZipArchiveWindow& window, bool* isThere, KQ::NSErrorSlot error);
   bool _isSplit() const;
 };

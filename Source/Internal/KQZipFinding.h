@@ -15,7 +15,6 @@ enum class KQZipFindingCode : std::uint8_t {
   EndsEarly,
   EndsInsideHeader,
   EndsInsideDirectory,
-  NoDirectory,
   CommentCutOff,
   NoZip64Record,
   EndRecordsDiffer,
@@ -25,6 +24,11 @@ enum class KQZipFindingCode : std::uint8_t {
   SplitArchive,
   UnknownBytes,
   UnknownBytesAfterEnd,
+  DiskNumbers,
+  LocatorDiffers,
+  ClassicCountCut,
+  EndRecordInComment,
+  ExtensibleData,
   // Of an entry.
   Compressed,
   Encrypted,
@@ -35,6 +39,8 @@ enum class KQZipFindingCode : std::uint8_t {
   NoLocalHeader,
   LocalHeaderCutOff,
   EndsInsideData,
+  NoDescriptor,
+  HeaderDamaged,
   OtherName,
   OtherLength,
   OtherUncompressedLength,
@@ -43,8 +49,18 @@ enum class KQZipFindingCode : std::uint8_t {
   OtherCRC,
   DataDoNotMatch,
   NotInDirectory,
+  NameDiffersFromUTF8,
+  NameHasNUL,
+  NoName,
+  UnknownFlags,
+  BadExtraFields,
+  NoZip64Value,
+  Zip64ValueDiffers,
+  OtherDate,
+  DescriptorDiffers,
   // Of the archive, and no problem.
-  Prefix
+  Prefix,
+  Padding
 };
 
 /// A finding. What the numbers mean depends on its code.

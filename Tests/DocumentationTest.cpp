@@ -351,7 +351,7 @@ TEST(Documentation, CodeIsTakenFromTheExamples) {
 
 TEST(Documentation, TheChangelogBeginsWithTheVersionOfTheProject) {
   const std::string changelog = KQTest::readFile(sources / "CHANGELOG.md");
-  static const std::regex heading("\n## ([^\n]*)\n");
+  static const std::regex heading("\n## ([0-9]+\\.[0-9]+\\.[0-9]+)[,\n]");
   std::smatch match;
   ASSERT_TRUE(std::regex_search(changelog, match, heading));
   EXPECT_EQ(KQTest::projectVersion(), match[1].str());

@@ -17,6 +17,8 @@
 #include "Archive/KQZipArchive.h"
 #include "Archive/KQZipArchiveEntry.h"
 #include "Archive/KQZipInteroperability.h"
+#include "Archive/KQZipPackingList.h"
+#include "Archive/KQZipPackingOptions.h"
 #include "Archive/KQZipReport.h"
 #include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "FileHeader/KQZipFileEntry.h"

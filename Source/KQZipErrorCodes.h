@@ -20,4 +20,5 @@ enum KQZipErrorCode : std::int64_t {
   KQZipErrorEntryRefused = -201,   ///< An entry is of a kind that cannot be extracted.
   KQZipErrorEntryDamaged = -202,   ///< An entry's header or data do not match the archive.
   KQZipErrorProblemsFound = -203,  ///< A job was completed and reports problems.
+  KQZipErrorSourceRefused = -204,  ///< A source cannot be packed under its name.
 };

@@ -41,7 +41,7 @@ KQZipEndRecords::Bytes KQZipEndRecords::interoperable() const {
 bool KQZipEndRecords::match(const Bytes& bytes) const {
   const Bytes before = exact();
   const Bytes after = interoperable();
-  // Byte by byte: a write may stop inside a number, and storage need not keep the order of the bytes.
+  // Byte by byte: a write may stop inside a number, and storage may change the order of the bytes.
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     if (bytes[i] != before[i] && bytes[i] != after[i]) return false;
   }

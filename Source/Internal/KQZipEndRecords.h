@@ -5,9 +5,9 @@
 
 #include "KQZipHeaderCodec.h"
 
-// The three records that close an archive, as bytes. For the library's own use.
+// The three records at the end of an archive, as bytes.
 
-/// What the records say, and where they stand.
+/// The values of the records, and their offset.
 struct KQZipEndRecords {
   /// The Zip64 end record, the locator and the classic end record, all without parts of variable length.
   static constexpr std::uint64_t length =
@@ -17,14 +17,15 @@ struct KQZipEndRecords {
 
   std::uint64_t entries = 0;           ///< Number of central headers.
   std::uint64_t startOfDirectory = 0;  ///< Offset of the first one.
-  std::uint64_t sizeOfHeaders = 0;     ///< Bytes of all of them, behind which the records stand.
+  std::uint64_t sizeOfHeaders = 0;     ///< Bytes of all headers; the records follow them.
 
-  /// As KQZipCentralDirectory writes them: the size counts the records too, and the classic counts are cut.
+  /// As KQZipCentralDirectory writes them: the size includes the records, and the classic counts are
+  /// truncated.
   Bytes exact() const;
 
-  /// As other programs want them: the size is that of the headers, and the classic counts are saturated.
+  /// As other programs expect them: the size is that of the headers, and the classic counts are saturated.
   Bytes interoperable() const;
 
-  /// True when `bytes` are either, or what is left where writing the one over the other stopped.
+  /// True when `bytes` are one of the two forms, or an interrupted write of one over the other.
   bool match(const Bytes& bytes) const;
 };

@@ -32,7 +32,7 @@ bool findParts(std::size_t nameLength, std::size_t extraFieldLength, std::size_t
   return true;
 }
 
-// Sets the value from the start of the data, as far as there is any, and takes these bytes off.
+// Sets the value from the first bytes of the data, as far as there are any, and removes these bytes.
 void takeInOrder(KQZipBytes* data, std::uint64_t* value) {
   const std::size_t count = std::min(data->size(), sizeof(*value));
   if (count == sizeof(*value)) {
@@ -46,7 +46,7 @@ void takeInOrder(KQZipBytes* data, std::uint64_t* value) {
   *data = data->subspan(count);
 }
 
-// The wide value of a field: its own, unless it is saturated and the data has one for it.
+// The wide value of a field: the field's own value, unless it is saturated and the data has one for it.
 template <class Wide, class Narrow>
 Wide takeIfSaturated(Narrow narrow, Narrow saturated, KQZipBytes* data, bool* isComplete) {
   if (narrow != saturated) return narrow;

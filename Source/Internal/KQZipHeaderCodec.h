@@ -8,9 +8,9 @@
 
 #include "KQZipLittleEndian.h"
 
-// The layouts of the format's records, for those who have a record's bytes in memory: they decode and encode
-// it in one piece. The record classes move the same fields one by one through a stream. Nothing here
-// allocates, throws, or looks past the bytes that it is given.
+// The layouts of the format's records, for code that has a record's bytes in memory and decodes or encodes
+// them in one piece. The record classes read and write the same fields one by one through a stream. Nothing
+// here allocates, throws, or reads past the given bytes.
 
 /// Bytes of a record.
 using KQZipBytes = std::span<const std::uint8_t>;
@@ -18,13 +18,13 @@ using KQZipBytes = std::span<const std::uint8_t>;
 /// Room for a record's bytes.
 using KQZipRoom = std::span<std::uint8_t>;
 
-/// Bytes of the signature that begins each record.
+/// Bytes of the signature at the start of each record.
 inline constexpr std::size_t KQZipSignatureSize = 4;
 
-/// A 32-bit size or offset that stands for one in the Zip64 field.
+/// The 32-bit size or offset that refers to the Zip64 field.
 inline constexpr std::uint32_t KQZipSaturated32 = 0xFFFFFFFF;
 
-/// A 16-bit count or disk number that stands for one in a Zip64 record.
+/// The 16-bit count or disk number that refers to a Zip64 record.
 inline constexpr std::uint16_t KQZipSaturated16 = 0xFFFF;
 
 /// The value in 16 or 32 bits, saturated if it does not fit.
@@ -33,8 +33,8 @@ constexpr Narrow KQZipSaturate(std::uint64_t value) {
   return static_cast<Narrow>(value < static_cast<Narrow>(-1) ? value : static_cast<Narrow>(-1));
 }
 
-// The parts of fixed length. Each lists its fields once, in the order of the disk. The defaults are those
-// with which a fresh object of the record's class is written.
+// The parts of fixed length. Each lists its fields once, in the order on disk. The defaults are those that a
+// new object of the record's class writes.
 
 /// The local header; the name and the extra fields follow, then the data.
 struct KQZipLocalHeaderFields {
@@ -177,7 +177,7 @@ struct KQZipZip64EndRecordFields {
   }
 };
 
-/// The Zip64 locator, all of it.
+/// The whole Zip64 locator.
 struct KQZipZip64LocatorFields {
   static constexpr std::uint32_t signature = 0x07064b50;  ///< 50 4B 06 07 on disk.
   static constexpr std::size_t size = 20;                 ///< With the signature.
@@ -200,8 +200,8 @@ inline bool KQZipHasSignature(KQZipBytes bytes, std::uint32_t signature) {
   return bytes.size() >= KQZipSignatureSize && KQZipLoad<std::uint32_t>(bytes.data()) == signature;
 }
 
-/// Decodes the fields from the bytes after the signature. False, with the fields as before, when there are
-/// too few of them.
+/// Decodes the fields from the bytes after the signature. False, with the fields unchanged, when there are
+/// too few bytes.
 template <class Fields>
 [[nodiscard]] bool KQZipDecodeAfterSignature(KQZipBytes bytes, Fields* fields) {
   if (bytes.size() < Fields::size - KQZipSignatureSize) return false;
@@ -213,16 +213,16 @@ template <class Fields>
   return true;
 }
 
-/// Decodes the fields from a record's bytes. False, with the fields as before, when there are too few of them
-/// or the signature is another.
+/// Decodes the fields from a record's bytes. False, with the fields unchanged, when there are too few bytes
+/// or another signature.
 template <class Fields>
 [[nodiscard]] bool KQZipDecode(KQZipBytes bytes, Fields* fields) {
   return KQZipHasSignature(bytes, Fields::signature) &&
          KQZipDecodeAfterSignature(bytes.subspan(KQZipSignatureSize), fields);
 }
 
-/// Encodes signature and fields at the start of the room. False, with nothing written, when there is too
-/// little room.
+/// Encodes signature and fields at the start of the room. False, with nothing written, when the room is too
+/// small.
 template <class Fields>
 bool KQZipEncode(const Fields& fields, KQZipRoom room) {
   if (room.size() < Fields::size) return false;
@@ -249,7 +249,7 @@ consteval std::size_t KQZipOffsetOf(Wanted Fields::*field) {
   return found;
 }
 
-/// Goes over an area of extra fields, from the first to the last:
+/// Iterates over an area of extra fields:
 ///
 ///     KQZipExtraFieldWalk walk(area);
 ///     while (walk.next()) use(walk.identifier(), walk.data());
@@ -259,16 +259,16 @@ class KQZipExtraFieldWalk {
   /// Bytes of a field's id and size.
   static constexpr std::size_t fieldHeaderSize = 4;
 
-  /// What the area may have after its last field.
+  /// The bytes that are allowed after the last field.
   enum class Padding {
     None,         ///< Nothing.
     ToThreeBytes  ///< One to three bytes, which are too few for a field; some programs align data with them.
   };
 
-  /// Stands in front of the first field.
+  /// Starts before the first field.
   explicit KQZipExtraFieldWalk(KQZipBytes area) : rest_(area) {}
 
-  /// Moves to the next field. False when no whole field is left.
+  /// Moves to the next field. False when no complete field is left.
   bool next();
 
   /// The field's id.
@@ -277,7 +277,7 @@ class KQZipExtraFieldWalk {
   /// The field's data, in the area's own memory.
   KQZipBytes data() const { return data_; }
 
-  /// After the last field: whether the area has nothing more than what the padding allows.
+  /// After the last field: whether the rest of the area is only allowed padding.
   bool isWhole(Padding padding = Padding::None) const {
     return rest_.empty() || (padding == Padding::ToThreeBytes && rest_.size() < fieldHeaderSize);
   }
@@ -294,12 +294,12 @@ bool KQZipFindZip64(KQZipBytes area, std::optional<KQZipBytes>* data);
 
 /// A header's parts of variable length, in the memory of its bytes.
 struct KQZipHeaderParts {
-  std::string_view name;   ///< The bytes of the name as stored.
+  std::string_view name;   ///< The stored bytes of the name.
   KQZipBytes extraFields;  ///< All extra fields.
   KQZipBytes comment;      ///< The comment; none in a local header.
 };
 
-/// Finds the parts of a header in the bytes after its fixed part. False, with the parts as before, when there
+/// Finds the parts of a header in the bytes after its fixed part. False, with the parts unchanged, when there
 /// are too few of them.
 [[nodiscard]] bool KQZipFindParts(const KQZipLocalHeaderFields& header, KQZipBytes bytes,
                                   KQZipHeaderParts* parts);
@@ -321,8 +321,8 @@ struct KQZipZip64Values {
 };
 
 /// Decodes the values as the library's own classes do: all three in fixed order, whichever 32-bit fields of
-/// the header are saturated. A value of which only some bytes are there takes these as its lowest; what is
-/// not there stays as it was. Further data is ignored.
+/// the header are saturated. If only a part of a value's bytes is there, they are its lowest; the other bytes
+/// are unchanged. Further data is ignored.
 void KQZipDecodeZip64InOrder(KQZipBytes data, KQZipZip64Values* values);
 
 /// Encodes the data of a field, all three values.
@@ -333,19 +333,19 @@ void KQZipEncodeZip64Data(const KQZipZip64Values& values,
 void KQZipEncodeZip64Field(const KQZipZip64Values& values,
                            std::span<std::uint8_t, KQZipZip64Values::fieldSize> room);
 
-/// What a header says of an entry, once its Zip64 field is taken into account.
+/// The values of a header, those of its Zip64 field included.
 struct KQZipWideValues {
   std::uint64_t uncompressedSize = 0;     ///< Bytes of data once unpacked.
   std::uint64_t compressedSize = 0;       ///< Bytes of data in the archive.
   std::uint64_t offsetOfLocalHeader = 0;  ///< Offset of the local header; 0 from a local header.
   std::uint32_t diskNumberStart = 0;      ///< Disk on which the entry starts; 0 from a local header.
 
-  /// False when a saturated field has no value in the Zip64 field; it then stands for itself.
+  /// False when a saturated field has no value in the Zip64 field; it then keeps its own.
   bool isComplete = true;
 };
 
-/// Decodes the values as the format has it: the Zip64 field, whose data this is, has values for the saturated
-/// fields of the header only. Without data every field stands for itself.
+/// Decodes the values by the rule of the format: the data of the Zip64 field has values only for the
+/// saturated fields of the header. Without data every field keeps its own value.
 KQZipWideValues KQZipWiden(const KQZipLocalHeaderFields& header, KQZipBytes zip64Data);
 
 /// The same for a central header.

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-// Integers as bytes, the lowest first, whatever the host: one load or store each.
+// Integers as bytes, the lowest first, on any host: one load or store each.
 
 /// The integer in the first `sizeof(Integer)` of the bytes.
 template <std::unsigned_integral Integer>
@@ -19,7 +19,7 @@ Integer KQZipLoad(const std::uint8_t* bytes) {
   return std::bit_cast<Integer>(inHostOrder);
 }
 
-/// Puts the integer into the first `sizeof(Integer)` of the bytes.
+/// Stores the integer in the first `sizeof(Integer)` of the bytes.
 template <std::unsigned_integral Integer>
 void KQZipStore(Integer value, std::uint8_t* bytes) {
   auto inHostOrder = std::bit_cast<std::array<std::uint8_t, sizeof(Integer)>>(value);

@@ -8,10 +8,10 @@
 
 namespace {
 
-// A byte that is not part of valid UTF-8 stands above all code points.
+// The code of a byte that is not part of valid UTF-8, above all code points.
 constexpr std::uint32_t strayByte = 0x110000;
 
-// The character at the start of the text, which is not empty, and how many bytes it takes.
+// The first character of the text, which is not empty, and its length in bytes.
 struct Character {
   explicit Character(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
@@ -39,13 +39,13 @@ Character taken(std::string_view* text) {
   return character;
 }
 
-// Reads the set behind "[" up to its "]". False when there is none, then the "[" is a plain character.
+// Reads the set after "[" up to its "]". False when there is no "]"; the "[" is then an ordinary character.
 bool matchesSet(std::uint32_t code, std::string_view* pattern, bool* matches) {
   std::string_view rest = *pattern;
   const bool isTurned = !rest.empty() && (rest.front() == '!' || rest.front() == '^');
   if (isTurned) rest.remove_prefix(1);
   bool found = false;
-  // A "]" in the first place is a member.
+  // A "]" in first place is a member of the set.
   for (bool isFirst = true; !rest.empty() && (isFirst || rest.front() != ']'); isFirst = false) {
     const std::uint32_t low = taken(&rest).code;
     std::uint32_t high = low;
@@ -62,7 +62,7 @@ bool matchesSet(std::uint32_t code, std::string_view* pattern, bool* matches) {
   return true;
 }
 
-// Takes one element of the pattern, which is no star, and says whether it stands for the character.
+// Removes the first element of the pattern, which is not a star. Returns whether it matches the character.
 bool matchesOne(std::uint32_t code, std::string_view* pattern) {
   const std::uint32_t element = taken(pattern).code;
   if (element == '?') return true;
@@ -75,8 +75,8 @@ bool matchesOne(std::uint32_t code, std::string_view* pattern) {
 }  // namespace
 
 bool KQZipMatchesPattern(std::string_view name, std::string_view pattern) {
-  // Where to go on when what follows the last star does not fit: the star takes one character more. An
-  // earlier star never has to, as the last one can take whatever it would.
+  // Where to continue when the part after the last star does not match: the star takes one more character. An
+  // earlier star never needs to, because the last one can take the same characters.
   bool hasStar = false;
   std::string_view nameAtStar;
   std::string_view patternAfterStar;

@@ -2,14 +2,14 @@
 
 #include <string_view>
 
-// Patterns that choose entries by their names. For the library's own use.
+// Patterns that select entries by their names.
 
-/// Whether the pattern matches the whole name. `*` stands for any characters, none included, `?` for one, and
-/// `[…]` for one of a set, in which `a-z` is a range and a leading `!` or `^` turns the set around. All three
-/// match "/" too. A backslash takes the special meaning from the character after it. A `[` without its `]` is
-/// a character like any. Characters are code points; a byte that is not part of valid UTF-8 is one by itself.
-/// Takes time by the product of the two lengths at most.
+/// Whether the pattern matches the whole name. `*` matches any number of characters, `?` one, and `[…]` one
+/// of a set, in which `a-z` is a range and a leading `!` or `^` inverts the set. All three match "/" too. A
+/// backslash makes the character after it ordinary. A `[` without a `]` is an ordinary character. Characters
+/// are code points; a byte that is not part of valid UTF-8 counts as one. Takes at most time proportional to
+/// the product of both lengths.
 bool KQZipMatchesPattern(std::string_view name, std::string_view pattern);
 
-/// Whether the pattern matches the name or a folder above it. A name's own final "/" does not count.
+/// Whether the pattern matches the name or a folder above it. A final "/" of the name is ignored.
 bool KQZipMatchesPatternOrIsBelow(std::string_view name, std::string_view pattern);

@@ -5,11 +5,11 @@
 #include "../FileHeader/KQZipFileEntry.h"
 #include "KQZipTextBlock.h"
 
-/// The source path of an entry's write, the same from the write's beginning to its end: the code of a stream,
-/// of the log or of a subclass may set another meanwhile.
+/// The source path of an entry's write, fixed from its start to its end: the code of a stream, of the log or
+/// of a subclass may set another path in between.
 class KQZipSourceOfWrite {
  public:
-  /// Begins a write, or a part of the one that goes on already and whose path it shares.
+  /// Begins a write, or a part of the current write, whose path it shares.
   explicit KQZipSourceOfWrite(KQZipFileEntry& entry)
       : entry_(entry), path_(entry._sourceOfWork()), outer_(std::exchange(entry.sourceOfWrite_, &path_)) {}
   ~KQZipSourceOfWrite() { entry_.sourceOfWrite_ = outer_; }

@@ -9,13 +9,13 @@
 
 namespace {
 
-// No machine gains from more, and each costs memory.
+// More are of no use on any machine, and each costs memory.
 constexpr unsigned mostThreads = 256;
 
-// A job on its way and one that waits, for each thread: nobody waits while the calling thread is busy.
+// A running job and a waiting one for each thread: no thread waits while the calling thread is busy.
 constexpr std::size_t slotsForThread = 2;
 
-// How long the calling thread waits for others before it looks again whether to go on.
+// How long the calling thread waits for other threads before it asks again whether to continue.
 constexpr std::chrono::milliseconds patience{20};
 
 unsigned threadsFor(unsigned asked) {
@@ -24,7 +24,7 @@ unsigned threadsFor(unsigned asked) {
 
 }  // namespace
 
-/// However run() is left, the threads have ended then.
+/// Ends the threads, whichever way run() is left.
 class KQZipWorkers::Ending {
  public:
   explicit Ending(KQZipWorkers& workers) : workers_(workers) {}
@@ -84,7 +84,7 @@ void KQZipWorkers::_publish(KQZipJobs& jobs) {
     const std::lock_guard lock(mutex_);
     states_[_slotOf(prepared_)].performed = false;
     ++prepared_;
-    // One job is left to the calling thread, so that a single one starts no thread.
+    // One job is left for the calling thread, so that a single job starts no thread.
     needsThread = prepared_ - taken_ > idle_ + 1;
   }
   somethingToDo_.notify_one();
@@ -96,7 +96,7 @@ void KQZipWorkers::_startThread(KQZipJobs& jobs) {
     started_.reserve(threads_);
     started_.emplace_back([this, &jobs] { _work(jobs); });
   } catch (const std::system_error&) {
-    // The system has no more threads: those that run, the calling one at least, do all the work.
+    // The system has no more threads: the running ones, at least the calling thread, do all the work.
     mayStart_ = false;
   }
 }
@@ -112,7 +112,7 @@ void KQZipWorkers::_work(KQZipJobs& jobs) {
   }
 }
 
-// Takes the oldest job that nobody has taken. False when there is none.
+// Performs the oldest job that is not taken. False when there is none.
 bool KQZipWorkers::_performOne(KQZipJobs& jobs, std::unique_lock<std::mutex>& lock) {
   if (taken_ == prepared_) return false;
   const std::uint64_t ticket = taken_++;

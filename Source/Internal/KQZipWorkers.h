@@ -9,13 +9,13 @@
 #include <thread>
 #include <vector>
 
-// Several threads for one piece of work that falls into jobs. For the library's own use.
+// Several threads for one piece of work, which consists of jobs.
 
-/// A piece of work as a row of jobs. A job has a slot while it is on its way: a place of its own, below
-/// KQZipWorkers::slots(), for what it was given and what it has made. The slots are used in turn, 0 first.
+/// A piece of work as a sequence of jobs. From its preparation to its end a job has a slot of its own, a
+/// number below KQZipWorkers::slots(), for its input and its result. The slots are used in turn, 0 first.
 ///
-/// Whatever touches a host's stream or a progress belongs into what the calling thread does. The jobs count
-/// into atomics of their own, and goOn() moves the count to the progress.
+/// Only the calling thread may use a host's stream or a progress. The jobs count in atomics of their own, and
+/// goOn() adds the counts to the progress.
 class KQZipJobs {
  public:
   KQZipJobs() = default;
@@ -23,46 +23,47 @@ class KQZipJobs {
   KQZipJobs(const KQZipJobs&) = delete;
   KQZipJobs& operator=(const KQZipJobs&) = delete;
 
-  /// Makes the next job ready. The calling thread, in order. False when there is none left.
+  /// Prepares the next job. Runs on the calling thread, in order. False when no job is left.
   virtual bool prepare(std::size_t slot) = 0;
 
-  /// Does the job. Any thread, several at once, each with a slot of its own.
+  /// Performs the job. Runs on any thread, several at once, each with its own slot.
   virtual void perform(std::size_t slot) = 0;
 
-  /// Takes over what the job has made. The calling thread, in the order in which the jobs were prepared.
-  /// False ends the work: no other job is finished, but some may have been performed.
+  /// Takes the job's result. Runs on the calling thread, in the order of preparation. False ends the work: no
+  /// other job is finished, though some may have been performed.
   virtual bool finish(std::size_t slot) = 0;
 
-  /// Asked before each step and again and again while others work. The calling thread. False ends the work.
+  /// Asked before each step, and repeatedly while other threads work. Runs on the calling thread. False ends
+  /// the work.
   virtual bool goOn() = 0;
 };
 
-/// The threads. The calling thread is one of them, so that with one thread it does everything: each job is
-/// prepared, performed and finished before the next. More threads change nothing but the time that it takes.
-/// A thread is started when there is a job for it; where the system starts no more, fewer do the work.
+/// The threads. The calling thread is one of them: with one thread it does everything, and each job is
+/// prepared, performed and finished before the next. More threads only change the time. A thread is started
+/// when there is a job for it; if the system starts no more, fewer threads do the work.
 class KQZipWorkers {
  public:
-  /// Uses `threads` threads at most, 0 for as many as the process may use processors.
+  /// Uses at most `threads` threads; 0 for one per processor that the process may use.
   explicit KQZipWorkers(unsigned threads);
   ~KQZipWorkers();
   KQZipWorkers(const KQZipWorkers&) = delete;
   KQZipWorkers& operator=(const KQZipWorkers&) = delete;
 
-  /// How many threads work at most.
+  /// The largest number of threads.
   unsigned threads() const { return threads_; }
 
-  /// How many jobs are on their way at most.
+  /// The largest number of jobs between preparation and end.
   std::size_t slots() const { return states_.size(); }
 
-  /// Does all jobs. True when the last one is finished, false when something ended the work before. What a
-  /// job throws is thrown here, in its turn. When this returns or throws, no job is being performed.
+  /// Performs all jobs. True when the last one is finished, false when the work ended before. An exception of
+  /// a job is thrown here, in the job's turn. When this returns or throws, no job is running.
   bool run(KQZipJobs& jobs);
 
-  /// True once the work has to end early. A job that takes long asks. Any thread.
+  /// True once the work has to end early, for long jobs to ask. Any thread may call it.
   bool isEnding() const { return ending_.load(std::memory_order_relaxed); }
 
  private:
-  // Where the job in a slot stands.
+  // The state of the job in a slot.
   struct State {
     bool performed = false;
     std::exception_ptr thrown;

@@ -1,18 +1,15 @@
 #pragma once
 
 #include <memory>
-#include <memory_resource>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "FileHeader/KQZipFileLocalHeader.h"
-#include "KQZipCentralDirectory.h"
-#include "KQZipStreamPrimitives.h"
+#include "Platform/KQExport.h"
 #include "Platform/NSData.h"
+#include "Platform/NSError.h"
 #include "Platform/NSFileManager.h"
+#include "Platform/NSStream.h"
 
 /// Opens an archive, finds its entries with one forward scan over the local headers, and answers by the
 /// entries' paths. No answer depends on the central directory.
@@ -37,6 +34,7 @@ class KQZIP_EXPORT KQZipFileReader {
   KQZipFileReader& operator=(const KQZipFileReader&) = delete;  ///< Owns its entries.
   /// Use the static operations instead.
   KQZipFileReader(Key key, std::optional<std::string> zipPath);
+  ~KQZipFileReader();
 
   /// A reader on the archive at `zipPath`. A file that does not exist, cannot be opened or is empty gives a
   /// reader without entries.
@@ -99,24 +97,7 @@ class KQZIP_EXPORT KQZipFileReader {
                               KQ::NSErrorSlot error = nullptr);
 
  private:
-  KQZIP_HIDDEN bool _parseWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  KQZIP_HIDDEN bool _parseRecord(std::uint32_t signature, KQ::NSInputStream& stream, KQ::NSErrorSlot error);
-  KQZIP_HIDDEN void _addEntry(std::shared_ptr<KQZipFileLocalHeader>&& entry);
-  KQZIP_HIDDEN std::shared_ptr<KQZipFileLocalHeader> _entryForRelativePath(
-      const std::string& relativePath) const;
-  KQZIP_HIDDEN std::shared_ptr<KQ::NSInputStream> _openArchive() const;
-  KQZIP_HIDDEN bool _writeData(const KQZipFileLocalHeader& entry, const std::string& toPath,
-                               KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
-  KQZIP_HIDDEN static bool _copyData(const KQZipFileLocalHeader& entry, KQ::NSInputStream& input,
-                                     KQ::NSOutputStream& output, KQ::NSProgress& progress,
-                                     KQ::NSErrorSlot error);
-  KQZIP_HIDDEN bool _extract(const std::string& relativePath, const std::string& destination,
-                             const KQ::NSProgress& progress, KQ::NSErrorSlot error) const;
+  struct KQZIP_HIDDEN State;
 
-  std::optional<std::string> zipPath_;
-  // The index of an archive with many entries is many small pieces that go at once.
-  std::pmr::monotonic_buffer_resource memory_;
-  // By path. The paths are the headers' own, which nobody changes here.
-  std::pmr::unordered_map<std::string_view, std::shared_ptr<KQZipFileLocalHeader>> zipFileEntries_{&memory_};
-  std::shared_ptr<KQZipCentralDirectory> centralDirectory_;
+  std::unique_ptr<State> state_;
 };

@@ -4,7 +4,7 @@
 
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipFailedWrite.h"
-#include "Internal/KQZipTransfer.h"
+#include "Internal/KQZipTransferBlock.h"
 #include "Platform/Internal/NSFileOutputStream.h"
 #include "Platform/NSFileManager.h"
 #include "Platform/NSLog.h"

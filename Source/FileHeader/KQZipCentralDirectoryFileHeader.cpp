@@ -1,6 +1,7 @@
 #include "KQZipCentralDirectoryFileHeader.h"
 
 #include "../Internal/KQZipError.h"
+#include "../Internal/KQZipHeaderAtHand.h"
 #include "../Internal/KQZipTextBlock.h"
 #include "../KQZipStreamPrimitives.h"
 
@@ -28,7 +29,11 @@ std::shared_ptr<KQZipCentralDirectoryFileHeader> KQZipCentralDirectoryFileHeader
 }
 
 bool KQZipCentralDirectoryFileHeader::skipWithStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
-  return KQZipCentralDirectoryFileHeader()._parseLogged(stream, error);
+  KQZipOrdinaryHeader<KQZipCentralHeaderFields> header;
+  if (!KQZipOrdinaryHeaderAtHand(stream, &header))
+    return KQZipCentralDirectoryFileHeader()._parseLogged(stream, error);
+  KQ::NSBufferedInputStream::of(stream)->skipAtHand(header.fields.wholeSize() - KQZipSignatureSize);
+  return true;
 }
 
 std::optional<std::string> KQZipCentralDirectoryFileHeader::fileComment() const {

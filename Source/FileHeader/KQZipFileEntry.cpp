@@ -143,17 +143,17 @@ bool KQZipFileEntry::calculateCRCOfSourceFile() {
   }
   stream->open();
 
-  const KQZipTransferBlock buffer;
-  std::int64_t count = stream->read(buffer.get(), KQZipBlockSize);
   uLong crc = 0;
-  while (count > 0) {
-    if (progress_ && progress_->isCancelled()) return false;
-    crc = ::crc32(crc, buffer.get(), static_cast<uInt>(count));
-    count = stream->read(buffer.get(), KQZipBlockSize);
-    // By design, the first block is never counted, and the last result always is, even the -1 of an error:
-    // callers see the counts of a write.
-    if (progress_) progress_->setCompletedUnitCount(progress_->completedUnitCount() + count);
-  }
+  const auto add = [&crc](const std::uint8_t* bytes, std::int64_t length) {
+    crc = ::crc32(crc, bytes, static_cast<uInt>(length));
+    return length;
+  };
+  // By design, the first block is never counted, and the last result always is, even the -1 of an error:
+  // callers see the counts of a write.
+  const auto count = [this](std::int64_t /*taken*/, std::int64_t read) {
+    if (progress_) KQZipCount(*progress_, read);
+  };
+  if (!KQZipReadBlocks(*stream, progress_.get(), add, count)) return false;
   stream->close();
   setCrc32(static_cast<std::uint32_t>(crc));
   return true;

@@ -232,7 +232,6 @@ class KQZIP_EXPORT KQZipFileEntry {
   // The two records, and the classes that share names with entries.
   friend class KQZipCentralDirectoryFileHeader;
   friend class KQZipFileLocalHeader;
-  friend class KQZipFileReader;
   friend class KQZipSourceOfWrite;
 
   using Text = std::shared_ptr<const std::string>;

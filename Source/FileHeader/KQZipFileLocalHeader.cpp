@@ -1,7 +1,6 @@
 #include "KQZipFileLocalHeader.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "../Internal/KQZipError.h"
 #include "../Internal/KQZipSourceOfWrite.h"
@@ -74,18 +73,17 @@ bool KQZipFileLocalHeader::_writeHeader(KQ::NSOutputStream& stream, KQ::NSErrorS
 
 bool KQZipFileLocalHeader::_copySourceFile(KQ::NSInputStream& source, KQ::NSOutputStream& stream,
                                            KQ::NSErrorSlot error) const {
-  const KQZipTransferBlock buffer;
-  std::int64_t count = source.read(buffer.get(), KQZipBlockSize);
   // By design, a write that accepts nothing ends the copy as a success, and a partial one is not completed: a
   // failed stream reports it at the first write of the next header.
-  for (std::int64_t written = 1; written > 0 && count > 0;) {
-    if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
-    written = stream.write(buffer.get(), std::min(static_cast<std::uint64_t>(count), KQZipBlockSize));
+  const auto write = [&](const std::uint8_t* bytes, std::int64_t length) {
+    const std::int64_t written =
+        stream.write(bytes, std::min(static_cast<std::uint64_t>(length), KQZipBlockSize));
     if (written == KQZipBlockSize) KQZipMoveBlocks(source, stream, UINT64_MAX, *progress_);
-    count = source.read(buffer.get(), KQZipBlockSize);
-    progress_->setCompletedUnitCount(progress_->completedUnitCount() + written);
-  }
-  return true;
+    return written;
+  };
+  const auto count = [this](std::int64_t written, std::int64_t /*read*/) { KQZipCount(*progress_, written); };
+  return KQZipReadBlocks(source, progress_.get(), write, count) ||
+         KQZipFail(error, KQZipErrorCancelled, "Operation was cancelled.");
 }
 
 bool KQZipFileLocalHeader::parseFromStream(KQ::NSInputStream& stream, KQ::NSErrorSlot error) {
@@ -137,13 +135,7 @@ void KQZipFileLocalHeader::updateModificationDate() {
 
 std::shared_ptr<const KQ::NSData> KQZipFileLocalHeader::unarchivedDataWithStream(
     KQ::NSInputStream& stream) const {
-  stream.setNSStreamFileCurrentOffsetKey(fileDataOffset_);
-  const std::uint64_t size = dataLengthFromHeader();
-  // Zeroed by the system when a page is first accessed: a false length costs no memory.
-  KQ::NSData::Block bytes(static_cast<std::uint8_t*>(std::calloc(1, size)));
-  if (!bytes || stream.read(bytes.get(), size) == 0) return nullptr;
-  // One read delivers a whole entry. Where the archive ends early, or the read fails, the rest is zeros.
-  return KQ::NSData::dataWithBytesNoCopy(std::move(bytes), size);
+  return KQZipReadStoredData(stream, fileDataOffset_, dataLengthFromHeader());
 }
 
 bool KQZipFileLocalHeader::exportFileToPath(const std::string& path, KQ::NSInputStream& stream,
@@ -182,22 +174,14 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
     return KQZipFail(error, KQZipErrorWriting,
                      KQ::stringWithFormat("Failed to write to stream at %@", {path}));
   };
-  std::uint64_t remaining = dataLengthFromHeader();
-  const auto buffer = KQ::NSRawBytes(std::min(remaining, KQZipBlockSize));
-  while (remaining != 0) {
-    if (progress.isCancelled()) return false;
-    const std::int64_t count = stream.read(buffer.get(), std::min(remaining, KQZipBlockSize));
-    if (count < 0) return false;
-    if (count == 0) break;
-    progress.setCompletedUnitCount(progress.completedUnitCount() + count);
-    remaining -= static_cast<std::uint64_t>(count);
-    if (output.write(buffer.get(), static_cast<std::uint64_t>(count)) < 1) return writingFailed();
-    if (count == KQZipBlockSize) remaining -= KQZipMoveBlocks(stream, output, remaining, progress);
-  }
+  const std::uint64_t length = dataLengthFromHeader();
+  const auto end = KQZipCopyBlocks(stream, output, length, progress, KQZipCopyOrder::TestReadCountWrite);
+  if (end == KQZipCopyEnd::NotWritten) return writingFailed();
+  if (end != KQZipCopyEnd::Complete) return false;
   // A small file is still in the stream's buffer, so that only closing shows whether it can be written. For
   // an entry without data nothing is written, and setting the attributes shows whether the file exists.
   output.close();
-  return dataLengthFromHeader() == 0 || output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
+  return length == 0 || output.streamStatus() != KQ::NSStreamStatusError || writingFailed();
 }
 
 const char* KQZipFileLocalHeader::_className() const { return "KQZipFileLocalHeader"; }

@@ -10,7 +10,7 @@
 #include "../Platform/NSString.h"
 #include "KQZipError.h"
 #include "KQZipHeaderCodec.h"
-#include "KQZipTransfer.h"
+#include "KQZipTransferBlock.h"
 
 namespace {
 

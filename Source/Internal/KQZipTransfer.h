@@ -1,76 +1,65 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <utility>
 
-#include "../Platform/Internal/NSFileOutputStream.h"
-#include "../Platform/Internal/NSRawBytes.h"
+#include "../Platform/NSData.h"
 #include "../Platform/NSProgress.h"
 #include "../Platform/NSStream.h"
+#include "KQZipTransferBlock.h"
 
-// What the copies of data have in common, which bypass the stream primitives. For the library's own use.
+// The transfers of data, which bypass the stream primitives. When each tests for a cancellation and what it
+// counts is part of what its callers see, so these differ by design.
 
-/// Data is read and copied in blocks of this many bytes.
-inline constexpr std::uint64_t KQZipBlockSize = 1048576;
-
-/// Lets the thread keep the block that a transfer has given back, for the next one, until the last keeper has
-/// gone: a block of its own for each of many small files would cost more than the files.
-class KQZipTransferBlockKeeper {
- public:
-  KQZipTransferBlockKeeper() { ++kept().keepers; }
-  ~KQZipTransferBlockKeeper() {
-    if (--kept().keepers == 0) kept().spare.reset();
+/// Reads `source` to its end and passes each block to `use`, which returns how many bytes it has taken; none,
+/// or a negative number, ends the transfer. Once the next block has been read, `count` is called with that
+/// number and what the read returned. A read that fails is an end, too. False when `progress`, if there is
+/// one, is cancelled, tested before each block is used.
+template <class Use, class Count>
+bool KQZipReadBlocks(KQ::NSInputStream& source, const KQ::NSProgress* progress, const Use& use,
+                     const Count& count) {
+  const KQZipTransferBlock block;
+  std::int64_t length = source.read(block.get(), KQZipBlockSize);
+  for (std::int64_t taken = 1; taken > 0 && length > 0;) {
+    if (progress != nullptr && progress->isCancelled()) return false;
+    taken = use(block.get(), length);
+    length = source.read(block.get(), KQZipBlockSize);
+    count(taken, length);
   }
-  KQZipTransferBlockKeeper(const KQZipTransferBlockKeeper&) = delete;
-  KQZipTransferBlockKeeper& operator=(const KQZipTransferBlockKeeper&) = delete;
+  return true;
+}
 
- private:
-  friend class KQZipTransferBlock;
-
-  struct Kept {
-    std::unique_ptr<std::uint8_t[]> spare;
-    std::uint64_t keepers = 0;
-  };
-
-  static Kept& kept() {
-    thread_local Kept kept;
-    return kept;
-  }
+/// How a copy out of an archive tests for a cancellation and counts.
+enum class KQZipCopyOrder {
+  TestReadCountWrite,  ///< Tests before each block, counts what was read even if it cannot be written.
+  ReadWriteCountTest   ///< Counts what was written, tests after each block.
 };
 
-/// A buffer of one block for a transfer.
-class KQZipTransferBlock {
- public:
-  KQZipTransferBlock() : bytes_(std::move(KQZipTransferBlockKeeper::kept().spare)) {
-    if (!bytes_) bytes_ = KQ::NSRawBytes(KQZipBlockSize);
-  }
-  ~KQZipTransferBlock() {
-    auto& kept = KQZipTransferBlockKeeper::kept();
-    if (kept.keepers != 0) kept.spare = std::move(bytes_);
-  }
-  KQZipTransferBlock(const KQZipTransferBlock&) = delete;
-  KQZipTransferBlock& operator=(const KQZipTransferBlock&) = delete;
-
-  /// The first of the block's bytes, which hold anything.
-  std::uint8_t* get() const { return bytes_.get(); }
-
- private:
-  std::unique_ptr<std::uint8_t[]> bytes_;
+/// How a copy ended.
+enum class KQZipCopyEnd {
+  Complete,   ///< All is copied, or the source ended early.
+  Cancelled,  ///< The progress was cancelled.
+  NotRead,    ///< A read failed.
+  NotWritten  ///< A write failed or took nothing.
 };
+
+/// Copies up to `length` bytes, block by block. Where the system can, it moves them by itself after the first
+/// whole block.
+KQZipCopyEnd KQZipCopyBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target, std::uint64_t length,
+                             KQ::NSProgress& progress, KQZipCopyOrder order);
 
 /// Goes on with a copy of up to `length` bytes, block by block, as long as the system moves them by itself
-/// and nobody cancels. To be called behind a whole block, so that nothing changes for small files. Returns
-/// how many bytes that made; the rest is to be read and written.
-inline std::uint64_t KQZipMoveBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target,
-                                     std::uint64_t length, KQ::NSProgress& progress) {
-  std::uint64_t done = 0;
-  while (done < length && !progress.isCancelled()) {
-    const std::uint64_t moved = KQ::NSMoveBytes(source, target, std::min(length - done, KQZipBlockSize));
-    if (moved == 0) break;
-    progress.setCompletedUnitCount(progress.completedUnitCount() + static_cast<std::int64_t>(moved));
-    done += moved;
-  }
-  return done;
+/// and nobody cancels. To be called after a whole block, so that nothing changes for small files. Returns how
+/// many bytes that made; the rest is to be read and written.
+std::uint64_t KQZipMoveBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target, std::uint64_t length,
+                              KQ::NSProgress& progress);
+
+/// Adds to the units that are completed.
+inline void KQZipCount(KQ::NSProgress& progress, std::int64_t units) {
+  progress.setCompletedUnitCount(progress.completedUnitCount() + units);
 }
+
+/// The `length` bytes of an archive from `offset` on, read with one read; what it does not deliver is zeros.
+/// Null when there is nothing to read there, or no memory.
+std::shared_ptr<const KQ::NSData> KQZipReadStoredData(KQ::NSInputStream& archive, std::uint64_t offset,
+                                                      std::uint64_t length);

@@ -29,6 +29,9 @@ class NSBufferedInputStream : public NSInputStream {
     return true;
   }
 
+  /// Takes `length` bytes that are at hand and copies them nowhere.
+  void skipAtHand(std::uint64_t length) { atHand_ += length; }
+
   /// Peeks at the next `length` bytes without consuming them. Valid until the stream is next used. Null when
   /// fewer are buffered, whether or not more follow.
   const std::uint8_t* bytesAtHand(std::uint64_t length) const {

@@ -248,7 +248,9 @@ bool KQZipFileReader::State::_writeData(const KQZipTableEntry& entry, const std:
   auto end = isDirectory(entry) ? KQZipCopyEnd::Complete : KQZipCopyEnd::NotRead;
   if (input) {
     input->setNSStreamFileCurrentOffsetKey(entry.dataOffset);
-    end = KQZipCopyBlocks(*input, *output, entry.dataLength, progress, KQZipCopyOrder::ReadWriteCountTest);
+    const KQZipTransferBlock block;
+    end = KQZipCopyBlocks(*input, *output, block, entry.dataLength, progress,
+                          KQZipCopyOrder::ReadWriteCountTest);
   }
   if (end == KQZipCopyEnd::Cancelled) KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");
   // A small file only leaves the stream's buffer at the end, so that is where a full disk shows.

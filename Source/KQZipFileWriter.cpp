@@ -1,57 +1,84 @@
 #include "KQZipFileWriter.h"
 
+#include <map>
 #include <vector>
 
+#include "FileHeader/KQZipFileLocalHeader.h"
 #include "Internal/KQZipError.h"
 #include "Internal/KQZipFailedWrite.h"
 #include "Internal/KQZipTransferBlock.h"
+#include "KQZipCentralDirectory.h"
 #include "Platform/Internal/NSFileOutputStream.h"
 #include "Platform/NSFileManager.h"
 #include "Platform/NSLog.h"
+#include "Platform/NSProgress.h"
 #include "Platform/NSString.h"
 
+struct KQZipFileWriter::State {
+  using Entries = std::vector<std::shared_ptr<KQZipFileLocalHeader>>;
+  using Name = std::shared_ptr<const std::string>;
+
+  struct NameLess {
+    bool operator()(const Name& left, const Name& right) const { return KQ::NSStringLess()(*left, *right); }
+  };
+
+  void _addEntry(std::string filePath, std::string relativePath);
+  bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream, KQ::NSErrorSlot error);
+  static bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
+                                     KQ::NSErrorSlot error);
+
+  // Sorted by name, which is the order of the archive.
+  std::map<Name, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries;
+  std::shared_ptr<KQ::NSProgress> progress;
+};
+
+KQZipFileWriter::KQZipFileWriter() : state_(std::make_unique<State>()) {}
+
+KQZipFileWriter::~KQZipFileWriter() = default;
+
 void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string& relativePath) {
-  _addEntry(filePath, relativePath);
+  state_->_addEntry(filePath, relativePath);
 }
 
-void KQZipFileWriter::_addEntry(std::string filePath, std::string relativePath) {
+void KQZipFileWriter::State::_addEntry(std::string filePath, std::string relativePath) {
   const auto path = std::make_shared<const std::string>(std::move(filePath));
   const auto name = std::make_shared<const std::string>(std::move(relativePath));
   // A tree is added in the order of its names for the greater part, which makes the end the likely place.
-  fileEntries_.insert_or_assign(fileEntries_.end(), name,
-                                KQZipFileLocalHeader::_initWithSourceFile(path, name));
+  fileEntries.insert_or_assign(fileEntries.end(), name,
+                               KQZipFileLocalHeader::_initWithSourceFile(path, name));
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
   // What the stream's or the log's own code adds meanwhile is for the next write.
-  Entries entries;
-  entries.reserve(fileEntries_.size());
-  for (const auto& [name, entry] : fileEntries_) entries.push_back(entry);
+  State::Entries entries;
+  entries.reserve(state_->fileEntries.size());
+  for (const auto& [name, entry] : state_->fileEntries) entries.push_back(entry);
   const KQZipTransferBlockKeeper keeper;
 
-  progress_ = KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(entries.size()));
-  progress_->setCancellable(true);
-  progress_->setPausable(false);
+  auto& progress = state_->progress;
+  progress = KQ::NSProgress::progressWithTotalUnitCount(static_cast<std::int64_t>(entries.size()));
+  progress->setCancellable(true);
+  progress->setPausable(false);
   for (const auto& entry : entries) {
-    if (!_writeEntry(*entry, stream, error)) return false;
+    if (!state_->_writeEntry(*entry, stream, error)) return false;
   }
-  const bool written = _writeCentralDirectory(entries, stream, error);
-  progress_->setCompletedUnitCount(progress_->totalUnitCount());
+  const bool written = State::_writeCentralDirectory(entries, stream, error);
+  progress->setCompletedUnitCount(progress->totalUnitCount());
   return written;
 }
 
-bool KQZipFileWriter::_writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream,
-                                  KQ::NSErrorSlot error) {
-  progress_->becomeCurrentWithPendingUnitCount(1);
+bool KQZipFileWriter::State::_writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream,
+                                         KQ::NSErrorSlot error) {
+  progress->becomeCurrentWithPendingUnitCount(1);
   const bool written = entry.writeToStream(stream, error);
   // A cancellation comes before the entry's own result and leaves the progress current; both are meant.
-  if (progress_->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled by user.");
-  progress_->resignCurrent();
+  if (progress->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled by user.");
+  progress->resignCurrent();
   return written;
 }
 
-bool KQZipFileWriter::_writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
-                                             KQ::NSErrorSlot error) {
+bool KQZipFileWriter::State::_writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
+                                                    KQ::NSErrorSlot error) {
   if (!KQZipCentralDirectory::centralDirectoryWithFileEntries(entries)->writeToStream(stream, error))
     return false;
   // Buffered bytes may still meet a full disk, and data that the stream did not take shows here at the
@@ -110,7 +137,7 @@ bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool 
     if (!attributes) {
       complete = false;
     } else if (attributes->NSFileType == KQ::NSFileTypeRegular) {
-      _addEntry(std::move(path), KQ::stringByAppendingPathComponent(prefix, relativePath));
+      state_->_addEntry(std::move(path), KQ::stringByAppendingPathComponent(prefix, relativePath));
     }
   }
   return complete;
@@ -126,11 +153,11 @@ bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,
 
 KQZipPermissions KQZipFileWriter::permissionsOfSources() const {
   // They are asked for in the order of the archive, so that the next entry is the likely one.
-  return [this, next = fileEntries_.begin()](
+  return [&entries = state_->fileEntries, next = state_->fileEntries.begin()](
              const std::string& relativePath) mutable -> std::optional<std::uint32_t> {
-    if (next == fileEntries_.end() || *next->first != relativePath)
-      next = fileEntries_.find(std::make_shared<const std::string>(relativePath));
-    if (next == fileEntries_.end()) return std::nullopt;
+    if (next == entries.end() || *next->first != relativePath)
+      next = entries.find(std::make_shared<const std::string>(relativePath));
+    if (next == entries.end()) return std::nullopt;
     return (next++)->second->sourceFilePermissions();
   };
 }

@@ -1,17 +1,13 @@
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "FileHeader/KQZipFileLocalHeader.h"
-#include "KQZipCentralDirectory.h"
 #include "KQZipPermissions.h"
-#include "KQZipStreamPrimitives.h"
-#include "Platform/NSProgress.h"
-#include "Platform/NSString.h"
+#include "Platform/KQExport.h"
+#include "Platform/NSError.h"
+#include "Platform/NSStream.h"
 
 /// Packs files into a new archive. Add each file under the path that it is to have in the archive, then
 /// write:
@@ -28,7 +24,8 @@
 class KQZIP_EXPORT KQZipFileWriter {
  public:
   /// A writer without entries.
-  KQZipFileWriter() = default;
+  KQZipFileWriter();
+  ~KQZipFileWriter();
   KQZipFileWriter(const KQZipFileWriter&) = delete;             ///< Owns its entries.
   KQZipFileWriter& operator=(const KQZipFileWriter&) = delete;  ///< Owns its entries.
 
@@ -88,21 +85,7 @@ class KQZIP_EXPORT KQZipFileWriter {
   KQZipPermissions permissionsOfSources() const;
 
  private:
-  using Entries = std::vector<std::shared_ptr<KQZipFileLocalHeader>>;
+  struct KQZIP_HIDDEN State;
 
-  using Name = std::shared_ptr<const std::string>;
-
-  struct NameLess {
-    bool operator()(const Name& left, const Name& right) const { return KQ::NSStringLess()(*left, *right); }
-  };
-
-  KQZIP_HIDDEN void _addEntry(std::string filePath, std::string relativePath);
-  KQZIP_HIDDEN bool _writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutputStream& stream,
-                                KQ::NSErrorSlot error);
-  KQZIP_HIDDEN bool _writeCentralDirectory(const Entries& entries, KQ::NSOutputStream& stream,
-                                           KQ::NSErrorSlot error);
-
-  // Sorted by name, which is the order of the archive.
-  std::map<Name, std::shared_ptr<KQZipFileLocalHeader>, NameLess> fileEntries_;
-  std::shared_ptr<KQ::NSProgress> progress_;
+  std::unique_ptr<State> state_;
 };

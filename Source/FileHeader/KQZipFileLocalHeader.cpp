@@ -175,7 +175,9 @@ bool KQZipFileLocalHeader::_exportData(const std::string& path, KQ::NSInputStrea
                      KQ::stringWithFormat("Failed to write to stream at %@", {path}));
   };
   const std::uint64_t length = dataLengthFromHeader();
-  const auto end = KQZipCopyBlocks(stream, output, length, progress, KQZipCopyOrder::TestReadCountWrite);
+  const KQZipTransferBlock block(length);
+  const auto end =
+      KQZipCopyBlocks(stream, output, block, length, progress, KQZipCopyOrder::TestReadCountWrite);
   if (end == KQZipCopyEnd::NotWritten) return writingFailed();
   if (end != KQZipCopyEnd::Complete) return false;
   // A small file is still in the stream's buffer, so that only closing shows whether it can be written. For

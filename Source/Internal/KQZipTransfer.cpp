@@ -5,10 +5,10 @@
 
 #include "../Platform/Internal/NSFileOutputStream.h"
 
-KQZipCopyEnd KQZipCopyBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target, std::uint64_t length,
-                             KQ::NSProgress& progress, KQZipCopyOrder order) {
+KQZipCopyEnd KQZipCopyBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target,
+                             const KQZipTransferBlock& block, std::uint64_t length, KQ::NSProgress& progress,
+                             KQZipCopyOrder order) {
   const bool testsFirst = order == KQZipCopyOrder::TestReadCountWrite;
-  const KQZipTransferBlock block(length);
   for (std::uint64_t remaining = length; remaining != 0;) {
     if (testsFirst && progress.isCancelled()) return KQZipCopyEnd::Cancelled;
     const std::int64_t count = source.read(block.get(), std::min(remaining, KQZipBlockSize));

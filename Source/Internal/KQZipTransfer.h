@@ -43,10 +43,11 @@ enum class KQZipCopyEnd {
   NotWritten  ///< A write failed or took nothing.
 };
 
-/// Copies up to `length` bytes, block by block. Where the system can, it moves them by itself after the first
-/// whole block.
-KQZipCopyEnd KQZipCopyBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target, std::uint64_t length,
-                             KQ::NSProgress& progress, KQZipCopyOrder order);
+/// Copies up to `length` bytes through `block`, which has room for as many or for a whole block. Where the
+/// system can, it moves them by itself after the first whole block.
+KQZipCopyEnd KQZipCopyBlocks(KQ::NSInputStream& source, KQ::NSOutputStream& target,
+                             const KQZipTransferBlock& block, std::uint64_t length, KQ::NSProgress& progress,
+                             KQZipCopyOrder order);
 
 /// Goes on with a copy of up to `length` bytes, block by block, as long as the system moves them by itself
 /// and nobody cancels. To be called after a whole block, so that nothing changes for small files. Returns how

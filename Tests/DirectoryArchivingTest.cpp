@@ -332,9 +332,10 @@ TEST_F(DirectoryArchiving, OfSeveralItemsWithoutReadableAttributesTheLastOneIsRe
   fs::permissions(tree_ / "Folder/listed", fs::perms::owner_read | fs::perms::others_read);
   fs::create_directory(tree_ / "target");
   fs::permissions(tree_ / "target", fs::perms::all);
-  inUnprivilegedChildProcess([this] {
-    expectPlatformFailure(tree_ / "target/out.zip", tree_ / "Folder", EACCES, tree_ / "Folder/listed/3.txt");
-  });
+  // Where a folder tells names alone, it cannot be walked without them, and is the one that is named.
+  const std::string named = tree_ / (KQZIP_FOLDERS_TELL_TYPES ? "Folder/listed/3.txt" : "Folder/listed:");
+  inUnprivilegedChildProcess(
+      [this, named] { expectPlatformFailure(tree_ / "target/out.zip", tree_ / "Folder", EACCES, named); });
 }
 
 TEST_F(DirectoryArchiving, ANameThatIsNotUTF8FailsTheRunAndIsNamed) {

@@ -18,7 +18,10 @@ if(NOT KQZIP_PLAIN_POSIX)
     #include <sys/syscall.h>
     int main() { open_how how{}; how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS; return SYS_openat2 + int(how.flags); }"
     KQZIP_HAS_OPENAT2)
-  list(APPEND optional_calls SENDFILE COPY_FILE_RANGE FALLOCATE POSIX_FADVISE RENAMEAT2 SCHED_GETAFFINITY D_TYPE OPENAT2)
+  # A file that is looked for when it is needed.
+  set(KQZIP_HAS_PROC_STATUS ON)
+  list(APPEND optional_calls SENDFILE COPY_FILE_RANGE FALLOCATE POSIX_FADVISE RENAMEAT2 SCHED_GETAFFINITY D_TYPE OPENAT2
+    PROC_STATUS)
 endif()
 # Not a matter of choice: where the field has this name, it has no other.
 check_struct_has_member("struct stat" st_mtimespec sys/stat.h KQZIP_HAS_ST_MTIMESPEC LANGUAGE CXX)

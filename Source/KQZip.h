@@ -20,6 +20,7 @@
 #include "Archive/KQZipPackingList.h"
 #include "Archive/KQZipPackingOptions.h"
 #include "Archive/KQZipReport.h"
+#include "Archive/KQZipUnpackOptions.h"
 #include "FileHeader/KQZipCentralDirectoryFileHeader.h"
 #include "FileHeader/KQZipFileEntry.h"
 #include "FileHeader/KQZipFileLocalHeader.h"

@@ -21,4 +21,7 @@ enum KQZipErrorCode : std::int64_t {
   KQZipErrorEntryDamaged = -202,   ///< An entry's header or data do not match the archive.
   KQZipErrorProblemsFound = -203,  ///< A job was completed and reports problems.
   KQZipErrorSourceRefused = -204,  ///< A source cannot be packed under its name.
+  KQZipErrorUnsafeName = -205,     ///< A name would lead out of the folder that an archive is unpacked into.
+  KQZipErrorNoSuchEntry = -206,    ///< A path matches no entry.
+  KQZipErrorInTheWay = -207,       ///< An item that is not replaced has the path of an entry.
 };

@@ -11,6 +11,7 @@
 #include "../Internal/KQZipArchiveVerifier.h"
 #include "../Internal/KQZipEntryStream.h"
 #include "../Internal/KQZipError.h"
+#include "../Internal/KQZipUnpacking.h"
 #include "../Platform/NSString.h"
 
 namespace {
@@ -112,4 +113,9 @@ std::optional<std::uint64_t> KQZipArchive::dataOffset(const KQZipArchiveEntry& e
 bool KQZipArchive::verify(const KQZipVerifyOptions& options, KQZipReport& report,
                           KQ::NSErrorSlot error) const {
   return KQZipVerifyArchive(*state_, options, report, error);
+}
+
+bool KQZipArchive::unpack(const std::string& folder, const KQZipUnpackOptions& options, KQZipReport& report,
+                          KQ::NSErrorSlot error) const {
+  return KQZipUnpackArchive(*state_, folder, options, report, error);
 }

@@ -13,6 +13,7 @@
 #include "../Platform/NSStream.h"
 #include "KQZipArchiveEntry.h"
 #include "KQZipReport.h"
+#include "KQZipUnpackOptions.h"
 
 /// How KQZipArchive::verify() works.
 struct KQZipVerifyOptions {
@@ -101,6 +102,25 @@ class KQZIP_EXPORT KQZipArchive {
   /// error when the check itself could not go on: KQZipErrorCancelled when the thread's current progress was
   /// cancelled. Its progress, a child of that one, counts bytes.
   bool verify(const KQZipVerifyOptions& options, KQZipReport& report, KQ::NSErrorSlot error = nullptr) const;
+
+  /// Gives the entries back into `folder`, which is made if it is not there, several at once. Every byte is
+  /// compared with its CRC-32 on the way. What does not match, is damaged, or is refused by the system is not
+  /// left under its name and stands in the report; the other entries go on. A file that is there is replaced
+  /// in one step when the new one is whole, or as `options` say.
+  ///
+  /// Nothing leaves the folder, and nothing is written through a symbolic link that is found or put there.
+  /// New folders are nobody else's until all is done; then they get their permissions and dates. Files are
+  /// made with theirs, as far as the process's mask lets them. Folders that were there keep theirs. Links
+  /// come last, and only those that stay inside.
+  ///
+  /// True when all that was asked for is there, whole. False, before anything is written, with
+  /// KQZipErrorUnsafeName when a name is empty, is absolute or has a part "..", whether it is asked for or
+  /// not; with KQZipErrorNoSuchEntry when one of the paths asks for nothing; with the system's error when the
+  /// folder cannot be made or opened. False with KQZipErrorProblemsFound when there are problems, which stand
+  /// in the report, and with KQZipErrorCancelled when the thread's current progress was cancelled: files that
+  /// were not whole by then are gone. Its progress, a child of that one, counts bytes.
+  bool unpack(const std::string& folder, const KQZipUnpackOptions& options, KQZipReport& report,
+              KQ::NSErrorSlot error = nullptr) const;
 
  private:
   std::unique_ptr<const KQZipArchiveState> state_;

@@ -10,18 +10,21 @@
 
 /// What kind of thing is wrong. More kinds may be added.
 enum class KQZipProblemKind : std::uint8_t {
-  Unreadable,   ///< The system or the stream refused to read.
-  EndsEarly,    ///< The archive ends before something that it should hold.
-  EndRecords,   ///< The records at the archive's end contradict each other, or what stands in front of them.
-  Directory,    ///< A central header cannot be used, or says what nothing bears out.
-  Header,       ///< A local header is missing, damaged, or not what the directory says of the entry.
-  Data,         ///< An entry's data do not have its CRC-32 or its length.
-  Compressed,   ///< An entry is compressed, and only stored ones can be given back.
-  Encrypted,    ///< An entry is encrypted.
-  Split,        ///< The archive is one part of several.
-  Overlap,      ///< Bytes belong to two entries, or to an entry and the directory.
-  SameName,     ///< Another entry has the same name, and counts.
-  UnknownBytes  ///< Bytes of the archive belong to nothing.
+  Unreadable,    ///< The system or the stream refused to read.
+  EndsEarly,     ///< The archive ends before something that it should hold.
+  EndRecords,    ///< The records at the archive's end contradict each other, or what stands in front of them.
+  Directory,     ///< A central header cannot be used, or says what nothing bears out.
+  Header,        ///< A local header is missing, damaged, or not what the directory says of the entry.
+  Data,          ///< An entry's data do not have its CRC-32 or its length.
+  Compressed,    ///< An entry is compressed, and only stored ones can be given back.
+  Encrypted,     ///< An entry is encrypted.
+  Split,         ///< The archive is one part of several.
+  Overlap,       ///< Bytes belong to two entries, or to an entry and the directory.
+  SameName,      ///< Another entry has the same name, and counts.
+  UnknownBytes,  ///< Bytes of the archive belong to nothing.
+  NotWritten,    ///< An entry has no place where it is unpacked to: the system refused it, or something is
+                 ///< there.
+  LeavesFolder   ///< A symbolic link would lead out of the folder that is unpacked into.
 };
 
 /// Something that is wrong with an archive, or with one entry of it.

@@ -59,12 +59,6 @@ NSDate dateOf(const NSItemStatus& status) {
   return NSDate(NSDate::duration(earliest) - std::chrono::ceil<NSDate::duration>(before));
 }
 
-NSItemTime timeOf(NSDate date) {
-  const auto whole = std::chrono::floor<std::chrono::seconds>(date);
-  const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(date - whole);
-  return {whole.time_since_epoch().count(), static_cast<std::int32_t>(rest.count())};
-}
-
 int statusOf(const std::string& path, bool followingLink, NSItemStatus* status) {
   return -NSSystem::current().statusAt(NSCurrentFolder, NSSystemPath(path), followingLink, status);
 }
@@ -130,7 +124,7 @@ bool NSFileManager::setAttributes(const NSFileAttributes& attributes, const std:
     code = statusOf(path, true, &status);
   } else if (code == 0) {
     code = -NSSystem::current().setTimeAt(NSCurrentFolder, NSSystemPath(path), true,
-                                          timeOf(*attributes.NSFileModificationDate));
+                                          NSTimeOfDate(*attributes.NSFileModificationDate));
   }
   return code == 0 || fail(error, code, path);
 }

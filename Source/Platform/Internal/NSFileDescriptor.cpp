@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 #include "../NSString.h"
 
@@ -41,6 +42,12 @@ const char* NSSystemPath(const std::string& path) { return path.empty() ? "." : 
 bool NSTakeError(std::int64_t result) {
   if (result < 0) errno = static_cast<int>(-result);
   return result >= 0;
+}
+
+NSItemTime NSTimeOfDate(NSDate date) {
+  const auto whole = std::chrono::floor<std::chrono::seconds>(date);
+  const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(date - whole);
+  return {whole.time_since_epoch().count(), static_cast<std::int32_t>(rest.count())};
 }
 
 NSFileDescriptor::~NSFileDescriptor() { close(); }
@@ -130,10 +137,13 @@ std::uint64_t NSFileDescriptor::sendTo(const NSFileDescriptor& target, std::uint
   return sent;
 }
 
+bool NSFileDescriptor::status(NSItemStatus* status) const {
+  return NSTakeError(NSSystem::current().status(file_, status));
+}
+
 std::int64_t NSFileDescriptor::length() const {
-  NSItemStatus status;
-  const int result = NSSystem::current().status(file_, &status);
-  return NSTakeError(result) ? static_cast<std::int64_t>(status.size) : -1;
+  NSItemStatus found;
+  return status(&found) ? static_cast<std::int64_t>(found.size) : -1;
 }
 
 }  // namespace KQ

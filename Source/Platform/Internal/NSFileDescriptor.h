@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "../NSCalendar.h"
 #include "NSSystem.h"
 
 namespace KQ {
@@ -15,6 +16,9 @@ const char* NSSystemPath(const std::string& path);
 
 /// Sets `errno` from a negative result of NSSystem. Returns whether the call succeeded.
 bool NSTakeError(std::int64_t result);
+
+/// A date as the system sets it.
+NSItemTime NSTimeOfDate(NSDate date);
 
 /// Owns an open file and completes partial transfers. A call that fails returns false or a negative count and
 /// sets `errno`.
@@ -60,6 +64,9 @@ class NSFileDescriptor {
   /// Returns the number of bytes copied. It is smaller at the end, after a failure and where the system
   /// cannot do this: reading and writing then continues, or finds the reason.
   std::uint64_t sendTo(const NSFileDescriptor& target, std::uint64_t length, std::uint64_t offset) const;
+
+  /// What the file is.
+  bool status(NSItemStatus* status) const;
 
   /// The file's length in bytes.
   std::int64_t length() const;

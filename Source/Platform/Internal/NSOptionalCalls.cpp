@@ -4,7 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
+#include <string_view>
+#include <system_error>
 #include <thread>
 
 #ifdef KQZIP_HAS_SENDFILE
@@ -109,6 +113,29 @@ unsigned NSUsableProcessors() {
 #endif
   return std::max(1U, std::thread::hardware_concurrency());
 }
+
+#ifdef KQZIP_HAS_PROC_STATUS
+int NSMaskWithoutChangingIt(mode_t* mask) {
+  // A line "Umask:\t0022" stands near the start.
+  std::array<char, 1024> text{};
+  const int file = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+  if (file < 0) return -1;
+  const ssize_t length = ::read(file, text.data(), text.size());
+  ::close(file);
+  const std::string_view lines(text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+  static constexpr std::string_view label = "\nUmask:\t";
+  const std::size_t at = lines.find(label);
+  if (at == std::string_view::npos) return notHere();
+  const char* const digits = lines.data() + at + label.size();
+  unsigned value = 0;
+  const auto end = std::from_chars(digits, lines.data() + lines.size(), value, 8);
+  if (end.ec != std::errc() || value > 0777) return notHere();
+  *mask = value;
+  return 0;
+}
+#else
+int NSMaskWithoutChangingIt(mode_t* /*mask*/) { return notHere(); }
+#endif
 
 timespec NSModificationTime(const struct stat& status) {
 #ifdef KQZIP_HAS_ST_MTIMESPEC

@@ -38,6 +38,9 @@ int NSRenameToNew(int folder, const char* path, int newFolder, const char* newPa
 /// How many processors the process may use; at least 1.
 unsigned NSUsableProcessors();
 
+/// The process's mask, on systems that show it in a file.
+int NSMaskWithoutChangingIt(mode_t* mask);
+
 /// The time of the last change of an item's contents, whose field has two names.
 timespec NSModificationTime(const struct stat& status);
 

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <mutex>
 #include <string_view>
 
 #include "NSOptionalCalls.h"
@@ -293,5 +294,18 @@ void NSSystem::log(const std::string& line) { ::syslog(LOG_USER | LOG_NOTICE, "%
 unsigned NSSystem::processors() { return NSUsableProcessors(); }
 
 std::int64_t NSSystem::process() { return ::getpid(); }
+
+std::uint16_t NSSystem::mask() {
+  // Without another way it is changed for a moment, to one that lets nobody else have what is made meanwhile.
+  // Two threads that did it at once could leave that one behind.
+  static std::mutex oneAtATime;
+  const std::lock_guard lock(oneAtATime);
+  mode_t mask = 0;
+  if (NSMaskWithoutChangingIt(&mask) < 0) {
+    mask = ::umask(S_IRWXG | S_IRWXO);
+    ::umask(mask);
+  }
+  return static_cast<std::uint16_t>(mask & 0777);
+}
 
 }  // namespace KQ

@@ -174,6 +174,8 @@ class NSSystem {
   virtual unsigned processors();
   /// The process's identifier.
   virtual std::int64_t process();
+  /// The permissions that the process keeps from what it makes.
+  virtual std::uint16_t mask();
   /// @}
 };
 

@@ -372,8 +372,9 @@ TEST_F(NSPOSIXSystem, AnOperationThatTheSystemDoesNotHaveSaysSo) {
   for (const auto& [name, code] : refusals) {
     SCOPED_TRACE(name);
     const std::vector<Operation> all = operations();
-    const auto operation = std::find_if(all.begin(), all.end(),
-                                        [&](const Operation& candidate) { return candidate.name == name; });
+    const auto operation = std::find_if(all.begin(), all.end(), [&wanted = name](const Operation& candidate) {
+      return candidate.name == wanted;
+    });
     ASSERT_NE(all.end(), operation);
     Script script(operation->function);
     script.code = code;

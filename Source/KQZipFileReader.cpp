@@ -16,8 +16,8 @@
 
 namespace {
 
-// The directory as a reader keeps it. Its headers are parsed like any, but since no answer depends on them
-// they are let go: they would double the memory that an entry takes.
+// The directory of a reader. Its headers are parsed as usual and then discarded: no answer depends on them,
+// and they would double the memory of an entry.
 class ParsedDirectory : public KQZipCentralDirectory {
  public:
   static std::shared_ptr<KQZipCentralDirectory> initWithStream(KQ::NSInputStream& stream,
@@ -35,7 +35,7 @@ class ParsedDirectory : public KQZipCentralDirectory {
 // Header of an entry that is read in one piece.
 using LocalHeader = KQZipOrdinaryHeader<KQZipLocalHeaderFields>;
 
-// Bytes of data behind the header, as KQZipFileEntry::dataLengthFromHeader() has it.
+// Bytes of data after the header, as in KQZipFileEntry::dataLengthFromHeader().
 std::uint64_t dataLengthOf(const LocalHeader& header) {
   if (!header.zip64) return header.fields.compressedSize;
   KQZipZip64Values values;
@@ -50,7 +50,7 @@ KQ::NSDate modificationDateOf(const KQZipTableEntry& entry) {
   return fields.modificationDate();
 }
 
-// An empty file counts as a directory too; that is meant.
+// By design, an empty file counts as a directory too.
 bool isDirectory(const KQZipTableEntry& entry) { return entry.dataLength == 0; }
 
 bool hasBytesAvailable(KQ::NSInputStream& stream) {
@@ -92,7 +92,7 @@ std::shared_ptr<KQZipFileReader> KQZipFileReader::initWithZipPath(const std::str
                                                                   KQ::NSErrorSlot error) {
   auto reader = std::make_shared<KQZipFileReader>(Key{}, zipPath);
   const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(zipPath);
-  // A file that cannot be opened acts like one without bytes.
+  // A file that cannot be opened counts as an empty one.
   if (!stream) return reader;
   stream->open();
   std::shared_ptr<const KQ::NSError> scanError;
@@ -144,14 +144,13 @@ bool KQZipFileReader::State::_parseRecord(std::uint32_t signature, KQ::NSInputSt
   }
 }
 
-// An entry whose name is not valid UTF-8 has no path, by which there would be nothing to ask for it.
+// An entry whose name is not valid UTF-8 has no path, and so nobody can ask for it.
 bool KQZipFileReader::State::_takeLocalHeaderAtHand(KQ::NSInputStream& stream) {
   LocalHeader header;
   if (!KQZipOrdinaryHeaderAtHand(stream, &header)) return false;
   const std::uint64_t dataOffset = header.offset + header.fields.wholeSize() - KQZipSignatureSize;
   const std::uint64_t dataLength = dataLengthOf(header);
-  // The class says what is wrong with data that ends beyond any offset, and with a stream that cannot be
-  // moved.
+  // For data that ends beyond any offset, and for a stream that cannot be moved, the class makes the error.
   if (dataLength > INT64_MAX - dataOffset) return false;
   const std::string_view name = header.parts.name;
   if (KQ::isValidUTF8(name))
@@ -173,10 +172,10 @@ bool KQZipFileReader::State::_parseLocalHeader(KQ::NSInputStream& stream, KQ::NS
   return true;
 }
 
-// The directory's parse begins after the signature, inside its first header. It is meant and harmless: no
-// answer depends on the directory, and one that cannot be parsed is passed over.
+// By design, the directory's parse begins after the signature, inside its first header. This does no harm: no
+// answer depends on the directory, and one that cannot be parsed is ignored.
 void KQZipFileReader::State::_parseCentralDirectory(KQ::NSInputStream& stream) {
-  // A slot of its own: an error left in the scan's would pass for that of a later record.
+  // A slot of its own: an error left in the scan's slot would look like that of a later record.
   std::shared_ptr<const KQ::NSError> directoryError;
   centralDirectory = ParsedDirectory::initWithStream(stream, &directoryError);
 }
@@ -229,14 +228,14 @@ bool KQZipFileReader::writeDataForRelativePath(const std::string& relativePath, 
   const auto progress = KQ::NSProgress::progressWithTotalUnitCount(KQ::NSUnitCount(entry->dataLength));
   progress->becomeCurrentWithPendingUnitCount(1);
   const bool written = state_->_writeData(*entry, toPath, *progress, error);
-  // After a cancellation the progress stays current; that is meant.
+  // By design, the progress stays current after a cancellation.
   if (!progress->isCancelled()) progress->resignCurrent();
   return written;
 }
 
 bool KQZipFileReader::State::_writeData(const KQZipTableEntry& entry, const std::string& toPath,
                                         KQ::NSProgress& progress, KQ::NSErrorSlot error) const {
-  // Nothing is created for a reader that was made from a stream: it has no archive to read from.
+  // A reader that was made from a stream has no file to read, so no file is created.
   if (!zipPath) return false;
   const std::string parent = KQ::stringByDeletingLastPathComponent(toPath);
   if (!KQ::NSFileManager::createDirectoryAtPath(parent, true, error)) return false;
@@ -244,7 +243,7 @@ bool KQZipFileReader::State::_writeData(const KQZipTableEntry& entry, const std:
   const auto output = KQ::NSOutputStream::outputStreamToFileAtPath(toPath);
   output->open();
   const auto input = _openArchive();
-  // An archive that cannot be opened any more only matters where there is data.
+  // An archive that cannot be opened again matters only if the entry has data.
   auto end = isDirectory(entry) ? KQZipCopyEnd::Complete : KQZipCopyEnd::NotRead;
   if (input) {
     input->setNSStreamFileCurrentOffsetKey(entry.dataOffset);
@@ -253,7 +252,7 @@ bool KQZipFileReader::State::_writeData(const KQZipTableEntry& entry, const std:
                           KQZipCopyOrder::ReadWriteCountTest);
   }
   if (end == KQZipCopyEnd::Cancelled) KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");
-  // A small file only leaves the stream's buffer at the end, so that is where a full disk shows.
+  // A small file leaves the stream's buffer only at the end, where a full disk shows.
   const bool written = end == KQZipCopyEnd::Complete && output->flush();
   if (input) input->close();
   output->close();
@@ -289,7 +288,7 @@ bool KQZipFileReader::State::_extract(const KQZipFileReader& reader, const std::
         !KQ::NSFileManager::createDirectoryAtPath(parent, true))
       KQ::NSLog(
           KQ::stringWithFormat("failed to create parent directory at %@ for %@", {parent, relativePath}));
-    // A failure here comes before the test for a cancellation.
+    // A failure here takes precedence over a cancellation.
     if (!reader.writeDataForRelativePath(relativePath, target, error)) return false;
   }
   return !progress.isCancelled() || KQZipFail(error, KQZipErrorCancelled, "Cancelled By User.");

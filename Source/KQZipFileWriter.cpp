@@ -43,13 +43,13 @@ void KQZipFileWriter::addFilePath(const std::string& filePath, const std::string
 void KQZipFileWriter::State::_addEntry(std::string filePath, std::string relativePath) {
   const auto path = std::make_shared<const std::string>(std::move(filePath));
   const auto name = std::make_shared<const std::string>(std::move(relativePath));
-  // A tree is added in the order of its names for the greater part, which makes the end the likely place.
+  // A tree is added mostly in the order of its names, so the end is the likely place.
   fileEntries.insert_or_assign(fileEntries.end(), name,
                                KQZipFileLocalHeader::_initWithSourceFile(path, name));
 }
 
 bool KQZipFileWriter::writeToStream(KQ::NSOutputStream& stream, KQ::NSErrorSlot error) {
-  // What the stream's or the log's own code adds meanwhile is for the next write.
+  // Entries that the stream's or the log's own code adds during the write are for the next one.
   State::Entries entries;
   entries.reserve(state_->fileEntries.size());
   for (const auto& [name, entry] : state_->fileEntries) entries.push_back(entry);
@@ -71,7 +71,7 @@ bool KQZipFileWriter::State::_writeEntry(KQZipFileLocalHeader& entry, KQ::NSOutp
                                          KQ::NSErrorSlot error) {
   progress->becomeCurrentWithPendingUnitCount(1);
   const bool written = entry.writeToStream(stream, error);
-  // A cancellation comes before the entry's own result and leaves the progress current; both are meant.
+  // By design, a cancellation takes precedence over the entry's own result and leaves the progress current.
   if (progress->isCancelled()) return KQZipFail(error, KQZipErrorCancelled, "Cancelled by user.");
   progress->resignCurrent();
   return written;
@@ -81,7 +81,7 @@ bool KQZipFileWriter::State::_writeCentralDirectory(const Entries& entries, KQ::
                                                     KQ::NSErrorSlot error) {
   if (!KQZipCentralDirectory::centralDirectoryWithFileEntries(entries)->writeToStream(stream, error))
     return false;
-  // Buffered bytes may still meet a full disk, and data that the stream did not take shows here at the
+  // Buffered bytes may still find the disk full, and data that the stream did not accept shows here at the
   // latest.
   return stream.flush() || KQZipReportFailedWrite(error);
 }
@@ -101,8 +101,8 @@ bool KQZipFileWriter::writeToZipPath(const std::optional<std::string>& zipPath, 
   if (!parentIsDirectory)
     return refuse("Could not write to zip path %@ because parent directory doesn't exist");
 
-  // The test above is for the order of the refusals. Opening decides: what has come since, and a link that
-  // leads nowhere, are somebody else's.
+  // The test above gives the refusals their order. Opening decides: it also refuses a dangling link, and an
+  // item that has appeared since the test.
   KQ::NSFileOutputStream stream(*zipPath, KQ::NSFileOutputStream::Existing::Refused);
   stream.open();
   if (stream.hasRefusedExisting()) return refuse("Could not write to zip path %@");
@@ -122,7 +122,7 @@ bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool 
   std::vector<std::string> relativePaths;
   auto enumerator = KQ::NSFileManager::enumeratorAtPath(directory);
   while (auto relativePath = enumerator.nextObject()) {
-    // Only the item's own name counts: what a hidden folder holds is kept.
+    // Only the item's own name counts: the files of a hidden folder are kept.
     const std::size_t slash = relativePath->rfind('/');
     const bool isHidden = (*relativePath)[slash == std::string::npos ? 0 : slash + 1] == '.';
     if (!isHidden) relativePaths.push_back(std::move(*relativePath));
@@ -130,7 +130,7 @@ bool KQZipFileWriter::addContentsOfDirectory(const std::string& directory, bool 
   bool complete = enumerator.error() == nullptr;
   if (!complete) KQ::NSStoreError(error, enumerator.error());
 
-  // Goes on behind a failure, so that the slot ends with the last one.
+  // Continues after a failure, so that the slot has the last error at the end.
   for (const std::string& relativePath : relativePaths) {
     std::string path = KQ::stringByAppendingPathComponent(directory, relativePath);
     const auto attributes = KQ::NSFileManager::attributesOfItemAtPath(path, error);
@@ -152,7 +152,7 @@ bool KQZipFileWriter::createZipFileAtPath(const std::string& zipPath,
 }
 
 KQZipPermissions KQZipFileWriter::permissionsOfSources() const {
-  // They are asked for in the order of the archive, so that the next entry is the likely one.
+  // The permissions are asked for in the order of the archive, so the next entry is the likely one.
   return [&entries = state_->fileEntries, next = state_->fileEntries.begin()](
              const std::string& relativePath) mutable -> std::optional<std::uint32_t> {
     if (next == entries.end() || *next->first != relativePath)

@@ -22,7 +22,7 @@ constexpr std::uint64_t zip64FieldLength = KQZipZip64Values::fieldSize;
 
 constexpr std::uint16_t nameIsUTF8 = 0x0800;
 
-// External attributes: what is Unix's in the upper half, a folder's mark of MS-DOS in the lower.
+// External attributes: the Unix mode in the upper half, the MS-DOS bit of a folder in the lower.
 constexpr int typeShift = 28;
 constexpr int modeShift = 16;
 constexpr std::uint32_t regularFile = 0100000;
@@ -41,20 +41,20 @@ bool isFolder(std::string_view name) { return !name.empty() && name.back() == '/
 
 bool haveType(std::uint32_t attributes) { return attributes >> typeShift != 0; }
 
-// Whether they are 0, or the beginning of what is set: a write that stopped inside the number has not reached
-// its last byte, where the type is.
+// Whether they are 0, or the first bytes of the value to set: an interrupted write has not reached the last
+// byte, which has the type.
 bool areUnset(std::uint32_t attributes, bool isFolder) {
   const std::uint32_t lowerHalf = attributes & 0xFFFF;
   return attributes >> 24 == 0 && (lowerHalf == 0 || (isFolder && lowerHalf == folderInDOS));
 }
 
-// The length of the central header of which these bytes are the fixed part.
+// The length of the central header with this fixed part.
 std::uint64_t lengthOfHeader(const std::uint8_t* header) {
   return Central::size + KQZipLoad<std::uint16_t>(header + KQZipOffsetOf(&Central::fileNameLength)) +
          zip64FieldLength;
 }
 
-// Whether two central headers are the same but for flags and attributes.
+// Whether two central headers are the same, except flags and attributes.
 bool areAlike(const std::uint8_t* left, const std::uint8_t* right, std::uint64_t length) {
   constexpr std::size_t flags = KQZipOffsetOf(&Central::flags);
   constexpr std::size_t attributes = KQZipOffsetOf(&Central::externalFileAttributes);
@@ -66,7 +66,7 @@ bool areAlike(const std::uint8_t* left, const std::uint8_t* right, std::uint64_t
   return sameIn(0, flags) && sameIn(flagsEnd, attributes) && sameIn(attributesEnd, length);
 }
 
-// Whether a local header has the same values as the central one. Flags may still be unset in the one.
+// Whether a local header has the same values as the central one. The local flags may still be unset.
 bool match(const Local& local, const Central& central) {
   return local.versionNeeded == central.versionNeeded && (local.flags == 0 || local.flags == central.flags) &&
          local.compression == central.compression && local.crc32 == central.crc32 &&
@@ -130,13 +130,13 @@ bool KQZipInteroperablePlan::_readDirectory(KQ::NSErrorSlot error) {
   }
   if (entriesFound_ != endRecords_.entries)
     return _refuse("its central directory and its end records count differently", error);
-  // Entries stand close together from the archive's first byte on.
+  // The entries fill the archive from its first byte to the directory.
   return nextEntry_ == endRecords_.startOfDirectory ||
          _refuse("its entries do not end where its central directory begins", error);
 }
 
-// Converts the whole headers at the start of the bytes and takes them into the plan if any has changed.
-// Returns how many bytes they have, 0 on failure.
+// Converts the complete headers at the start of the bytes, and adds them to the plan if any of them changes.
+// Returns their size in bytes, 0 on failure.
 std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, std::uint64_t length,
                                                     std::uint64_t offset, KQ::NSErrorSlot error) {
   auto converted = KQ::NSRawBytes(length);
@@ -158,8 +158,8 @@ std::uint64_t KQZipInteroperablePlan::_convertBlock(const std::uint8_t* bytes, s
   return position;
 }
 
-// Writes the header that is wanted in the place of one that was found. False when the library wrote no such
-// header: whatever it writes otherwise shows in the comparison, so no more is read than what it can vary.
+// Writes the header that replaces the given one. False when the library does not write such a header. Only
+// the values that vary are read; the comparison finds any other difference.
 bool KQZipInteroperablePlan::_convertHeader(const std::uint8_t* bytes, std::uint8_t* converted,
                                             std::uint64_t length) {
   const std::uint64_t zip64At = length - zip64FieldLength;
@@ -196,7 +196,7 @@ std::uint32_t KQZipInteroperablePlan::_externalAttributes(const std::string& nam
   return mode << modeShift | (isFolder(name) ? folderInDOS : 0);
 }
 
-// Moves on to where the next entry stands. False when that is behind the entries.
+// Moves to the offset of the next entry. False when that is after the entries.
 bool KQZipInteroperablePlan::_stepOverEntry(std::uint64_t lengthOfName, std::uint64_t lengthOfData) {
   const std::uint64_t left = endRecords_.startOfDirectory - nextEntry_;
   const std::uint64_t lengthOfHeader = Local::size + lengthOfName + zip64FieldLength;
@@ -205,8 +205,8 @@ bool KQZipInteroperablePlan::_stepOverEntry(std::uint64_t lengthOfName, std::uin
   return true;
 }
 
-// The local header at `offset` of the entry that was converted last. Name and Zip64 field are the same in
-// both of its headers.
+// The local header, at `offset`, of the entry that was converted last. Both of its headers have the same name
+// and Zip64 field.
 bool KQZipInteroperablePlan::_readLocalHeader(KQZipBytes nameAndExtraField, std::uint64_t offset,
                                               KQ::NSErrorSlot error) {
   std::vector<std::uint8_t> bytes(Local::size + nameAndExtraField.size());

@@ -11,8 +11,7 @@
 #include "KQZipEndRecords.h"
 #include "KQZipHeaderCodec.h"
 
-// What makes an archive interoperable, found out in full before anything is written. For the library's own
-// use.
+// The changes that make an archive interoperable, complete before anything is written.
 
 /// The changes to one archive.
 class KQZipInteroperablePlan {
@@ -21,8 +20,7 @@ class KQZipInteroperablePlan {
   KQZipInteroperablePlan(std::string path, const KQ::NSFileHandle& source,
                          const KQZipPermissions& permissions);
 
-  /// Reads and checks the archive. Fails with the error of a read, or with that of an archive of another
-  /// form.
+  /// Reads and checks the archive. Fails with the error of a read, or with -1 for an archive of another form.
   bool make(KQ::NSErrorSlot error);
 
   /// True when there is nothing to change.
@@ -33,7 +31,7 @@ class KQZipInteroperablePlan {
   bool carryOut(const KQ::NSFileHandle& archive, KQ::NSErrorSlot error) const;
 
  private:
-  /// Central headers that change, with all around them that was read together with them.
+  /// Central headers that change, together with the other headers of the same read.
   struct Block {
     std::uint64_t offset;
     std::unique_ptr<std::uint8_t[]> bytes;
@@ -56,18 +54,18 @@ class KQZipInteroperablePlan {
   const KQ::NSFileHandle& source_;
   const KQZipPermissions& permissions_;
 
-  // What the archive says at its end.
+  // The archive's end records.
   KQZipEndRecords endRecords_;
   KQZipEndRecords::Bytes endRecordsFound_{};
 
-  // The way through the directory: how many entries there were, where the next one stands, and the header and
-  // the name that were converted last.
+  // The position in the directory: the number of entries so far, the offset of the next one, and the header
+  // and name that were converted last.
   std::uint64_t entriesFound_ = 0;
   std::uint64_t nextEntry_ = 0;
   KQZipCentralHeaderFields header_;
   std::string name_;
 
-  // What is to be written.
+  // The changes to write.
   std::vector<std::uint64_t> localFlags_;
   std::vector<Block> blocks_;
 };

@@ -10,8 +10,8 @@
 /// Data is read and copied in blocks of this many bytes.
 inline constexpr std::uint64_t KQZipBlockSize = 1048576;
 
-/// Lets the thread keep the block that a transfer has given back, for the next one, until the last keeper has
-/// gone: a block of its own for each of many small files would cost more than the files.
+/// While a keeper exists, the thread keeps a transfer's block for the next transfer: a new block for each of
+/// many small files would cost more than the files.
 class KQZipTransferBlockKeeper {
  public:
   KQZipTransferBlockKeeper() { ++kept().keepers; }
@@ -35,7 +35,7 @@ class KQZipTransferBlockKeeper {
   }
 };
 
-/// A buffer for a transfer: a whole block where the thread keeps one, else no longer than needed.
+/// A buffer for a transfer: a whole block if the thread keeps one, or else no longer than needed.
 class KQZipTransferBlock {
  public:
   /// A buffer for a transfer of `length` bytes.
@@ -53,7 +53,7 @@ class KQZipTransferBlock {
   KQZipTransferBlock(const KQZipTransferBlock&) = delete;
   KQZipTransferBlock& operator=(const KQZipTransferBlock&) = delete;
 
-  /// The first of the block's bytes, which hold anything.
+  /// The first of the block's bytes, whose values are undefined.
   std::uint8_t* get() const { return bytes_.get(); }
 
  private:

@@ -177,7 +177,9 @@ bool KQZipNewArchive::_lookAtExisting(KQ::NSErrorSlot error) {
   KQ::NSItemStatus status;
   const char* const path = KQ::NSSystemPath(path_);
   const auto identityOf = [&status] { return Identity{status.device, status.number, true}; };
-  if (NSSystem::current().statusAt(KQ::NSCurrentFolder, path, false, &status) < 0) return true;
+  const int result = NSSystem::current().statusAt(KQ::NSCurrentFolder, path, false, &status);
+  if (result == -ENOENT || result == -ENOTDIR) return true;
+  if (result < 0) return _fail(-result, error);
   if (!replacing_ || status.type == KQ::NSItemType::Folder)
     return _refuse("Could not write to zip path %@", error);
   replaced_ = identityOf();

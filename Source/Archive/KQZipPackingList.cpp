@@ -50,6 +50,8 @@ struct KQZipPackingList::State {
   Source& add(Source::Kind kind, std::string_view path, std::string_view name);
   Source::More& addMore(Source::Kind kind, std::string_view path, std::string_view name,
                         const KQZipEntryAttributes& attributes);
+  Source::Rare& addRare(Source::Kind kind, std::string_view path, std::string_view name,
+                        const KQZipEntryAttributes& attributes);
   bool areNamesUsable(KQ::NSErrorSlot error) const;
   bool find(const KQZipPackingOptions& options, bool measuring, const KQ::NSProgress* progress,
             KQ::NSErrorSlot error);
@@ -76,6 +78,14 @@ Source::More& KQZipPackingList::State::addMore(Source::Kind kind, std::string_vi
   source.more = std::make_unique<Source::More>();
   source.more->attributes = attributes;
   return *source.more;
+}
+
+Source::Rare& KQZipPackingList::State::addRare(Source::Kind kind, std::string_view path,
+                                               std::string_view name,
+                                               const KQZipEntryAttributes& attributes) {
+  Source::More& more = addMore(kind, path, name, attributes);
+  more.rare = std::make_unique<Source::Rare>();
+  return *more.rare;
 }
 
 bool KQZipPackingList::State::areNamesUsable(KQ::NSErrorSlot error) const {
@@ -112,7 +122,7 @@ KQZipPackingList::KQZipPackingList() : state_(std::make_unique<State>()) {}
 KQZipPackingList::~KQZipPackingList() = default;
 
 void KQZipPackingList::addTree(const std::string& path, const KQZipTreeOptions& options) {
-  state_->addMore(Source::Kind::Tree, path, options.name, {}).tree = options;
+  state_->addRare(Source::Kind::Tree, path, options.name, {}).tree = options;
 }
 
 void KQZipPackingList::addItem(const std::string& path, const std::string& name, KQZipLinks links,
@@ -139,9 +149,9 @@ void KQZipPackingList::addData(const std::string& bytes, const std::string& name
 
 void KQZipPackingList::addStream(std::shared_ptr<KQ::NSInputStream> stream, std::uint64_t length,
                                  const std::string& name, const KQZipEntryAttributes& attributes) {
-  auto& more = state_->addMore(Source::Kind::Stream, {}, name, completed(attributes, permissionsOfFile));
-  more.stream = std::move(stream);
-  more.length = length;
+  auto& rare = state_->addRare(Source::Kind::Stream, {}, name, completed(attributes, permissionsOfFile));
+  rare.stream = std::move(stream);
+  rare.length = length;
 }
 
 void KQZipPackingList::addFolder(const std::string& name, const KQZipEntryAttributes& attributes) {

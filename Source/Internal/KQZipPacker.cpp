@@ -41,7 +41,7 @@ class KQZipPacker::InOrder {
     if (entry.isFile()) return file_.open(entry, path);
     const auto& more = *list.sources[entry.source].more;
     data_ = more.data.get();
-    stream_ = more.stream.get();
+    stream_ = more.rare ? more.rare->stream.get() : nullptr;
     if (stream_ != nullptr) start_ = stream_->NSStreamFileCurrentOffsetKey();
     return 0;
   }

@@ -70,7 +70,7 @@ bool KQZipPackingBlock::append(KQZipPackingEntry& entry) {
   job_.form.setTime(&entry);
   if (entry.kind == Entry::Kind::Folder) return _appendBytes(entry, nullptr, 0);
   const auto& more = *job_.list.sources[entry.source].more;
-  if (entry.kind == Entry::Kind::Stream) return _giveLargePlace(entry, more.length);
+  if (entry.kind == Entry::Kind::Stream) return _giveLargePlace(entry, more.rare->length);
   return more.data ? _appendBytes(entry, more.data->bytes(), more.data->length())
                    : _appendBytes(entry, nullptr, 0);
 }

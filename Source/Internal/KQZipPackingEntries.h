@@ -34,12 +34,17 @@ struct KQZipPackingSource {
   enum class Kind : std::uint8_t { Tree, Item, Data, Stream, Folder, Link };
 
   /// What only few sources have.
-  struct More {
+  struct Rare {
     KQZipTreeOptions tree;
-    KQZipEntryAttributes attributes;
-    std::shared_ptr<const KQ::NSData> data;
     std::shared_ptr<KQ::NSInputStream> stream;
     std::uint64_t length = 0;
+  };
+
+  /// What sources have that are not simply in the file system.
+  struct More {
+    KQZipEntryAttributes attributes;
+    std::shared_ptr<const KQ::NSData> data;
+    std::unique_ptr<Rare> rare;
   };
 
   Kind kind = Kind::Item;
@@ -87,7 +92,7 @@ struct KQZipPackingEntry {
 
 /// The sources of a list, and what was found of them.
 struct KQZipPackingEntries {
-  std::vector<KQZipPackingSource> sources;
+  std::deque<KQZipPackingSource> sources;
   KQZipTextPool sourceTexts;
 
   std::deque<KQZipPackingEntry> entries;

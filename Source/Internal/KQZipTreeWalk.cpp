@@ -69,7 +69,7 @@ bool KQZipTreeWalk::add(std::uint32_t source, KQ::NSErrorSlot error) {
 
 bool KQZipTreeWalk::_addTree() {
   const KQZipPackingSource& tree = found_.sources[source_];
-  options_ = &tree.more->tree;
+  options_ = &tree.more->rare->tree;
   std::string root(tree.name);
   if (matchesAny(root, options_->excluding)) {
     _leaveOut(root, Why::Chosen, isExcluded);
@@ -133,7 +133,7 @@ void KQZipTreeWalk::_addGiven() {
       _add(given.name, Entry::Kind::Data).length = given.more->data ? given.more->data->length() : 0;
       break;
     case KQZipPackingSource::Kind::Stream:
-      _add(given.name, Entry::Kind::Stream).length = given.more->length;
+      _add(given.name, Entry::Kind::Stream).length = given.more->rare->length;
       break;
     case KQZipPackingSource::Kind::Link:
       if (isExact_)

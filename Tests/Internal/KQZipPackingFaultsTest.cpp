@@ -93,9 +93,9 @@ class KQZipPackingFaultsTest : public testing::Test {
     for (const auto& [name, contents] : expected_) {
       const auto entry = opened->find(name);
       // Of a folder that was not read all below is missing.
-      const bool isLeftOut = std::any_of(leftOut.begin(), leftOut.end(), [&](const std::string& path) {
-        const std::string whole = folder / ("tree/" + name);
-        return whole == path || whole == path + "/" || whole.rfind(path + "/", 0) == 0;
+      const std::string source = folder / ("tree/" + name);
+      const bool isLeftOut = std::any_of(leftOut.begin(), leftOut.end(), [&source](const std::string& path) {
+        return source == path || source == path + "/" || source.rfind(path + "/", 0) == 0;
       });
       EXPECT_TRUE(entry || isLeftOut) << name;
       if (!entry) continue;

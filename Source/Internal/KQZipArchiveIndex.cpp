@@ -64,7 +64,7 @@ std::int64_t KQZipArchiveIndex::keptDate(const KQZipIndexRecord& record) const {
 
 void KQZipArchiveIndex::settle(std::uint64_t end) {
   if (!_namesAscend()) std::call_once(tableMade_, [this] { _markShadowed(); });
-  _markOverlaps(end);
+  markOverlaps(end);
 }
 
 std::optional<std::uint32_t> KQZipArchiveIndex::find(std::string_view name) const {
@@ -134,7 +134,7 @@ void KQZipArchiveIndex::_markShadowed() {
 // Makes the table, and a list of the entries to whose names others come later.
 void KQZipArchiveIndex::_makeTable(std::vector<std::uint32_t>* shadowed) const {
   if (size_ == 0) return;
-  table_.assign(std::size_t{size_} + size_ / 2 + 1, none);
+  table_.assign(std::size_t{size_} * 2, none);
   std::string room;
   std::string canonicalRoom;
   for (std::uint32_t index = 0; index < size_; ++index) {
@@ -158,23 +158,29 @@ std::uint32_t* KQZipArchiveIndex::_slotOf(std::string_view canonicalName) const 
   }
 }
 
-void KQZipArchiveIndex::_markOverlaps(std::uint64_t end) {
+// Makes a list of the order unless it is that of the entries themselves.
+void KQZipArchiveIndex::_putInOrder() {
+  order_.clear();
   bool ascend = true;
   for (std::uint32_t index = 1; index < size_ && ascend; ++index)
     ascend = (*this)[index - 1].localHeaderAt <= (*this)[index].localHeaderAt;
-  if (!ascend) {
-    order_.resize(size_);
-    std::iota(order_.begin(), order_.end(), 0U);
-    std::stable_sort(order_.begin(), order_.end(), [this](std::uint32_t left, std::uint32_t right) {
-      return (*this)[left].localHeaderAt < (*this)[right].localHeaderAt;
-    });
-  }
+  if (ascend) return;
+  order_.resize(size_);
+  std::iota(order_.begin(), order_.end(), 0U);
+  std::stable_sort(order_.begin(), order_.end(), [this](std::uint32_t left, std::uint32_t right) {
+    return (*this)[left].localHeaderAt < (*this)[right].localHeaderAt;
+  });
+}
+
+void KQZipArchiveIndex::markOverlaps(std::uint64_t end) {
+  _putInOrder();
   // The one of those before whose data reach furthest.
   std::uint32_t furthest = none;
   std::uint64_t furthestEnd = 0;
   for (std::uint32_t place = 0; place < size_; ++place) {
     const std::uint32_t index = inOrder(place);
     KQZipIndexRecord& record = (*this)[index];
+    record.isOverlapping = 0;
     if (record.isOnOtherPart != 0 || record.isNoEntry != 0) continue;
     const std::uint64_t header = KQZipLocalHeaderFields::size + std::uint64_t{record.nameLength};
     if (record.localHeaderAt > end || header > end - record.localHeaderAt ||

@@ -41,6 +41,7 @@ struct KQZipIndexRecord {
   unsigned isOnOtherPart : 1 = 0;      ///< It starts on another part of a split archive.
   unsigned isOutside : 1 = 0;          ///< Its data would end after the archive's entries.
   unsigned isNoEntry : 1 = 0;          ///< Its name alone is known, for a problem to show.
+  unsigned isUnclaimed : 1 = 0;        ///< No header of its own is where it says; its offset is the largest.
   unsigned isIncomplete : 1 = 0;       ///< A saturated field has no value in the Zip64 field.
   unsigned hasBadExtraFields : 1 = 0;  ///< The extra fields do not fill their area.
 };
@@ -95,6 +96,9 @@ class KQZipArchiveIndex {
   /// once, after the last add(). `end` is where the entries end.
   void settle(std::uint64_t end);
 
+  /// Marks the entries that share bytes anew, after some were found to have none of their own.
+  void markOverlaps(std::uint64_t end);
+
   /// The entry that counts of those with the name. Any thread.
   std::optional<std::uint32_t> find(std::string_view name) const;
 
@@ -107,7 +111,9 @@ class KQZipArchiveIndex {
   /// The offset of the next local header after that of the entry at `place` in this order; `end` for the
   /// last one.
   std::uint64_t nextAfter(std::uint32_t place, std::uint64_t end) const {
-    return place + 1 < size_ ? (*this)[inOrder(place + 1)].localHeaderAt : end;
+    if (place + 1 >= size_) return end;
+    const std::uint64_t next = (*this)[inOrder(place + 1)].localHeaderAt;
+    return next < end ? next : end;
   }
 
   /// Where in this order the entry stands.
@@ -125,7 +131,7 @@ class KQZipArchiveIndex {
   void _makeTable(std::vector<std::uint32_t>* shadowed) const;
   void _markShadowed();
   std::uint32_t* _slotOf(std::string_view canonicalName) const;
-  void _markOverlaps(std::uint64_t end);
+  void _putInOrder();
 
   std::vector<std::unique_ptr<KQZipIndexRecord[]>> blocks_;
   std::uint32_t size_ = 0;
@@ -136,7 +142,7 @@ class KQZipArchiveIndex {
   std::uint64_t namesEnd_ = 0;
   std::uint64_t roomEnd_ = 0;
 
-  // Entries by name, in open addressing, made when a name is first looked for. Three slots for two entries.
+  // Entries by name, in open addressing, made when a name is first looked for. Two slots for an entry.
   mutable std::once_flag tableMade_;
   mutable std::vector<std::uint32_t> table_;
 

@@ -137,10 +137,11 @@ class Scan {
     for (const std::size_t width : {std::size_t{8}, std::size_t{4}}) {
       if (bytes.size() < start + 4 + 2 * width) continue;
       const std::uint8_t* const fields = bytes.data() + start;
-      const std::uint64_t size =
-          width == 8 ? KQZipLoad<std::uint64_t>(fields + 4) : KQZipLoad<std::uint32_t>(fields + 4);
-      if (size != record.length || (!hasSignature && KQZipLoad<std::uint32_t>(fields) != record.crc32))
-        continue;
+      const auto value = [fields, width](std::size_t at) -> std::uint64_t {
+        return width == 8 ? KQZipLoad<std::uint64_t>(fields + at) : KQZipLoad<std::uint32_t>(fields + at);
+      };
+      if (value(4) != record.length || value(4 + width) != record.uncompressedLength) continue;
+      if (!hasSignature && KQZipLoad<std::uint32_t>(fields) != record.crc32) continue;
       // The header need not know the CRC-32 where it knows the lengths.
       if (hasSignature) record.crc32 = KQZipLoad<std::uint32_t>(fields);
       next_ = entriesEnd_ = next_ + start + 4 + 2 * width;

@@ -38,10 +38,33 @@ bool readDirectory(KQZipArchiveState& archive, KQZipArchiveWindow& window, std::
   return true;
 }
 
+// Whether the directory that was found is that of an archive inside this one, whose own directory is missing:
+// where it is shifted, and an entry at the very beginning, or one that follows it, has it in its data.
+bool isInsideEntry(const KQZipArchiveTail& tail, KQZipArchiveWindow& window, bool* isRead,
+                   KQ::NSErrorSlot error) {
+  constexpr std::uint64_t largestHeader = KQZipLocalHeaderFields::size + 2 * std::uint64_t{0xFFFF};
+  std::uint64_t at = 0;
+  while (tail.base != 0 && at < tail.directoryAt) {
+    KQZipBytes bytes;
+    KQZipLocalHeader header;
+    *isRead = window.look(at, largestHeader, &bytes, error);
+    if (!*isRead || !header.decode(bytes) || !header.isPlausible()) return false;
+    const std::uint64_t dataAt = at + header.fields.wholeSize();
+    if (dataAt > tail.directoryAt || header.values.compressedSize > tail.directoryAt - dataAt) return true;
+    at = dataAt + header.values.compressedSize;
+  }
+  return false;
+}
+
 // Opens by the directory. False when it cannot be followed; then what is wrong is among the findings.
 bool openByDirectory(KQZipArchiveState& archive, KQZipArchiveWindow& window, bool* isRead,
                      KQ::NSErrorSlot error) {
   if (!archive.tail.find(window, archive.source->length(), &archive.findings, isRead, error)) return false;
+  if (isInsideEntry(archive.tail, window, isRead, error)) {
+    archive.tail = {};
+    archive.findings.clear();
+  }
+  if (!*isRead || !archive.tail.isFound) return false;
   std::uint64_t damagedAt = 0;
   if (!readDirectory(archive, window, &damagedAt, isRead, error)) {
     if (*isRead) archive.findings.push_back({Code::CentralHeaderDamaged, KQZipFinding::noEntry, damagedAt});
@@ -54,6 +77,43 @@ bool openByDirectory(KQZipArchiveState& archive, KQZipArchiveWindow& window, boo
   }
   archive.isFromDirectory = true;
   archive.entriesEnd = archive.tail.directoryAt;
+  return true;
+}
+
+// Whether the entry's local header is where the directory says, and is its own.
+bool hasOwnHeader(const KQZipArchiveState& archive, std::uint32_t index, bool* isRead, std::uint64_t* cost,
+                  KQ::NSErrorSlot error) {
+  KQZipLocated located;
+  *isRead = KQZipLocate(archive, index, &located, error);
+  *cost = located.dataAt == 0 ? 256 : located.dataAt - archive.index[index].localHeaderAt;
+  return std::all_of(located.findings.begin(), located.findings.end(),
+                     [](const KQZipFinding& finding) { return finding.code == Code::OutOfArchive; });
+}
+
+// Where entries share bytes, a damaged record may be the reason: it then costs its own entry alone. The same
+// holds for one that seems to be on another part. No more is read for it than the archive has bytes.
+bool settleClaims(KQZipArchiveState& archive, KQ::NSErrorSlot error) {
+  std::uint64_t budget = archive.source->length();
+  bool hasChanged = false;
+  for (std::uint32_t index = 0; index < archive.index.size(); ++index) {
+    KQZipIndexRecord& record = archive.index[index];
+    if (record.isNoEntry != 0 || (record.isOverlapping == 0 && record.isOnOtherPart == 0)) continue;
+    bool isRead = true;
+    std::uint64_t cost = 0;
+    const bool isItsOwn = hasOwnHeader(archive, index, &isRead, &cost, error);
+    if (!isRead) return false;
+    if (isItsOwn && record.isOnOtherPart != 0) {
+      record.isOnOtherPart = 0;
+      hasChanged = true;
+    } else if (!isItsOwn && record.isOverlapping != 0) {
+      record.isUnclaimed = 1;
+      record.localHeaderAt = UINT64_MAX;
+      hasChanged = true;
+    }
+    if (cost >= budget) break;
+    budget -= cost;
+  }
+  if (hasChanged) archive.index.markOverlaps(archive.entriesEnd);
   return true;
 }
 
@@ -92,6 +152,7 @@ std::unique_ptr<const KQZipArchiveState> KQZipArchiveState::open(std::unique_ptr
     return nullptr;
   }
   archive->index.settle(archive->entriesEnd);
+  if (archive->isFromDirectory && !settleClaims(*archive, error)) return nullptr;
   archive->prefix = firstRecord(*archive);
   return archive;
 }
@@ -145,8 +206,9 @@ bool KQZipLocate(const KQZipArchiveState& archive, std::uint32_t index, KQZipLoc
   // As a rule the extra fields are few.
   constexpr std::uint64_t likelyExtraFields = 64;
   const KQZipIndexRecord& record = archive.index[index];
-  if (record.isOutside != 0) {
-    located->findings.assign({{Code::OutOfArchive, index, archive.entriesEnd}});
+  if (record.isUnclaimed != 0 || record.isOutside != 0) {
+    const Code code = record.isUnclaimed != 0 ? Code::NoHeaderOfItsOwn : Code::OutOfArchive;
+    located->findings.assign({{code, index, archive.entriesEnd}});
     return true;
   }
   std::uint64_t wanted = KQZipLocalHeaderFields::size + std::uint64_t{record.nameLength} + likelyExtraFields;

@@ -30,6 +30,11 @@ std::optional<Candidate> endRecordIn(KQZipBytes bytes) {
     if (bytes[at] != 'P' || !KQZipDecode(bytes.subspan(at), &fields)) continue;
     const std::size_t end = at + KQZipEndRecordFields::size + fields.zipFileCommentLength;
     if (end == bytes.size()) return Candidate{at, Candidate::Exact};
+    // What records follow is the end of an archive inside the archive.
+    const KQZipBytes after = bytes.subspan(std::min(end, bytes.size()));
+    if (KQZipHasSignature(after, KQZipLocalHeaderFields::signature) ||
+        KQZipHasSignature(after, KQZipCentralHeaderFields::signature))
+      continue;
     const Candidate::Fit fit = end < bytes.size() ? Candidate::BytesFollow : Candidate::CutOff;
     if (!best || fit > best->fit) best = Candidate{at, fit};
   }

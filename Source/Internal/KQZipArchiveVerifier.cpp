@@ -124,7 +124,10 @@ class EntryJobs final : public KQZipJobs {
     ++place_;
     if (hasOwnBytes(index[entry])) return beginLarge(job, entry);
     KQZipFindings findings = directory_.findingsOf(entry);
-    if (index[entry].isOutside != 0) findings.push_back({Code::OutOfArchive, entry, archive_.entriesEnd});
+    if (index[entry].isUnclaimed != 0)
+      findings.push_back({Code::NoHeaderOfItsOwn, entry});
+    else if (index[entry].isOutside != 0)
+      findings.push_back({Code::OutOfArchive, entry, archive_.entriesEnd});
     job.found.emplace_back(entry, std::move(findings));
     return true;
   }

@@ -43,6 +43,7 @@ constexpr std::array forms = {
     Form{Kind::Overlap, First, "does not end before offset %llu, where something else begins"},
     Form{Kind::SameName, None, "has the name of a later entry, which counts"},
     Form{Kind::Header, First, "has no header at offset %llu"},
+    Form{Kind::Header, None, "has no header where the central directory says, but another entry has its own"},
     Form{Kind::EndsEarly, None, "ends inside its header"},
     Form{Kind::EndsEarly, Both, "ends after %llu of %llu bytes"},
     Form{Kind::Header, None, "has no data descriptor that fits its data"},

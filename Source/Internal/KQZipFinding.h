@@ -37,6 +37,7 @@ enum class KQZipFindingCode : std::uint8_t {
   OutOfArchive,
   SameName,
   NoLocalHeader,
+  NoHeaderOfItsOwn,
   LocalHeaderCutOff,
   EndsInsideData,
   NoDescriptor,

@@ -47,6 +47,7 @@ KQZipFindings findingsOfCentralHeader(const KQZipArchiveState& archive, const KQ
   const auto found = [&](Code code, std::uint64_t first = 0) { findings.push_back({code, index, first}); };
   const KQZipIndexRecord& record = archive.index[index];
   if (record.isShadowed != 0) found(Code::SameName);
+  if (header.values.diskNumberStart != 0 && record.isOnOtherPart == 0) found(Code::OnOtherPart);
   if (header.name.empty()) found(Code::NoName);
   if (header.name.find('\0') != std::string_view::npos) found(Code::NameHasNUL);
   if ((header.fields.flags & nameIsUTF8) != 0 && !KQ::isValidUTF8(header.name))

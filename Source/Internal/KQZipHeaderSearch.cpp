@@ -84,7 +84,9 @@ void KQZipHeaderSearch::_takeSignature(std::uint64_t at, KQZipBytes bytes) {
   if (signature == descriptorSignature) return _takeDescriptor(at, bytes);
   if (!isSignatureOfRecord(signature)) return;
   if (!waiting_.empty() || !candidates_.empty()) _takeFieldsInFrontOf(at);
-  if (signature == KQZipLocalHeaderFields::signature) _takeHeader(at, bytes);
+  if (signature != KQZipLocalHeaderFields::signature) return;
+  _takeEvents(at);
+  _takeHeader(at, bytes);
 }
 
 void KQZipHeaderSearch::_takeHeader(std::uint64_t at, KQZipBytes bytes) {

@@ -148,7 +148,7 @@ void KQZipUnpackPlan::_showNames() {
 }
 
 void KQZipUnpackPlan::_addEntry(std::uint32_t place) {
-  if (_recordAt(place).isShadowed != 0) return;
+  if (!archive_.index.counts(archive_.index.inOrder(place))) return;
   if (!chosen_.isEmpty() || !excluded_.isEmpty()) {
     std::string room;
     std::string canonical;

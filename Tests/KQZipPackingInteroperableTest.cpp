@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -280,6 +281,29 @@ TEST_F(KQZipPackingInteroperableTest, TheBytesAreThoseThatTheFormatHas) {
   bytes += KQTest::Bytes().u64(size).u64(start).text("PK\x06\x07").u32(0).u64(end).u32(1);
   bytes += KQTest::Bytes().text("PK\x05\x06").u16(0).u16(0).u16(3).u16(3).u32(size).u32(start).u16(0);
   EXPECT_EQ(KQTest::hex(bytes), KQTest::hex(KQTest::readFile(tree / "b.zip")));
+}
+
+TEST_F(KQZipPackingInteroperableTest, ASparseFileBeyond4GiBIsPackedWithWhatFollows) {
+  if (std::getenv("KQZIP_LARGE_TESTS") == nullptr)
+    GTEST_SKIP() << "writes an archive of 5 GiB; set KQZIP_LARGE_TESTS to run it";
+  constexpr std::uint64_t size = 5ULL << 30;
+  KQTest::writeFile(tree / "sparse/large", "");
+  fs::resize_file(tree / "sparse/large", size);
+  KQTest::writeFile(tree / "sparse/small", "after it");
+  KQZipPackingList list;
+  list.addTree(tree / "sparse");
+  Error error;
+  ASSERT_TRUE(list.pack(tree / "large.zip", {}, &error)) << KQTest::describe(error);
+  const auto archive = KQZipArchive::open(tree / "large.zip", &error);
+  ASSERT_NE(nullptr, archive);
+  EXPECT_EQ(size, archive->find("large")->length());
+  EXPECT_LT(size, archive->find("small")->localHeaderOffset());
+  KQZipReport report;
+  EXPECT_TRUE(archive->verify({}, report, &error)) << KQTest::describe(error);
+  if (KQTest::isHere("unzip")) {
+    const auto result = KQTest::runOtherProgram({"unzip", "-tq", "large.zip"}, tree.path().string());
+    EXPECT_EQ(0, result.exitStatus) << result.output << result.errors;
+  }
 }
 
 TEST_F(KQZipPackingInteroperableTest, CountsAreSaturated) {

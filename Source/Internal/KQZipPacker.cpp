@@ -161,6 +161,7 @@ void KQZipPacker::_startAgain() {
     if (entries_[i].state != Entry::State::LeftOut) done += entries_[i].length;
   }
   job_.done = done;
+  large_.reset();
   failed_ = entries_.size();
 }
 
@@ -307,7 +308,7 @@ bool KQZipPacker::_startLarge() {
 
 bool KQZipPacker::_finishPiece(Slot* slot) {
   const std::shared_ptr<Large> large = std::move(slot->large);
-  if (large->hasFailed) return true;
+  if (large->hasFailed || large->index > failed_) return true;
   if (slot->writeCode != 0) {
     *error_ = job_.target.errorFor(slot->writeCode);
     return false;
@@ -331,13 +332,15 @@ bool KQZipPacker::_completeLarge(Large* large) {
 }
 
 bool KQZipPacker::_failLarge(Large* large, int code) {
+  // The large entry may be gone with the last pointer to it, below.
+  const std::size_t index = large->index;
   large->hasFailed = true;
-  if (large == large_.get()) large_.reset();
   hasGap_ = true;
-  failed_ = std::min(failed_, large->index);
+  failed_ = std::min(failed_, index);
   // What comes after it is packed again.
-  std::erase_if(waiting_, [this](std::size_t index) { return index > failed_; });
-  return _leaveOut(entries_[large->index], code);
+  if (large_ && large_->index >= failed_) large_.reset();
+  std::erase_if(waiting_, [this](std::size_t waiting) { return waiting > failed_; });
+  return _leaveOut(entries_[index], code);
 }
 
 bool KQZipPacker::_leaveOut(KQZipPackingEntry& entry, int code) {

@@ -2,11 +2,17 @@
 
 #include <KQZip/KQZip.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -16,6 +22,7 @@
 
 #include "Support/ScriptedSystem.h"
 #include "Support/SourceTree.h"
+#include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/TestStreams.h"
 
@@ -425,6 +432,83 @@ TEST_F(KQZipPackingFaultsTest, WhatTheDiskGivesBackIsComparedWithWhatWasMeant) {
     KQTest::expectError(error, -51, archive(false) + " does not hold what was written to it");
     expectTruth(false, {}, list, error);
   }
+}
+
+// The entries of the archive, in order, with where their records begin and end.
+struct Record {
+  std::string name;
+  std::uint64_t start;
+  std::uint64_t end;
+};
+
+std::vector<Record> recordsOf(const std::string& path) {
+  std::vector<Record> records;
+  const auto archive = KQZipArchive::open(path);
+  if (!archive) return records;
+  for (const auto& entry : archive->entries())
+    records.push_back(
+        {entry.name(), entry.localHeaderOffset(), archive->dataOffset(entry).value_or(0) + entry.length()});
+  return records;
+}
+
+TEST_F(KQZipPackingFaultsTest, AKilledProcessLeavesATemporaryFileWithEveryEntryBeforeTheFirstThatIsNotWhole) {
+  KQZipPackingList packed;
+  Error error;
+  ASSERT_TRUE(pack({.threads = 1}, &packed, &error));
+  const std::string whole = KQTest::readFile(archive(false));
+  const std::vector<Record> records = recordsOf(archive(false));
+  ASSERT_EQ(expected_.size(), records.size());
+  fs::remove(archive(false));
+  std::size_t mostEntries = 0;
+  for (std::size_t number = 1; number < 200; ++number) {
+    const pid_t child = fork();
+    if (child == 0) {
+      ScriptedSystem system;
+      system.act({.number = number}, [](const auto&) { kill(getpid(), SIGKILL); });
+      KQZipPackingList list;
+      Error failure;
+      _exit(pack({.threads = 1}, &list, &failure) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    if (WIFEXITED(status)) break;
+    for (const auto& item : fs::directory_iterator(folder / "out")) {
+      const std::string path = item.path().string();
+      if (path == archive(false)) {
+        EXPECT_TRUE(whole == KQTest::readFile(path)) << number;
+      } else if (path.ends_with(".part")) {
+        const std::string part = KQTest::readFile(path);
+        const auto opened = KQZipArchive::open(path);
+        std::size_t given = 0;
+        for (const Record& record : records) {
+          if (part.compare(0, record.end, whole, 0, record.end) != 0) break;
+          ASSERT_NE(nullptr, opened) << number;
+          const auto entry = opened->find(record.name);
+          ASSERT_TRUE(entry) << number << " " << record.name;
+          EXPECT_NE(nullptr, opened->data(*entry)) << number << " " << record.name;
+          ++given;
+        }
+        mostEntries = std::max(mostEntries, given);
+      }
+      if (path != folder / "out/old.zip") fs::remove(path);
+    }
+    EXPECT_EQ("old", KQTest::readFile(folder / "out/old.zip"));
+  }
+  EXPECT_EQ(records.size(), mostEntries);
+}
+
+TEST_F(KQZipPackingFaultsTest, FewOpenFilesAreEnoughForManyLargeOnes) {
+  for (int i = 0; i < 40; ++i) add("many/" + std::to_string(i), std::string(mebibyte + 10, 'm'));
+  expected_["many/"] = "";
+  KQTest::inChildProcess([this] {
+    const rlimit few{20, 20};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    KQZipPackingList list;
+    Error error;
+    EXPECT_TRUE(pack({.threads = 4}, &list, &error)) << KQTest::describe(error);
+    EXPECT_TRUE(list.leftOut().empty());
+    expectTruth(true, {}, list, error);
+  });
 }
 
 TEST_F(KQZipPackingFaultsTest, ASmallFileCostsFourCallsAndAProgressOneMore) {

@@ -82,9 +82,9 @@ class KQZIP_EXPORT KQZipPackingList {
   ///
   /// Fails with -1 "Could not write to zip path %@" where anything has the archive's name, a symbolic link
   /// included, unless it is to be replaced, and with -1 "Could not write to zip path %@ because parent
-  /// directory doesn't exist"; with -204 "%@ is the name of two sources", a file that is also another's folder
-  /// included, and -204 "%@ cannot be the name of an entry", before anything is written; with -90 "Cancelled by
-  /// user."; with -51 "%@ does not hold what was written to it"; with the system's error
+  /// directory doesn't exist"; with -204 "%@ is the name of two sources", a file that is also another's
+  /// folder included, and -204 "%@ cannot be the name of an entry", before anything is written; with -90
+  /// "Cancelled by user."; with -51 "%@ does not hold what was written to it"; with the system's error
   /// (NSPOSIXErrorDomain), which names the archive, when it cannot be made, written or given its name. If the
   /// options ask for it, with the system's error, or -50 "%@ changed while it was packed", for the first
   /// source that would be left out as failed.

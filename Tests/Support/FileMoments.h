@@ -7,8 +7,8 @@
 #include "Support/FileMoment.h"
 
 // Stands between a program and the system's calls that concern one file, so that something can be done at an
-// exact moment of that file's reading. Program/SystemFunctions.cpp defines the functions that the library's calls
-// go to.
+// exact moment of that file's reading. Program/SystemFunctions.cpp defines the functions that the library's
+// calls go to.
 
 namespace KQTest {
 

@@ -11,8 +11,8 @@
 #include <functional>
 #include <vector>
 
-// Stands between the library and the system's calls that transfer bytes. Program/SystemFunctions.cpp defines the
-// functions that the library's calls go to.
+// Stands between the library and the system's calls that transfer bytes. Program/SystemFunctions.cpp defines
+// the functions that the library's calls go to.
 
 namespace KQTest {
 

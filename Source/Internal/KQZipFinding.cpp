@@ -60,6 +60,7 @@ constexpr std::array forms = {
     Form{Kind::Directory, None, "has a NUL in its name"},
     Form{Kind::Directory, None, "has an empty name"},
     Form{Kind::Header, HexadecimalFirst, "has flags without a meaning for it, %x"},
+    Form{Kind::Directory, First, "is said to need version %llu of the format, in tenths"},
     Form{Kind::Header, First, "has extra fields that do not fit its header at offset %llu"},
     Form{Kind::Header, First, "has no Zip64 value for a field of its header at offset %llu"},
     Form{Kind::Header, First, "has another Zip64 value than its header at offset %llu needs"},

@@ -54,6 +54,7 @@ enum class KQZipFindingCode : std::uint8_t {
   NameHasNUL,
   NoName,
   UnknownFlags,
+  NeedsVersion,
   BadExtraFields,
   NoZip64Value,
   Zip64ValueDiffers,

@@ -15,6 +15,9 @@ constexpr std::uint16_t hasDescriptor = 0x0008;
 constexpr std::uint16_t compressionLevel = 0x0006;
 constexpr std::uint16_t nameIsUTF8 = 0x0800;
 
+// What the programs that people have can do, 4.6.
+constexpr std::uint16_t newestVersion = 46;
+
 // Extra fields that do not fit, and Zip64 values that contradict the header or the entry's place.
 template <class Header>
 void addFindingsOfExtraFields(const Header& header, std::uint32_t index, std::uint64_t at,
@@ -56,6 +59,8 @@ KQZipFindings findingsOfCentralHeader(const KQZipArchiveState& archive, const KQ
       isEncrypted | hasDescriptor | nameIsUTF8 | (record.method != 0 ? compressionLevel : std::uint16_t{0});
   const auto unknown = static_cast<std::uint16_t>(header.fields.flags & ~known);
   if (unknown != 0) found(Code::UnknownFlags, unknown);
+  if (record.method == 0 && header.fields.versionNeeded > newestVersion)
+    found(Code::NeedsVersion, header.fields.versionNeeded);
   const bool isReadable = record.method == 0 && (record.flags & isEncrypted) == 0;
   if (isReadable && record.length != record.uncompressedLength)
     findings.push_back({Code::OtherUncompressedLength, index, record.length, record.uncompressedLength});

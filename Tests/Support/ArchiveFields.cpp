@@ -48,7 +48,10 @@ std::set<std::size_t> bitsWithoutConsequence(const std::string& archive) {
     const auto nameLength = static_cast<std::size_t>(numberAt(archive, central + 28, 2));
     const auto extraLength = static_cast<std::size_t>(numberAt(archive, central + 30, 2));
     const auto commentLength = static_cast<std::size_t>(numberAt(archive, central + 32, 2));
-    add(bits, central + 4, 4);   // Made by and needed version.
+    add(bits, central + 4, 2);  // Made by.
+    const std::uint64_t needed = numberAt(archive, central + 6, 2);
+    for (std::size_t bit = 0; bit < 16; ++bit)
+      if ((needed ^ 1U << bit) <= 46) bits.insert(8 * (central + 6) + bit);
     add(bits, central + 36, 6);  // Attributes.
     addExtraFields(archive, central + 46 + nameLength, extraLength, bits);
     add(bits, central + 46 + nameLength + extraLength, commentLength);

@@ -210,9 +210,8 @@ void KQZipPacker::_performPiece(Slot* slot) {
   for (std::uint64_t done = 0; done < slot->length && !workers_.isEnding();) {
     const std::uint64_t length = std::min(lengthOfStep, slot->length - done);
     const std::uint64_t offset = slot->offset + done;
-    const std::uint8_t* bytes = large.data + offset;
+    const std::uint8_t* const bytes = large.data != nullptr ? large.data + offset : slot->block.bytes();
     if (large.data == nullptr) {
-      bytes = slot->block.bytes();
       const std::int64_t count = large.file.readAt(slot->block.bytes(), length, offset);
       slot->readCode = count < 0 ? static_cast<int>(-count) : 0;
       slot->isShort = count >= 0 && static_cast<std::uint64_t>(count) < length;

@@ -19,10 +19,6 @@ class AuthorField : public KQZipExtraField {
     const auto data = fieldData();
     return std::string(data->bytes(), data->bytes() + data->length());
   }
-
- protected:
-  // The central directory's copy of the field is of this class too.
-  std::shared_ptr<KQZipExtraField> _newInstance() const override { return std::make_shared<AuthorField>(); }
 };
 
 // The facades choose the fields themselves; whoever wants others uses the records behind them.

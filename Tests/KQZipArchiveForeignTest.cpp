@@ -108,7 +108,7 @@ class Sources {
     writeFile(folder_ / "in/a.txt", "alpha");
     writeFile(folder_ / "in/d/large", patternBytes(70000));
     writeFile(folder_ / "in/d/empty", "");
-    writeFile(folder_ / "in/d/\xC3\xA4", "PK\7\8 PK\3\4");
+    writeFile(folder_ / "in/d/\xC3\xA4", "PK\7\10 PK\3\4");
     fs::create_symlink("../a.txt", folder_ / "in/d/link");
     fs::permissions(folder_ / "in/a.txt", fs::perms(0604));
   }

@@ -643,6 +643,18 @@ TEST(NSString, EveryControlCharacterIsEscapedByteForByte) {
   }
 }
 
+TEST(NSString, CharactersThatReorderTextOrAreInvisibleAreEscaped) {
+  EXPECT_EQ("a\\xE2\\x80\\xAEgpj.exe", KQ::stringByEscapingUnprintables("a" + utf8(U"\u202E") + "gpj.exe"));
+  for (const char32_t character :
+       std::u32string(U"\u202A\u202B\u202C\u202D\u2066\u2067\u2068\u2069\u200B\u200E"
+                      U"\u2060\uFEFF\u00AD\u034F\u115F\u3164\U000E0041")) {
+    const std::string text = utf8(std::u32string(1, character));
+    const std::string escaped = KQ::stringByEscapingUnprintables("<" + text + ">");
+    EXPECT_EQ(2 + 4 * text.size(), escaped.size()) << escaped;
+    EXPECT_EQ(0U, escaped.find("<\\x")) << escaped;
+  }
+}
+
 TEST(NSString, BytesThatAreNotUTF8AreEscapedAndTheTextAroundThemStays) {
   EXPECT_EQ("a\\x80b", KQ::stringByEscapingUnprintables("a\x80"
                                                         "b"));

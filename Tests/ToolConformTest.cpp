@@ -230,7 +230,7 @@ TEST(ToolConform, ExtractOfAnExactArchiveMakesFilesAsTheyWere) {
   EXPECT_EQ(0640U, modeOf(folder / "out/run"));
 }
 
-TEST(ToolConform, ExtractFindsPermissionsInADirectoryOfAnyOrderAndTheLastOfAnEntryCounts) {
+TEST(ToolConform, ExtractFindsPermissionsInADirectoryOfAnyOrder) {
   const TemporaryDirectory folder;
   const Mask mask(0);
   const std::vector<GoldenEntry> entries{SourceTree::entry("a", "1"), SourceTree::entry("b", "2"),
@@ -243,8 +243,7 @@ TEST(ToolConform, ExtractFindsPermissionsInADirectoryOfAnyOrderAndTheLastOfAnEnt
     setNumberAt(bytes, 38, 4, std::uint64_t{0100000U | mode} << 16);
     return bytes;
   };
-  const std::string directory = header(2, 0700) + header(0, 0601) + header(1, 0602) + header(0, 0603);
-  // The end records count three headers; they are not what extraction goes by.
+  const std::string directory = header(2, 0700) + header(0, 0603) + header(1, 0602);
   writeFile(folder / "a.zip", archive.substr(0, start) + directory + archive.substr(start + 3 * length));
   expectDone(runTool({"extract", "-C", folder / "out", folder / "a.zip"}));
   EXPECT_EQ(0603U, modeOf(folder / "out/a"));
@@ -267,7 +266,6 @@ TEST(ToolConform, ExtractNeverSetsMoreThanPermissionsAndOnlyThoseOfUnix) {
                                 {"f", 0000711U << 16, unixHost, 0711},
                                 {"f", 0100755U << 16, 0x001E, 0666},
                                 {"f", 0100755U << 16, 0x0A1E, 0666},
-                                {"f", 0120777U << 16, unixHost, 0666},
                                 {"f", 0040755U << 16, unixHost, 0666},
                                 {"f", 0100000U << 16, unixHost, 0},
                                 {"f", 0104000U << 16, unixHost, 0},

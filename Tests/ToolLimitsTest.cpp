@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -160,9 +162,10 @@ TEST(ToolLimits, ExtractFailsForASmallFileAndForALargeOne) {
     const std::string target = directory / "out/a.bin";
     const auto result = runLimited({"extract", "-C", directory / "out", archive});
     EXPECT_EQ(1, result.exitStatus);
-    EXPECT_EQ("kqzip: Failed to write to stream at " + target + " (partial file left at " + target +
-                  "; check that there is room for it)\n",
+    EXPECT_EQ("kqzip: " + archive + ": \"a.bin\" cannot be unpacked: " + target + ": " +
+                  std::strerror(EFBIG) + " (check that there is room for it)\n",
               result.errors);
+    EXPECT_FALSE(std::filesystem::exists(target));
   }
 }
 

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
@@ -410,6 +411,11 @@ TEST(ToolExtract, UnsafePathsTakesNamesAsTheyStand) {
             folder.items("deep"));
 }
 
+// What is said of an entry that a link stands in the way of.
+static std::string notThroughLink(const std::string& name) {
+  return "a.zip: \"" + name + "\" cannot be unpacked: out/link is reached through a symbolic link" + moveAway;
+}
+
 TEST(ToolExtract, DoesNotWriteThroughALinkThatLeadsOut) {
   const ArchiveFolder folder;
   fs::create_directories(folder / "outside");
@@ -417,8 +423,6 @@ TEST(ToolExtract, DoesNotWriteThroughALinkThatLeadsOut) {
   const std::vector<std::pair<std::string, std::string>> ways{
       {"link/new", "../outside"},        // a folder above the entry
       {"link/deep/new", "../outside"},   // and one above that
-      {"link", "../outside/file"},       // the entry itself
-      {"link", "../outside/new"},        // the same, where nothing is yet
       {"link/", "../outside"},           // a folder
       {"link/new", "../out/../outside"}  // by a detour through the folder
   };
@@ -428,10 +432,22 @@ TEST(ToolExtract, DoesNotWriteThroughALinkThatLeadsOut) {
     fs::create_directory(folder / "out");
     fs::create_symlink(target, folder / "out/link");
     folder.archive({plainRecord(name, name.back() == '/' ? "" : "hostile")});
-    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-                 "\"out/link\" is a symbolic link that leads out of \"out\" (remove it, or --unsafe-paths "
-                 "follows it)");
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), notThroughLink(name));
     EXPECT_EQ(Items{"link->" + target}, folder.items("out"));
+    EXPECT_EQ(Items{"file=untouched"}, folder.items("outside"));
+  }
+}
+
+TEST(ToolExtract, ReplacesALinkInAFilesOwnPlaceAndNotWhatItLeadsTo) {
+  const ArchiveFolder folder;
+  writeFile(folder / "outside/file", "untouched");
+  folder.archive({plainRecord("link", "new")});
+  for (const std::string target : {"../outside/file", "../outside/new", "nowhere"}) {
+    fs::remove_all(folder / "out");
+    fs::create_directory(folder / "out");
+    fs::create_symlink(target, folder / "out/link");
+    expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+    EXPECT_EQ(Items{"link=new"}, folder.items("out"));
     EXPECT_EQ(Items{"file=untouched"}, folder.items("outside"));
   }
 }
@@ -442,21 +458,20 @@ TEST(ToolExtract, AFolderWhoseNameOnlyBeginsLikeTheDestinationsIsOutside) {
   fs::create_directories(folder / "outside");
   fs::create_symlink("../outside", folder / "out/link");
   folder.archive({plainRecord("link/a", "hostile")});
-  expectFailed(
-      folder.run({"extract", "-C", "out", "a.zip"}),
-      "\"out/link\" is a symbolic link that leads out of \"out\" (remove it, or --unsafe-paths follows it)");
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), notThroughLink("link/a"));
   EXPECT_EQ(Items{}, folder.items("outside"));
 }
 
-TEST(ToolExtract, FollowsALinkThatStaysInside) {
+TEST(ToolExtract, FollowsNoLinkThatIsThereEvenOneThatStaysInside) {
   const ArchiveFolder folder;
   fs::create_directories(folder / "out/real");
   fs::create_directory_symlink("real", folder / "out/link");
   writeFile(folder / "out/file", "old");
   fs::create_symlink("file", folder / "out/alias");
   folder.archive({plainRecord("link/a", "1"), plainRecord("alias", "new")});
-  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
-  // A link in a file's own place is replaced, not written through.
+  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), notThroughLink("link/a"));
+  EXPECT_EQ((Items{"alias=new", "file=old", "link->real", "real/"}), folder.items("out"));
+  expectDone(folder.run({"extract", "-C", "out", "--unsafe-paths", "a.zip"}));
   EXPECT_EQ((Items{"alias=new", "file=old", "link->real", "real/", "real/a=1"}), folder.items("out"));
 }
 
@@ -469,7 +484,7 @@ TEST(ToolExtract, TheDestinationItselfMayBeALink) {
   EXPECT_EQ((Items{"dir/", "dir/a=1"}), folder.items("real"));
 }
 
-TEST(ToolExtract, UnsafePathsTakesLinksAsTheyAre) {
+TEST(ToolExtract, UnsafePathsFollowsLinksToFoldersAndReplacesOthers) {
   const ArchiveFolder folder;
   fs::create_directories(folder / "outside");
   fs::create_directories(folder / "out");
@@ -478,22 +493,24 @@ TEST(ToolExtract, UnsafePathsTakesLinksAsTheyAre) {
   fs::create_symlink("../outside/file", folder / "out/alias");
   folder.archive({plainRecord("link/new", "1"), plainRecord("alias", "2")});
   expectDone(folder.run({"extract", "-C", "out", "--unsafe-paths", "a.zip"}));
-  EXPECT_EQ((Items{"file=2", "new=1"}), folder.items("outside"));
+  EXPECT_EQ((Items{"file=old", "new=1"}), folder.items("outside"));
+  EXPECT_EQ((Items{"alias=2", "link->../outside"}), folder.items("out"));
 }
 
-TEST(ToolExtract, AFileWhereAFolderIsNeededIsAnErrorThatNamesBoth) {
+TEST(ToolExtract, AFileWhereAFolderIsNeededIsNamedAndTheRestGivenBack) {
   const ArchiveFolder folder;
-  const std::vector<std::pair<std::vector<LocalRecord>, std::string>> collisions{
-      {{plainRecord("a", "1"), plainRecord("a/b", "2")}, "\"a\" is a file where \"a/b\" needs a folder"},
-      {{plainRecord("a/b/c", "1"), plainRecord("./a", "")},
-       "\"./a\" is a file where \"a/b/c\" needs a folder"},
-      {{folderRecord("a/"), plainRecord("a", "1")}, "\"a\" is a file where \"a/\" needs a folder"},
-      {{plainRecord("a", ""), folderRecord("a/")}, "\"a\" is a file where \"a/\" needs a folder"}};
-  for (const auto& [records, message] : collisions) {
+  const std::vector<std::tuple<std::vector<LocalRecord>, std::string, Items>> collisions{
+      {{plainRecord("a", "1"), plainRecord("a/b", "2")}, "a", {"a/", "a/b=2"}},
+      {{plainRecord("a/b/c", "1"), plainRecord("./a", "")}, "./a", {"a/", "a/b/", "a/b/c=1"}},
+      {{folderRecord("a/"), plainRecord("a", "1")}, "a", {"a/"}},
+      {{plainRecord("a", ""), folderRecord("a/")}, "a", {"a/"}}};
+  for (const auto& [records, name, items] : collisions) {
+    fs::remove_all(folder / "out");
     folder.archive(records);
-    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-                 message + " (extract what is below the folder by its PATH, and the file with kqzip cat)");
-    EXPECT_EQ(nothing, folder.items("out"));
+    expectFailed(
+        folder.run({"extract", "-C", "out", "a.zip"}),
+        "a.zip: \"" + name + "\" is a file where other entries need a folder (kqzip cat gives its data)");
+    EXPECT_EQ(items, folder.items("out"));
   }
 }
 
@@ -503,48 +520,46 @@ TEST(ToolExtract, WhatStandsInTheWayIsAnError) {
   fs::create_directories(folder / "out/folder");
   ASSERT_EQ(0, mkfifo((folder / "out/fifo").c_str(), 0600));
 
-  folder.archive({plainRecord("file/a", "1")});
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               std::string("out/file: ") + std::strerror(ENOTDIR) + moveAway);
-  folder.archive({folderRecord("file/")});
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               std::string("out/file: ") + std::strerror(ENOTDIR) + moveAway);
-  folder.archive({plainRecord("folder", "1")});
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               std::string("out/folder: ") + std::strerror(EISDIR) + moveAway);
-  folder.archive({plainRecord("fifo", "1")});
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               "\"out/fifo\" is in the way and is not a regular file" + moveAway);
+  const std::vector<std::pair<std::string, std::string>> refused{
+      {"file/a", std::string("out/file: ") + std::strerror(ENOTDIR)},
+      {"file/", std::string("out/file: ") + std::strerror(ENOTDIR)},
+      {"folder", std::string("out/folder: ") + std::strerror(EISDIR)},
+      {"fifo", "out/fifo is in the way and is not a regular file"}};
+  for (const auto& [name, message] : refused) {
+    folder.archive({plainRecord(name, name.back() == '/' ? "" : "1")});
+    expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
+                 "a.zip: \"" + name + "\" cannot be unpacked: " + message + moveAway);
+  }
   folder.archive({plainRecord("a", "1")});
   expectFailed(folder.run({"extract", "-C", "out/file", "a.zip"}),
                std::string("out/file: ") + std::strerror(ENOTDIR) + " (choose another folder with -C)");
   EXPECT_EQ("in the way", readFile(folder / "out/file"));
 }
 
-TEST(ToolExtract, AFullDiskIsAnErrorThatNamesThePartialFile) {
+TEST(ToolExtract, AFullDiskIsAnErrorThatLeavesNoPartialFile) {
   const ArchiveFolder folder;
   folder.archive(
-      {plainRecord("a", "whole"), plainRecord("large", patternBytes(300000)), plainRecord("z", "never")});
+      {plainRecord("a", "whole"), plainRecord("large", patternBytes(300000)), plainRecord("z", "whole too")});
   inChildProcess([&] {
     std::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{100000, 100000};
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
     expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-                 "Failed to write to stream at out/large (partial file left at out/large; check that there "
-                 "is room for it)");
+                 std::string("a.zip: \"large\" cannot be unpacked: out/large: ") + std::strerror(EFBIG) +
+                     " (check that there is room for it)");
   });
-  EXPECT_EQ("whole", readFile(folder / "out/a"));
-  EXPECT_LE(fs::file_size(folder / "out/large"), 100000U);
-  EXPECT_FALSE(fs::exists(folder / "out/z"));
+  EXPECT_EQ((Items{"a=whole", "z=whole too"}), folder.items("out"));
 }
 
 TEST(ToolExtract, EntriesThatCannotBeExtractedAreNamedAndTheRestIsGivenBack) {
   const ArchiveFolder folder;
   folder.archive({plainRecord("bad\xFF", "1"), plainRecord("good", "2"), plainRecord("folder/", "data"),
                   withFlags(plainRecord("secret", "3"), 1), plainRecord("last", "4")});
-  const Items rest{"good=2", "last=4"};
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               "a.zip: \"bad\\xFF\" is not valid UTF-8 (and 2 more left out; kqzip cat gives its data)");
+  // A name that is no UTF-8 is one of code page 437.
+  const Items rest{"bad\xC2\xA0=1", "good=2", "last=4"};
+  expectFailed(
+      folder.run({"extract", "-C", "out", "a.zip"}),
+      "a.zip: \"folder/\" is a folder, but has data (and 1 more left out; kqzip cat gives its data)");
   EXPECT_EQ(rest, folder.items("out"));
   expectFailed(folder.run({"extract", "-C", "out", "a.zip", "secret"}),
                "a.zip: \"secret\" is encrypted" + otherProgram);
@@ -552,6 +567,95 @@ TEST(ToolExtract, EntriesThatCannotBeExtractedAreNamedAndTheRestIsGivenBack) {
                "a.zip: \"folder/\" is a folder, but has data (kqzip cat gives its data)");
   expectDone(folder.run({"extract", "-C", "out", "a.zip", "good"}));
   EXPECT_EQ(rest, folder.items("out"));
+}
+
+TEST(ToolExtract, WhatDoesNotMatchItsCRCIsNamedAndLeftOutOrKept) {
+  const ArchiveFolder folder;
+  std::string bytes =
+      archiveBytes({plainRecord("a", "good"), plainRecord("b", "some data"), plainRecord("c", "3")});
+  bytes.replace(bytes.find("some data"), 9, "same data");
+  folder.archive(bytes);
+  const std::string start = "a.zip: \"b\" CRC-32 is ";
+  for (const std::string threads : {"1", "2"}) {
+    fs::remove_all(folder / "out");
+    const ProcessResult result = folder.run({"extract", "-j", threads, "-C", "out", "a.zip"});
+    EXPECT_EQ(1, result.exitStatus);
+    EXPECT_EQ("kqzip: " + start, result.errors.substr(0, 7 + start.size()));
+    EXPECT_EQ((Items{"a=good", "c=3"}), folder.items("out"));
+  }
+  EXPECT_EQ(1, folder.run({"extract", "--keep-damaged", "-C", "out", "a.zip"}).exitStatus);
+  EXPECT_EQ((Items{"a=good", "b=same data", "c=3"}), folder.items("out"));
+  const ProcessResult cat = folder.run({"cat", "a.zip", "b"});
+  EXPECT_EQ(1, cat.exitStatus);
+  EXPECT_EQ("same data", cat.output);
+}
+
+TEST(ToolExtract, TreatsFilesThatAreThereAsItIsTold) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "new"), plainRecord("b", "2")});
+  const auto after = [&](const std::vector<std::string>& options, int status) {
+    fs::remove_all(folder / "out");
+    writeFile(folder / "out/a", "old");
+    std::vector<std::string> arguments{"extract", "-C", "out", "a.zip"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    EXPECT_EQ(status, folder.run(arguments).exitStatus);
+    return folder.items("out");
+  };
+  EXPECT_EQ((Items{"a=new", "b=2"}), after({}, 0));
+  EXPECT_EQ((Items{"a=new", "b=2"}), after({"--existing", "replace"}, 0));
+  EXPECT_EQ((Items{"a=old", "b=2"}), after({"--existing", "keep"}, 0));
+  EXPECT_EQ((Items{"a=old", "b=2"}), after({"-n"}, 0));
+  EXPECT_EQ((Items{"a=old", "b=2"}), after({"--existing", "newer"}, 0));
+  EXPECT_EQ((Items{"a=old", "b=2"}), after({"--existing", "fail"}, 1));
+  EXPECT_EQ((Items{"a=old"}), after({"--existing", "never"}, 2));
+}
+
+TEST(ToolExtract, ChoosesByPatternsAndTakesPartsOffNames) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("v1/a.txt", "1"), plainRecord("v1/d/b.txt", "2"),
+                  plainRecord("v1/d/c.bin", "3"), plainRecord("top", "4")});
+  expectDone(folder.run({"extract", "--strip-components", "1", "-x", "*/d/b*", "-C", "out", "a.zip"}));
+  EXPECT_EQ((Items{"a.txt=1", "d/", "d/c.bin=3"}), folder.items("out"));
+  expectDone(folder.run({"extract", "-C", "some", "a.zip", "*.txt", "t?p"}));
+  EXPECT_EQ((Items{"top=4", "v1/", "v1/a.txt=1", "v1/d/", "v1/d/b.txt=2"}), folder.items("some"));
+}
+
+TEST(ToolExtract, PrintsALineForEachEntryIfAskedAndInADryRunDoesNothingElse) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a\nb", "1"), folderRecord("d/"), plainRecord("d/c", "2")});
+  expectDone(folder.run({"extract", "--dry-run", "-C", "out", "a.zip"}), "a\\x0Ab\nd/\nd/c\n");
+  EXPECT_EQ(nothing, folder.items("out"));
+  expectDone(folder.run({"extract", "-v", "-C", "out", "a.zip", "d/c"}), "d/c\n");
+  EXPECT_EQ((Items{"d/", "d/c=2"}), folder.items("out"));
+  expectDone(folder.run({"extract", "-nv", "-C", "out", "a.zip", "d/c"}), "d/c (kept)\n");
+}
+
+TEST(ToolExtract, TakesStandardInputFromAFileAndFromAPipe) {
+  const ArchiveFolder folder;
+  folder.archive({plainRecord("a", "1"), plainRecord("d/b", "2")});
+  const std::string tool = KQZIP_TOOL;
+  for (const std::string& command : std::vector<std::string>{tool + " extract -C out - < a.zip",
+                                                             "cat a.zip | " + tool + " extract -C out -"}) {
+    fs::remove_all(folder / "out");
+    expectDone(runProcess({"/bin/sh", "-c", command}, folder / ""));
+    EXPECT_EQ((Items{"a=1", "d/", "d/b=2"}), folder.items("out"));
+  }
+  expectDone(runProcess({"/bin/sh", "-c", "cat a.zip | " + tool + " cat - d/b"}, folder / ""), "2");
+  // Without its end, what is whole is given back.
+  const auto cut =
+      runProcess({"/bin/sh", "-c", "head -c 70 a.zip | " + tool + " extract -C cut -"}, folder / "");
+  EXPECT_EQ(1, cut.exitStatus);
+  EXPECT_EQ((Items{"a=1", "d/", "d/b=2"}), folder.items("cut"));
+}
+
+TEST(ToolExtract, NeverReplacesTheArchiveItself) {
+  const ArchiveFolder folder;
+  const std::string bytes = archiveBytes({plainRecord("a.zip", "no archive"), plainRecord("b", "2")});
+  folder.archive(bytes);
+  expectFailed(folder.run({"extract", "a.zip"}),
+               "a.zip: \"a.zip\" cannot be unpacked: ./a.zip is the archive itself" + moveAway);
+  EXPECT_EQ(bytes, readFile(folder / "a.zip"));
+  EXPECT_EQ("2", readFile(folder / "b"));
 }
 
 TEST(ToolExtract, ANameOfEveryLengthIsTakenOrRefusedByTheSystem) {
@@ -563,7 +667,9 @@ TEST(ToolExtract, ANameOfEveryLengthIsTakenOrRefusedByTheSystem) {
   const std::string longest(65535, 'n');
   folder.archive({plainRecord(longest, "1")});
   expectDone(folder.run({"list", "a.zip"}), longest + "\n");
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), "out/" + longest + reason(ENAMETOOLONG));
+  expectFailed(
+      folder.run({"extract", "-C", "out", "a.zip"}),
+      "a.zip: \"" + longest + "\" has a name that is too long for a path (kqzip cat gives its data)");
 }
 
 // ---- verify ----
@@ -682,7 +788,8 @@ TEST(ToolVerify, AnEncryptedEntryCannotBeVerified) {
   folder.archive({withFlags(plainRecord("secret", "1"), 1), plainRecord("b", "2")});
   expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found" + otherProgram,
                "secret: is encrypted\n");
-  expectFailed(folder.run({"cat", "a.zip", "secret"}), "\"secret\" is encrypted" + otherProgram);
+  expectFailed(folder.run({"cat", "a.zip", "secret"}),
+               "a.zip: secret is not given back: is encrypted" + otherProgram);
   expectDone(folder.run({"list", "a.zip"}), "b\nsecret\n");
 }
 
@@ -732,9 +839,8 @@ TEST(ToolRead, WhatDoesNotBeginWithARecordIsAClearError) {
                "a.zip: this is no archive, or something stands in front of it: unknown signature 46445025 at "
                "offset 0 (check that it is the right file)");
   folder.archive("#!/bin/sh\n" + archiveBytes({plainRecord("a", "1")}));
-  expectFailed(folder.run({"extract", "-C", "out", "a.zip"}),
-               "a.zip: this is no archive, or something stands in front of it: unknown signature 622f2123 at "
-               "offset 0 (check that it is the right file)");
+  expectDone(folder.run({"extract", "-C", "out", "a.zip"}));
+  EXPECT_EQ(Items{"a=1"}, folder.items("out"));
 }
 
 TEST(ToolRead, AFileThatIsEmptyOrTooShortToBeAnArchiveSaysSo) {
@@ -743,10 +849,9 @@ TEST(ToolRead, AFileThatIsEmptyOrTooShortToBeAnArchiveSaysSo) {
   for (const auto& [bytes, text] : std::vector<std::pair<std::string, std::string>>{
            {"", "the file is empty"}, {"hi\n", "the archive ends early, at offset 3"}}) {
     folder.archive(bytes);
-    for (const std::string command : {"list", "extract"})
-      expectFailed(folder.run({command, "a.zip"}), "a.zip: " + text + check);
-    expectFailed(folder.run({"cat", "a.zip", "a"}),
-                 "a.zip: \"a\" is not in the archive as far as it can be read: " + text + check);
+    expectFailed(folder.run({"list", "a.zip"}), "a.zip: " + text + check);
+    expectFailed(folder.run({"extract", "a.zip"}), "a.zip is no archive" + check);
+    expectFailed(folder.run({"cat", "a.zip", "a"}), "a.zip is no archive" + check);
     expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found" + check, text + "\n");
   }
 }
@@ -759,7 +864,7 @@ TEST(ToolVerify, PromisesNothingFromAnArchiveWithoutAWholeEntry) {
                "a: ends after 2 of 5 bytes\n");
 }
 
-TEST(ToolRead, ACompressedEntryIsNamedAndWhatStandsBeforeItIsGivenBack) {
+TEST(ToolRead, ACompressedEntryIsNamedAndTheOthersAreGivenBack) {
   const ArchiveFolder folder;
   LocalRecord compressed = plainRecord("dir/deflated", "\x4B\x04");
   compressed.compression = 8;
@@ -768,13 +873,8 @@ TEST(ToolRead, ACompressedEntryIsNamedAndWhatStandsBeforeItIsGivenBack) {
       "a.zip: \"dir/deflated\" is compressed; only stored entries can be read" + otherProgram;
   expectFailed(folder.run({"list", "a.zip"}), message, "a\n");
   expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
-  EXPECT_EQ(Items{"a=1"}, folder.items("out"));
-  expectDone(folder.run({"cat", "a.zip", "a"}), "1");
-  expectFailed(
-      folder.run({"cat", "a.zip", "z"}),
-      "a.zip: \"z\" is not in the archive as far as it can be read: \"dir/deflated\" is compressed; only "
-      "stored entries can be read" +
-          otherProgram);
+  EXPECT_EQ((Items{"a=1", "z=2"}), folder.items("out"));
+  expectDone(folder.run({"cat", "a.zip", "z"}), "2");
   expectFailed(folder.run({"verify", "a.zip"}), "a.zip: 1 problem found" + otherProgram,
                "dir/deflated: is compressed; only stored entries can be read\n");
 }
@@ -789,7 +889,8 @@ TEST(ToolRead, AnEntryWhoseSizeStandsBehindItsDataIsNamed) {
   expectFailed(folder.run({"list", "a.zip"}), "a.zip: \"streamed\"" + text + otherProgram, "a\n");
 
   // Sizes in both places: the data can be told from what follows.
-  folder.archive(withFlags(plainRecord("both", "data"), 8).bytes() + "PK\x07\x08" + std::string(12, '\0'));
+  const std::string descriptor = Bytes().u32(0x08074B50).u32(KQTest::crcOf("data")).u32(4).u32(4);
+  folder.archive(withFlags(plainRecord("both", "data"), 8).bytes() + descriptor);
   expectFailed(folder.run({"list", "a.zip"}), "a.zip: \"both\"" + text + otherProgram, "both\n");
   expectDone(folder.run({"cat", "a.zip", "both"}), "data");
 
@@ -869,8 +970,8 @@ TEST(ToolCutArchive, ListsAtEveryCutTheEntriesThatAreWholeBeforeIt) {
 }
 
 TEST(ToolCutArchive, ExtractsAtEveryCutTheEntriesThatAreWholeBeforeIt) {
-  atEveryCut(false, [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive,
-                       std::size_t cut) {
+  atEveryCut(true, [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive,
+                      std::size_t cut) {
     Items expected;
     for (const CutEntry& entry : archive.wholeBefore(cut)) {
       if (entry.name == "d/e") expected.push_back("d/");
@@ -879,14 +980,15 @@ TEST(ToolCutArchive, ExtractsAtEveryCutTheEntriesThatAreWholeBeforeIt) {
     std::sort(expected.begin(), expected.end());
     fs::remove_all(folder / "out");
     const ProcessResult result = folder.run({"extract", "-C", "out", path});
-    EXPECT_EQ(expected, folder.items("out"));
+    // Where there is no record at all, not even the folder is made.
+    EXPECT_EQ(expected.empty() && !fs::exists(folder / "out") ? nothing : expected, folder.items("out"));
     expectStatusAtCut(result, archive, cut);
   });
 }
 
 TEST(ToolCutArchive, CatsAtEveryCutTheEntryThatIsWholeBeforeIt) {
-  atEveryCut(false, [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive,
-                       std::size_t cut) {
+  atEveryCut(true, [](const ArchiveFolder& folder, const std::string& path, const CutArchive& archive,
+                      std::size_t cut) {
     const CutEntry& last = archive.entries.back();
     const ProcessResult result = folder.run({"cat", path, last.name});
     if (cut >= last.end) {
@@ -894,9 +996,11 @@ TEST(ToolCutArchive, CatsAtEveryCutTheEntryThatIsWholeBeforeIt) {
     } else {
       EXPECT_EQ(1, result.exitStatus);
       EXPECT_EQ("", result.output);
-      EXPECT_EQ(0U, result.errors.find(
-                        "kqzip: a.zip: \"\xC3\xB8\" is not in the archive as far as it can be read: "))
-          << result.errors;
+      const bool isNone = result.errors == "kqzip: a.zip is no archive (check that it is the right file)\n";
+      const bool isNamed = result.errors.find(
+                               "kqzip: a.zip: \"\xC3\xB8\" is not in the archive as far as it can "
+                               "be read: ") == 0;
+      EXPECT_TRUE(isNamed || (isNone && archive.wholeBefore(cut).empty())) << result.errors;
     }
   });
 }
@@ -947,20 +1051,18 @@ TEST(ToolCutArchive, ACutInTheCentralDirectoryIsSaidToBeThere) {
                "a\n");
 }
 
-TEST(ToolDamagedArchive, WhatStandsBeforeUnknownBytesIsGivenBack) {
+TEST(ToolDamagedArchive, WhatStandsBeforeAndAfterUnknownBytesIsGivenBack) {
   const ArchiveFolder folder;
   folder.archive(plainRecord("a", "1").bytes() + plainRecord("d/b", "2").bytes() + "JUNK" +
-                 archiveBytes({plainRecord("c", "3")}));
-  const std::string message = "a.zip: unknown signature 4b4e554a at offset 66" + verifyTells;
-  expectFailed(folder.run({"list", "a.zip"}), message, "a\nd/b\n");
+                 plainRecord("c", "3").bytes());
+  expectFailed(folder.run({"list", "a.zip"}), "a.zip: unknown signature 4b4e554a at offset 66" + verifyTells,
+               "a\nd/b\n");
+  const std::string message = "a.zip: unknown bytes from offset 66 to offset 70" + verifyTells;
   expectFailed(folder.run({"extract", "-C", "out", "a.zip"}), message);
-  EXPECT_EQ((Items{"a=1", "d/", "d/b=2"}), folder.items("out"));
+  EXPECT_EQ((Items{"a=1", "c=3", "d/", "d/b=2"}), folder.items("out"));
   expectFailed(folder.run({"extract", "-C", "out", "a.zip", "a"}), message);
   expectDone(folder.run({"cat", "a.zip", "d/b"}), "2");
-  expectFailed(
-      folder.run({"extract", "-C", "out", "a.zip", "c"}),
-      "a.zip: \"c\" is not in the archive as far as it can be read: unknown signature 4b4e554a at offset 66" +
-          verifyTells);
+  expectDone(folder.run({"cat", "a.zip", "c"}), "3");
   expectFailed(folder.run({"verify", "a.zip"}), problemsFound(1),
                "unknown signature 4b4e554a at offset 66\n");
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "../Platform/KQExport.h"
+#include "../Platform/NSError.h"
 
 /// What kind of thing is wrong. More kinds may be added.
 enum class KQZipProblemKind : std::uint8_t {
@@ -24,6 +25,7 @@ enum class KQZipProblemKind : std::uint8_t {
   UnknownBytes,  ///< Bytes of the archive belong to nothing.
   NotWritten,    ///< An entry has no place where it is unpacked to: the system refused it, or something is
                  ///< there.
+  NotThere,      ///< A path that was asked for matches no entry. It stands in the entry's place.
   LeavesFolder   ///< A symbolic link would lead out of the folder that is unpacked into.
 };
 
@@ -32,6 +34,8 @@ struct KQZipProblem {
   KQZipProblemKind kind;             ///< What kind of problem.
   std::optional<std::string> entry;  ///< The name of the entry that is concerned; nothing for the archive.
   std::string text;                  ///< For a person. It goes on from the entry's name where there is one.
+  std::shared_ptr<const KQ::NSError>
+      error{};  ///< Of an entry that cannot be written: the reason, if there is one.
 };
 
 struct KQZipReportState;

@@ -57,6 +57,10 @@ struct KQZipUnpackOptions {
   /// Does nothing but to tell `onEntry` what would be done. No data are looked at.
   bool isDryRun = false;
 
+  /// Called on the calling thread once it is known how many entries there are to be unpacked, and how many
+  /// bytes of data they have, if it is set.
+  std::function<void(std::uint64_t entries, std::uint64_t bytes)> onBegin{};
+
   /// Called on the calling thread for every entry that was given back or kept, if it is set.
   std::function<void(const KQZipUnpackedEntry&)> onEntry{};
 };

@@ -61,8 +61,13 @@ bool KQZipDestinationFolder::open(const std::string& path, bool makes, KQ::NSErr
   const unsigned mode = KQ::NSOpenToRead | KQ::NSOpenFolder;
   root_ = NSSystem::current().open(KQ::NSCurrentFolder, path_.c_str(), mode, 0);
   if (root_ == -ENOENT && makes) {
-    if (!KQ::NSFileManager::createDirectoryAtPath(path_, true, error)) return false;
-    root_ = NSSystem::current().open(KQ::NSCurrentFolder, path_.c_str(), mode, 0);
+    const std::string above = KQ::stringByDeletingLastPathComponent(path_);
+    if (!KQ::NSFileManager::createDirectoryAtPath(above, true, error)) return false;
+    const int made = NSSystem::current().makeFolder(KQ::NSCurrentFolder, path_.c_str(), permissionsOnTheWay);
+    if (made == 0) stateAt(KQZipFolderTable::root).step = Step::Made;
+    root_ = made == 0 || made == -EEXIST
+                ? NSSystem::current().open(KQ::NSCurrentFolder, path_.c_str(), mode, 0)
+                : made;
   }
   return root_ >= 0 || fail(error, KQ::NSError::errorWithPOSIXCode(static_cast<int>(-root_), path_));
 }
@@ -105,7 +110,7 @@ std::map<KQZipFolderTable::Folder, std::shared_ptr<const KQ::NSError>> KQZipDest
   std::map<Folder, std::shared_ptr<const KQ::NSError>> failures;
   std::optional<std::uint16_t> mask;
   // What is inside comes first: it cannot be reached any more through a folder that may not be entered.
-  for (std::size_t folder = states_.size(); folder-- > 1;) {
+  for (std::size_t folder = states_.size(); folder-- > 0;) {
     if (states_[folder].step != Step::Made) continue;
     if (!mask) mask = NSSystem::current().mask();
     const auto number = static_cast<Folder>(folder);

@@ -402,8 +402,7 @@ void KQZipUnpackJobs::_addText(const KQZipUnpackItem& item, KQZipProblemKind kin
 
 void KQZipUnpackJobs::_addProblem(std::vector<KQZipPlacedProblem>& problems, const KQZipUnpackItem& item,
                                   const std::shared_ptr<const KQ::NSError>& error) const {
-  const std::string reason = error ? error->localizedDescription() : std::string("unknown reason");
-  problems.push_back({item.place, {KQZipProblemKind::NotWritten, plan_.nameAt(item.place), reason}});
+  problems.push_back({item.place, KQZipProblemOfWriting(plan_.nameAt(item.place), error)});
 }
 
 void KQZipUnpackJobs::_addFinding(std::vector<KQZipPlacedProblem>& problems, const KQZipUnpackItem& item,

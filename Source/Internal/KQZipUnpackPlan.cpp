@@ -38,6 +38,12 @@ std::uint64_t keyOf(std::uint64_t parent, std::string_view name) {
 
 }  // namespace
 
+KQZipProblem KQZipProblemOfWriting(std::string name, const std::shared_ptr<const KQ::NSError>& error) {
+  const std::string reason = error ? error->localizedDescription() : std::string("unknown reason");
+  return {KQZipProblemKind::NotWritten, std::move(name),
+          KQ::stringWithFormat("cannot be unpacked: %@", {reason}), error};
+}
+
 void KQZipTargetPath::set(std::string_view name, std::size_t stripped) {
   path_ = KQZipCanonicalName(name, room_);
   while (!path_.empty() && path_.front() == '/') path_.remove_prefix(1);
@@ -158,7 +164,8 @@ void KQZipUnpackPlan::_addEntry(std::uint32_t place) {
   }
   KQZipTargetPath target;
   findTarget(place, &target);
-  if (target.path().empty()) return;
+  const bool isRoot = options_.strippedComponents == 0 && _recordAt(place).kind == KQZipIndexRecord::Folder;
+  if (target.path().empty() && !isRoot) return;
   ++entries_;
   if (!_isLeftOut(place, target)) _addItem(place, target);
 }

@@ -56,6 +56,9 @@ struct KQZipPlacedProblem {
   KQZipProblem problem;
 };
 
+/// The problem of an entry that could not be written, or whose archive could not be read, for this reason.
+KQZipProblem KQZipProblemOfWriting(std::string name, const std::shared_ptr<const KQ::NSError>& error);
+
 /// Goes over the names of an archive before anything is read or written. Takes time and memory in proportion
 /// to the names.
 class KQZipUnpackPlan {

@@ -28,10 +28,15 @@ class Unpacking {
         destination_(options.takesNamesAsTheyStand),
         plan_(archive, options, destination_.table()) {}
 
-  bool plan(KQ::NSErrorSlot error) {
+  bool plan(KQZipReportState& report, KQ::NSErrorSlot error) {
     if (!plan_.make(error)) return false;
     const std::vector<std::string> unmatched = plan_.unmatched();
-    if (unmatched.empty()) return true;
+    for (const std::string& path : unmatched)
+      report.problems.push_back({KQZipProblemKind::NotThere, path, "is not in the archive"});
+    if (unmatched.empty()) {
+      if (options_.onBegin) options_.onBegin(plan_.entries(), plan_.bytes());
+      return true;
+    }
     return KQZipFail(error, KQZipErrorNoSuchEntry,
                      KQ::stringWithFormat("%@ is not in the archive", {'"' + unmatched.front() + '"'}));
   }
@@ -68,13 +73,11 @@ class Unpacking {
 
   void fill(KQZipReportState& report) {
     take(plan_.problems());
+    addWhatOpeningFound(report);
     std::stable_sort(problems_.begin(), problems_.end(),
                      [](const auto& left, const auto& right) { return left.place < right.place; });
     report.entries = plan_.entries();
     report.bytes = plan_.bytes();
-    for (const KQZipFinding& finding : archive_.findings)
-      if (finding.entry == KQZipFinding::noEntry)
-        report.problems.push_back(KQZipProblemOf(finding, archive_.index));
     for (std::size_t i = 0; i < problems_.size();) {
       std::vector<KQZipProblem> ofEntry;
       const std::uint32_t place = problems_[i].place;
@@ -87,6 +90,16 @@ class Unpacking {
   std::uint64_t bytes() const { return plan_.bytes(); }
 
  private:
+  // Entries of which only the name is known are found by opening alone.
+  void addWhatOpeningFound(KQZipReportState& report) {
+    for (const KQZipFinding& finding : archive_.findings) {
+      if (finding.entry == KQZipFinding::noEntry)
+        report.problems.push_back(KQZipProblemOf(finding, archive_.index));
+      else if (!archive_.index.counts(finding.entry))
+        problems_.push_back({archive_.index.placeOf(finding.entry), KQZipProblemOf(finding, archive_.index)});
+    }
+  }
+
   void take(Problems& problems) {
     std::move(problems.begin(), problems.end(), std::back_inserter(problems_));
     problems.clear();
@@ -129,8 +142,7 @@ class Unpacking {
   }
 
   void addProblem(std::uint32_t place, const std::shared_ptr<const KQ::NSError>& error) {
-    problems_.push_back(
-        {place, {KQZipProblemKind::NotWritten, plan_.nameAt(place), error->localizedDescription()}});
+    problems_.push_back({place, KQZipProblemOfWriting(plan_.nameAt(place), error)});
   }
 
   void settle() {
@@ -143,9 +155,8 @@ class Unpacking {
     }
     // Folders without an entry come last.
     for (const auto& [folder, error] : failures)
-      problems_.push_back({UINT32_MAX,
-                           {KQZipProblemKind::NotWritten, destination_.table().pathOf(folder) + "/",
-                            error->localizedDescription()}});
+      problems_.push_back(
+          {UINT32_MAX, KQZipProblemOfWriting(destination_.table().pathOf(folder) + "/", error)});
   }
 
   const KQZipArchiveState& archive_;
@@ -161,7 +172,7 @@ bool KQZipUnpackArchive(const KQZipArchiveState& archive, const std::string& fol
                         const KQZipUnpackOptions& options, KQZipReport& report, KQ::NSErrorSlot error) {
   KQZipReportState& found = KQZipReportState::begun(report);
   Unpacking unpacking(archive, options);
-  if (!unpacking.plan(error)) return false;
+  if (!unpacking.plan(found, error)) return false;
   bool isDone = true;
   if (options.isDryRun) {
     unpacking.tellPlan();

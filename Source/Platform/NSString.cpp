@@ -141,14 +141,22 @@ std::string_view withoutLeadingSlashes(std::string_view path) {
   return path;
 }
 
+// Letters by their category that show as nothing.
+bool isFiller(utf8proc_int32_t codePoint) {
+  return codePoint == 0x034F || codePoint == 0x115F || codePoint == 0x1160 || codePoint == 0x17B4 ||
+         codePoint == 0x17B5 || codePoint == 0x3164 || codePoint == 0xFFA0;
+}
+
+// Characters that format, as those that reorder the text around them, are not to be seen themselves.
 bool isPrintable(utf8proc_int32_t codePoint) {
   switch (utf8proc_category(codePoint)) {
     case UTF8PROC_CATEGORY_CC:
+    case UTF8PROC_CATEGORY_CF:
     case UTF8PROC_CATEGORY_ZL:
     case UTF8PROC_CATEGORY_ZP:
       return false;
     default:
-      return true;
+      return !isFiller(codePoint);
   }
 }
 

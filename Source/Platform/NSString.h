@@ -54,7 +54,8 @@ KQZIP_EXPORT std::string stringByDeletingLastPathComponent(std::string_view path
 /// absolute component never replaces the left side: "out" with "/etc/x" is "out/etc/x".
 KQZIP_EXPORT std::string stringByAppendingPathComponent(std::string_view path, std::string_view component);
 
-/// `bytes` made printable: control characters, and bytes that are not valid UTF-8, as `\xNN`.
+/// `bytes` made printable: control characters, characters that reorder text or are invisible, and bytes that
+/// are not valid UTF-8, as `\xNN`.
 KQZIP_EXPORT std::string stringByEscapingUnprintables(std::string_view bytes);
 
 }  // namespace KQ

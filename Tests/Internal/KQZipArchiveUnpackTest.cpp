@@ -277,7 +277,8 @@ TEST_P(KQZipArchiveUnpack, NeverReplacesTheArchiveItself) {
   EXPECT_FALSE(archive->unpack(job / "", options_, job.report, &job.error));
   EXPECT_EQ(archiveOf(entries), readFile(job / "a.zip"));
   EXPECT_EQ("2", readFile(job / "b"));
-  EXPECT_EQ(Lines{"a.zip: " + (job / "a.zip") + " is the archive itself"}, job.problems());
+  EXPECT_EQ(Lines{"a.zip: cannot be unpacked: " + (job / "a.zip") + " is the archive itself"},
+            job.problems());
 }
 
 TEST_P(KQZipArchiveUnpack, RefusesTheWholeArchiveForAnUnsafeNameBeforeAnythingIsWritten) {
@@ -471,7 +472,8 @@ TEST_P(KQZipArchiveUnpack, NamesWhatTheFileSystemHoldsForAnotherEntry) {
   system.act({.number = 1, .name = "open", .path = job / "out/a"},
              [&](const ScriptedSystem::Call&) { fs::create_hard_link(job / "out/A", job / "out/a"); });
   EXPECT_FALSE(job.unpack(options_));
-  EXPECT_EQ(Lines{"a: " + (job / "out/a") + " has the name of another entry to this file system"},
+  EXPECT_EQ(Lines{"a: cannot be unpacked: " + (job / "out/a") +
+                  " has the name of another entry to this file system"},
             job.problems());
   EXPECT_EQ("1", readFile(job / "out/A"));
   EXPECT_EQ("3", readFile(job / "out/b"));

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 
 #include "Support/Bytes.h"
 
@@ -90,13 +92,61 @@ std::string archiveBytes(const std::vector<LocalRecord>& records) {
   std::string locals;
   std::string centrals;
   for (const LocalRecord& record : records) {
-    centrals += centralHeaderBytes(record, static_cast<std::uint32_t>(locals.size()));
+    centrals += centralHeaderBytes(record, static_cast<std::uint32_t>(locals.size()), record.compression);
     locals += record.bytes();
   }
   return locals + centrals +
          endRecordBytes(static_cast<std::uint16_t>(records.size()),
                         static_cast<std::uint32_t>(centrals.size()),
                         static_cast<std::uint32_t>(locals.size()));
+}
+
+void writeSparseArchive(const std::string& path, const std::vector<LocalRecord>& before,
+                        const std::string& name, std::uint64_t length) {
+  std::string locals;
+  std::string centrals;
+  for (const LocalRecord& record : before) {
+    centrals += centralHeaderBytes(record, static_cast<std::uint32_t>(locals.size()));
+    locals += record.bytes();
+  }
+  LocalRecord large = plainRecord(name, "");
+  large.size = 0xFFFFFFFF;
+  large.extra = zip64FieldBytes(length, length);
+  std::string central = centralHeaderBytes(large, static_cast<std::uint32_t>(locals.size()));
+  const std::string extra = extraFieldBytes(1, Bytes().u64(length).u64(length));
+  central.replace(20, 8, std::string(8, '\xFF'));
+  central[30] = static_cast<char>(extra.size());
+  centrals += central + extra;
+  locals += large.header();
+  const std::uint64_t end = locals.size() + length;
+  std::ofstream(path, std::ios::binary) << locals;
+  std::filesystem::resize_file(path, end);
+  std::ofstream(path, std::ios::binary | std::ios::app) << centrals
+                                                        << Bytes()
+                                                               .u32(0x06064B50)
+                                                               .u64(44)
+                                                               .u16(0x031E)
+                                                               .u16(45)
+                                                               .u32(0)
+                                                               .u32(0)
+                                                               .u64(before.size() + 1)
+                                                               .u64(before.size() + 1)
+                                                               .u64(centrals.size())
+                                                               .u64(end)
+                                                               .u32(0x07064B50)
+                                                               .u32(0)
+                                                               .u64(end + centrals.size())
+                                                               .u32(1)
+                                                               .string()
+                                                        << Bytes()
+                                                               .u32(0x06054B50)
+                                                               .u32(0)
+                                                               .u16(before.size() + 1)
+                                                               .u16(before.size() + 1)
+                                                               .u32(centrals.size())
+                                                               .u32(0xFFFFFFFF)
+                                                               .u16(0)
+                                                               .string();
 }
 
 std::optional<std::string> bytesOf(const std::shared_ptr<const KQ::NSData>& data) {

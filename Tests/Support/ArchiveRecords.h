@@ -54,6 +54,11 @@ std::string endRecordBytes(std::uint16_t entries = 0, std::uint32_t size = 0, st
 /// A whole archive: the records, a central header for each, a classic end record.
 std::string archiveBytes(const std::vector<LocalRecord>& records);
 
+/// Writes an archive of these records and one of `length` zeros, which take no room on the disk and long to
+/// be read. The CRC-32 of the zeros is wrong.
+void writeSparseArchive(const std::string& path, const std::vector<LocalRecord>& before,
+                        const std::string& name, std::uint64_t length);
+
 /// The bytes of a buffer, nothing for no buffer.
 std::optional<std::string> bytesOf(const std::shared_ptr<const KQ::NSData>& data);
 

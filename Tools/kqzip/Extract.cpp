@@ -1,121 +1,104 @@
 #include "Extract.h"
 
-#include <sys/stat.h>
-
-#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
-#include <system_error>
-#include <utility>
 
 #include "Advice.h"
-#include "ArchiveScan.h"
-#include "Destination.h"
-#include "EntryProgress.h"
-#include "ExtractionPlan.h"
 #include "Interruption.h"
 #include "Message.h"
-#include "Permissions.h"
+#include "OpenArchive.h"
 #include "ProgressLine.h"
-
-namespace fs = std::filesystem;
+#include "StandardOutput.h"
 
 namespace Tool {
 
 namespace {
 
-std::string partialFile(const std::string& path) {
-  std::error_code ignored;
-  return fs::exists(path, ignored) ? "partial file left at " + path : "";
+KQZipExisting existingFor(const ExtractOptions& options) {
+  if (options.existing == "fail") return KQZipExisting::Fail;
+  if (options.existing == "newer") return KQZipExisting::KeepNewer;
+  if (options.existing == "keep" || options.keepsExisting) return KQZipExisting::Keep;
+  return KQZipExisting::Replace;
 }
 
-// An archive that ends early yields a short file, which the export counts as a success; this one had all of
-// its bytes when it was scanned.
-void requireWholeCopy(const ArchiveEntry& entry, const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) failWithSystemError(errno, path);
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  if (size != entry.length()) {
-    const std::string text = inQuotes(entry.name) + " was copied short, " + std::to_string(size) + " of " +
-                             std::to_string(entry.length()) + " bytes";
-    throw Failure(
-        withRemarks(text, {partialFile(path), "the archive was cut meanwhile, see if it is being changed"}));
+// What could not be planned, or where nothing could be written.
+[[noreturn]] void failBeforeWriting(const ExtractOptions& options, const KQZipArchive& archive,
+                                    const KQZipReport& report,
+                                    const std::shared_ptr<const KQ::NSError>& error) {
+  if (error->code() == KQZipErrorNoSuchEntry)
+    throw missingEntry(options.archive, archive, report.problems().front().entry.value_or(""));
+  const std::string& text = error->localizedDescription();
+  if (error->code() == KQZipErrorUnsafeName) {
+    const bool canBeTaken = !options.unpacking.takesNamesAsTheyStand && text.find("NUL") == std::string::npos;
+    throw Failure(withRemarks(text, {canBeTaken ? "--unsafe-paths takes names as they stand"
+                                                : "kqzip cat gives the other entries"}));
   }
+  const bool isNoFolder = error->domain() == KQ::NSPOSIXErrorDomain && error->code() == ENOTDIR;
+  throw Failure(withRemarks(text, {isNoFolder ? "choose another folder with -C" : adviceFor(error)}));
 }
 
-void extractFile(const ArchiveScan& archive, const ArchiveEntry& entry, const std::string& path,
-                 const KQ::NSProgress& work) {
-  std::shared_ptr<const KQ::NSError> error;
-  if (!archive.headerOf(entry)->exportFileToPath(path, archive.stream(), &error)) {
-    if (work.isCancelled()) throw Failure(withRemarks("interrupted", {partialFile(path)}), Interrupted);
-    failWithError(error, inQuotes(entry.name) + " cannot be read", {partialFile(path)});
-  }
-  requireWholeCopy(entry, path);
-}
-
-void setDate(const ArchiveEntry& entry, const std::string& path) {
-  KQ::NSFileAttributes attributes;
-  attributes.NSFileModificationDate = entry.modificationDate();
-  std::shared_ptr<const KQ::NSError> error;
-  if (!KQ::NSFileManager::setAttributes(attributes, path, &error))
-    failWithError(error, inQuotes(path) + " cannot be given its date");
-}
-
-std::uint64_t lengthOf(const ExtractionPlan& plan) {
-  std::uint64_t bytes = 0;
-  for (const ExtractionItem& item : plan.items) bytes += item.entry->length();
-  return bytes;
-}
-
-void extractItems(const ArchiveScan& archive, const ExtractionPlan& plan, const Destination& destination,
-                  EntryProgress& progress) {
-  Permissions permissions(archive);
-  std::vector<std::pair<const ArchiveEntry*, std::string>> folders;
-  for (const ExtractionItem& item : plan.items) {
-    requireNotInterrupted(progress.work());
-    progress.begin(*item.entry);
-    if (item.entry->isFolder()) {
-      folders.emplace_back(item.entry, destination.folder(item.target));
-    } else {
-      const std::string path = destination.placeForFile(item.target);
-      extractFile(archive, *item.entry, path, progress.work());
-      permissions.apply(*item.entry, path);
-    }
-    progress.end();
-  }
-  // Last, because a folder's date changes with its contents, and its permissions may forbid any change.
-  for (const auto& [entry, path] : folders) setDate(*entry, path);
-  // The longer path first: what is inside a folder is not reached behind one that may not be entered.
-  std::sort(folders.begin(), folders.end(),
-            [](const auto& left, const auto& right) { return left.second.size() > right.second.size(); });
-  for (const auto& [entry, path] : folders) permissions.apply(*entry, path);
-}
-
-// One line for all that was left out: the first, and how many more there are.
-void requireNothingLeftOut(const ArchiveScan& archive, const ExtractionPlan& plan) {
-  std::vector<Problem> problems = plan.leftOut;
-  if (archive.problem()) problems.push_back(*archive.problem());
-  if (problems.empty()) return;
-  const std::string more =
-      problems.size() == 1 ? "" : "and " + std::to_string(problems.size() - 1) + " more left out";
+// One line for all that was left out: the first, and how many other entries there are.
+[[noreturn]] void failForProblems(const ExtractOptions& options, const KQZipReport& report) {
+  const KQZipProblem& first = report.problems().front();
+  const std::uint64_t others = report.entriesWithProblems() - (first.entry ? 1 : 0);
+  const std::string more = others == 0 ? "" : "and " + std::to_string(others) + " more left out";
   throw Failure(
-      withRemarks(archive.path() + ": " + problems.front().sentence(), {more, problems.front().nextStep()}));
+      withRemarks(shownArchive(options.archive) + ": " + sentenceOf(first), {more, adviceFor(first)}));
 }
+
+/// How many entries are done, of how many.
+class EntryCount {
+ public:
+  explicit EntryCount(const KQ::NSProgress& work) : work_(work) {}
+
+  void begin(std::uint64_t entries, std::uint64_t bytes) {
+    all_ = entries;
+    bytes_ = bytes;
+  }
+  void count() { ++done_; }
+
+  ProgressLine::Amount amount() const {
+    const double bytes = work_.fractionCompleted() * static_cast<double>(bytes_);
+    return {std::to_string(done_) + "/" + std::to_string(all_) + " entries",
+            static_cast<std::uint64_t>(bytes)};
+  }
+
+ private:
+  const KQ::NSProgress& work_;
+  std::atomic<std::uint64_t> all_{0};
+  std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<std::uint64_t> done_{0};
+};
 
 }  // namespace
 
 void extract(const ExtractOptions& options, const std::shared_ptr<KQ::NSProgress>& work) {
-  const ArchiveScan archive(options.archive, *work);
-  refuseUnsafeNames(archive, options.unsafePaths);
-  const ExtractionPlan plan = planExtraction(archive, options.paths);
-  const Destination destination(options.directory, options.unsafePaths);
+  const auto archive = openArchive(options.archive, *work);
+  StandardOutput output;
+  EntryCount count(*work);
+  KQZipUnpackOptions unpacking = options.unpacking;
+  unpacking.existing = existingFor(options);
+  unpacking.onBegin = [&](std::uint64_t entries, std::uint64_t bytes) { count.begin(entries, bytes); };
+  const bool printsNames = options.isVerbose || unpacking.isDryRun;
+  unpacking.onEntry = [&](const KQZipUnpackedEntry& each) {
+    count.count();
+    if (!printsNames) return;
+    output.write(escapedName(each.path));
+    output.write(each.isKept ? " (kept)\n" : each.entry.isFolder() ? "/\n" : "\n");
+  };
+  KQZipReport report;
+  std::shared_ptr<const KQ::NSError> error;
+  bool isDone = false;
   {
-    EntryProgress progress(plan.items.size(), lengthOf(plan));
-    const ProgressLine line(!options.quiet, work, progress.measure());
-    extractItems(archive, plan, destination, progress);
+    const ProgressLine line(!options.quiet && !printsNames, work, [&] { return count.amount(); });
+    isDone = archive->unpack(options.directory, unpacking, report, &error);
   }
-  requireNothingLeftOut(archive, plan);
+  output.flush();
+  requireNotInterrupted(*work);
+  if (isDone) return;
+  if (error->code() == KQZipErrorProblemsFound) failForProblems(options, report);
+  failBeforeWriting(options, *archive, report, error);
 }
 
 }  // namespace Tool

@@ -4,17 +4,18 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace Tool {
 
 /// What `kqzip extract` was asked for.
 struct ExtractOptions {
-  std::string archive;             ///< The archive to read.
-  std::string directory = ".";     ///< Where to extract to.
-  bool unsafePaths = false;        ///< Takes names and links as they stand.
-  bool quiet = false;              ///< No progress line.
-  std::vector<std::string> paths;  ///< What to extract; everything when empty.
+  std::string archive;           ///< The archive to read.
+  std::string directory = ".";   ///< Where to extract to.
+  bool quiet = false;            ///< No progress line.
+  bool isVerbose = false;        ///< A line for each entry.
+  bool keepsExisting = false;    ///< The short form of keeping what is there.
+  std::string existing;          ///< How files that are there are treated: the word of the option.
+  KQZipUnpackOptions unpacking;  ///< What the library is told.
 };
 
 /// Gives the archive's tree back. Every entry that is whole is extracted; then a Failure is thrown if there

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <vector>
 
 namespace Tool::System {
 
@@ -27,6 +28,24 @@ sigset_t interruptions() {
 
 int codeForAccess(const std::string& path, int mode) {
   return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
+}
+
+constexpr char standardInputAgain[] = "/dev/stdin";
+
+// Copies standard input into the file. 0 or an error number.
+int copyStandardInput(int file, const std::function<bool()>& goesOn) {
+  std::vector<char> block(std::size_t{1} << 20);
+  while (goesOn()) {
+    const ssize_t count = ::read(STDIN_FILENO, block.data(), block.size());
+    if (count == 0) return 0;
+    if (count < 0 && errno != EINTR) return errno;
+    for (ssize_t done = 0; done < count;) {
+      const ssize_t written = ::write(file, block.data() + done, static_cast<std::size_t>(count - done));
+      if (written < 0 && errno != EINTR) return errno;
+      done += written < 0 ? 0 : written;
+    }
+  }
+  return ECANCELED;
 }
 
 }  // namespace
@@ -93,6 +112,26 @@ int codeForAddingTo(const std::string& path) { return codeForAccess(path, W_OK |
 int codeForLookingAt(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 ? 0 : errno;
+}
+
+int keepStandardInput(std::string* path, const std::function<bool()>& goesOn) {
+  struct stat status {};
+  if (::fstat(STDIN_FILENO, &status) != 0) return errno;
+  *path = standardInputAgain;
+  if (S_ISREG(status.st_mode)) return 0;
+  // Read once, before any other thread is started that could change it.
+  const char* const folder = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
+  *path = std::string(folder == nullptr || *folder == '\0' ? "/tmp" : folder) + "/kqzip-XXXXXX";
+  const int file = ::mkostemp(path->data(), O_CLOEXEC);
+  if (file < 0) return errno;
+  int code = copyStandardInput(file, goesOn);
+  if (::close(file) != 0 && code == 0) code = errno;
+  if (code != 0) ::unlink(path->c_str());
+  return code;
+}
+
+void forgetStandardInput(const std::string& path) {
+  if (path != standardInputAgain) ::unlink(path.c_str());
 }
 
 }  // namespace Tool::System

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -59,6 +60,13 @@ int codeForAddingTo(const std::string& path);
 
 /// 0 when there is anything at `path`, a link that leads nowhere included, else the error number.
 int codeForLookingAt(const std::string& path);
+
+/// Finds a path by which standard input can be read at any place: its own where it is a file, else that of a
+/// new file that nobody else may read, into which it is copied as long as `goesOn`. 0 or an error number.
+int keepStandardInput(std::string* path, const std::function<bool()>& goesOn);
+
+/// Removes that file, which stays readable for whoever has opened it.
+void forgetStandardInput(const std::string& path);
 
 }  // namespace System
 

@@ -119,23 +119,53 @@ void defineList(CLI::App& app, Command& command) {
   });
 }
 
+void addUnpackingOptions(CLI::App* extract, ExtractOptions& options) {
+  KQZipUnpackOptions& unpacking = options.unpacking;
+  unmarked(extract->add_option("-j,--jobs", unpacking.threads,
+                               "How many threads work; otherwise as many as there are processors"))
+      ->type_name("N")
+      ->check(CLI::Range(1U, 256U));
+  extract->add_flag("-v,--verbose", options.isVerbose, "Print a line for each entry, and no progress");
+  extract->add_flag("--dry-run", unpacking.isDryRun, "Print the lines and do nothing");
+  unmarked(extract->add_option("-x,--exclude", unpacking.excluded,
+                               "Leave out what has the name, is in the folder or matches the pattern"))
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+  unmarked(extract->add_option("--strip-components", unpacking.strippedComponents,
+                               "Take so many parts off the front of each name"))
+      ->type_name("N");
+  unmarked(extract->add_option("--existing", options.existing,
+                               "What happens to files that are there; otherwise they are replaced"))
+      ->type_name("replace|keep|newer|fail")
+      ->check(CLI::IsMember({"replace", "keep", "newer", "fail"}));
+  extract->add_flag("-n", options.keepsExisting, "Keep files that are there, as --existing keep does");
+  extract->add_flag("--keep-damaged", unpacking.keepsDamaged,
+                    "Leave files in their place whose data do not match their CRC-32");
+}
+
 void defineExtract(CLI::App& app, Command& command) {
   const auto options = std::make_shared<ExtractOptions>();
   CLI::App* extract = addCommand(
       app, "extract", "Give an archive's files back",
-      "Existing files are replaced and dates are set. An archive with a name that is absolute, is empty or\n"
-      "has a \"..\" component is refused, and so is a symbolic link that leads out of the folder. Of an\n"
-      "archive that is cut off or whose records are damaged, all entries whose record and length are whole\n"
-      "are extracted; data that was changed is found by kqzip verify. Permissions are set as far as the "
-      "mask\n"
-      "(umask) lets new files have them.");
-  addPositional(extract, "ARCHIVE", options->archive, "The archive to read")->required();
-  addPositional(extract, "PATH", options->paths,
-                "What to extract: names, or folders with all below them; otherwise all");
+      "All data are compared with their CRC-32. What does not match, and what cannot be written, is left "
+      "out\n"
+      "and named, with exit status 1; all else is extracted, from a damaged archive too. A file that is "
+      "there\n"
+      "is replaced in one step when the new one is whole. Dates are set, permissions as far as the mask\n"
+      "(umask) lets new files have them. An archive with a name that is absolute, is empty or has a \"..\"\n"
+      "component is refused. Nothing is written through a symbolic link, and a link that leads out of the\n"
+      "folder is not made. In a pattern, * stands for any characters, ? for one and [a-z] for one of a set;\n"
+      "all match \"/\" too. A PATH that is a name is that name, whatever it looks like.");
+  addPositional(extract, "ARCHIVE", options->archive, "The archive to read; - for standard input")
+      ->required();
+  addPositional(extract, "PATH", options->unpacking.paths,
+                "What to extract: names, folders with all below them, or patterns; otherwise all");
   unmarked(extract->add_option("-C,--directory", options->directory,
                                "The folder to extract to, made if missing; otherwise the current one"))
       ->type_name("DIR");
-  extract->add_flag("--unsafe-paths", options->unsafePaths, "Take names and links as they stand");
+  addUnpackingOptions(extract, *options);
+  extract->add_flag("--unsafe-paths", options->unpacking.takesNamesAsTheyStand,
+                    "Take names and links as they stand");
   addQuiet(extract, options->quiet, "Show no progress");
   extract->callback(
       [options, &command] { command.run = [options](const auto& work) { Tool::extract(*options, work); }; });
@@ -143,10 +173,12 @@ void defineExtract(CLI::App& app, Command& command) {
 
 void defineCat(CLI::App& app, Command& command) {
   const auto options = std::make_shared<CatOptions>();
-  CLI::App* cat = addCommand(app, "cat", "Write an entry's bytes to standard output",
-                             "An entry whose record and length are whole is given back without a message\n"
-                             "even where the rest of the archive is damaged.");
-  addPositional(cat, "ARCHIVE", options->archive, "The archive to read")->required();
+  CLI::App* cat =
+      addCommand(app, "cat", "Write an entry's bytes to standard output",
+                 "They are compared with their CRC-32 as they pass: where they do not match, the\n"
+                 "exit status is 1, and the bytes are written by then. What else is wrong with the\n"
+                 "archive does not matter.");
+  addPositional(cat, "ARCHIVE", options->archive, "The archive to read; - for standard input")->required();
   addPositional(cat, "PATH", options->path, "The entry's name")->required();
   cat->callback([options, &command] {
     command.run = [options](const auto& work) { Tool::cat(*options, *work); };

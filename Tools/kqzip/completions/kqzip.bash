@@ -87,12 +87,15 @@ _kqzip_options() {
   case $1 in
     create) echo "-k --keep-parent --verify --exact -q --quiet --help" ;;
     list) echo "-l --long -0 --null -h --human-readable --json --help" ;;
-    extract) echo "-C --directory --unsafe-paths -q --quiet --help" ;;
+    extract) echo "-C --directory -j --jobs -v --verbose --dry-run -x --exclude --strip-components --existing -n --keep-damaged --unsafe-paths -q --quiet --help" ;;
     verify) echo "-q --quiet -h --human-readable --json --help" ;;
     cat | conform | help) echo "--help" ;;
     "") echo "-h --help --version" ;;
   esac
 }
+
+# Those of extract that have a value behind them.
+_kqzip_options_with_value="-C|-[!-]*C|--directory|-j|--jobs|-x|--exclude|--strip-components|--existing"
 
 _kqzip_commands="create conform list extract cat verify help"
 
@@ -124,7 +127,7 @@ _kqzip_trim() {
 }
 
 _kqzip() {
-  local _kqzip_words=() _kqzip_path tool command='' archive='' position=0 ended='' word i restore
+  local _kqzip_words=() _kqzip_path tool option='' command='' archive='' position=0 ended='' word i restore
   COMPREPLY=()
   _kqzip_split "${COMP_LINE:0:COMP_POINT}"
   _kqzip_expand "${_kqzip_words[0]}"
@@ -136,7 +139,10 @@ _kqzip() {
     if [[ ! $ended && $word == -- ]]; then
       ended=1
     elif [[ ! $ended && $word == -?* ]]; then
-      if [[ $command == extract && $word == @(-C|-[!-]*C|--directory) ]]; then ((++i)); fi
+      if [[ $command == extract && $word == @($_kqzip_options_with_value) ]]; then
+        option=$word
+        ((++i))
+      fi
     elif [[ ! $command ]]; then
       command=$word
     else
@@ -149,7 +155,11 @@ _kqzip() {
   compopt -o filenames 2>/dev/null
   # The option's value: the word behind it is not counted, so its place is one too far.
   if ((i > last)); then
-    _kqzip_add_files "$current" ""
+    case $option in
+      *C | --directory) _kqzip_add_files "$current" "" ;;
+      --existing) mapfile -t COMPREPLY < <(compgen -W "replace keep newer fail" -- "$current") ;;
+      -x | --exclude) _kqzip_add_entries "$tool" "$archive" "$current" ;;
+    esac
   elif [[ ! $ended && $command == extract && $current == --directory=* ]]; then
     _kqzip_add_files "${current#*=}" ""
     current=${current#*=}

@@ -80,8 +80,8 @@ void KQZipAppendFromCodePage437(std::string_view bytes, std::string* text) {
 std::string_view KQZipCanonicalName(std::string_view name, std::string& room) {
   if (!hasPartToLeaveOut(name)) return name;
   room.clear();
-  if (name[0] == '/') room += '/';
-  const bool isFolder = name.back() == '/';
+  if (name.starts_with('/')) room += '/';
+  const bool isFolder = name.ends_with('/');
   while (!name.empty()) {
     const std::size_t end = std::min(name.find('/'), name.size());
     const std::string_view part = name.substr(0, end);

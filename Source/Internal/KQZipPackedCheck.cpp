@@ -34,11 +34,9 @@ KQZipPackedCheck::KQZipPackedCheck(const KQZipPackingJob& job, const KQZipNewArc
 KQZipPackedCheck::~KQZipPackedCheck() = default;
 
 bool KQZipPackedCheck::run(KQ::NSErrorSlot error) {
-  std::shared_ptr<const KQ::NSError> failure;
-  error_ = &failure;
-  if (workers_.run(*this) && _compareDirectory(&failure)) return true;
-  if (!failure) failure = KQZipMakeError(KQZipErrorCancelled, "Cancelled by user.");
-  KQ::NSStoreError(error, std::move(failure));
+  if (workers_.run(*this) && _compareDirectory()) return true;
+  if (!failure_) failure_ = KQZipMakeError(KQZipErrorCancelled, "Cancelled by user.");
+  KQ::NSStoreError(error, failure_);
   return false;
 }
 
@@ -61,9 +59,9 @@ void KQZipPackedCheck::perform(std::size_t slot) {
 
 bool KQZipPackedCheck::finish(std::size_t slot) {
   const Slot& finished = slots_[slot];
-  if (finished.differs) return _failDifferent(error_);
+  if (finished.differs) return _failDifferent();
   if (finished.code == 0) return true;
-  *error_ = archive_.errorFor(finished.code);
+  failure_ = archive_.errorFor(finished.code);
   return false;
 }
 
@@ -96,7 +94,7 @@ void KQZipPackedCheck::_compareLocalHeaders(Slot* slot, std::size_t* next) const
   }
 }
 
-bool KQZipPackedCheck::_compareDirectory(KQ::NSErrorSlot error) {
+bool KQZipPackedCheck::_compareDirectory() {
   std::uint64_t position = packer_.endRecords().startOfDirectory;
   std::vector<std::uint8_t> expected;
   for (const Entry& entry : job_.list.entries) {
@@ -105,27 +103,26 @@ bool KQZipPackedCheck::_compareDirectory(KQ::NSErrorSlot error) {
     expected.resize(used + job_.form.sizeOfCentralHeader(entry));
     job_.form.encodeCentralHeader(entry, expected.data() + used);
     if (expected.size() < mostAtOnce) continue;
-    if (!goOn() || !_compare(expected, position, error)) return false;
+    if (!goOn() || !_compare(expected, position)) return false;
     position += expected.size();
     expected.clear();
   }
   const KQZipEndRecords::Bytes records = job_.form.encode(packer_.endRecords());
   expected.insert(expected.end(), records.begin(), records.end());
-  return _compare(expected, position, error);
+  return _compare(expected, position);
 }
 
-bool KQZipPackedCheck::_compare(const std::vector<std::uint8_t>& expected, std::uint64_t offset,
-                                KQ::NSErrorSlot error) {
+bool KQZipPackedCheck::_compare(const std::vector<std::uint8_t>& expected, std::uint64_t offset) {
   found_.resize(expected.size());
   const int code = archive_.read(found_.data(), found_.size(), offset);
   if (code != 0) {
-    *error = archive_.errorFor(code);
+    failure_ = archive_.errorFor(code);
     return false;
   }
-  return found_ == expected || _failDifferent(error);
+  return found_ == expected || _failDifferent();
 }
 
-bool KQZipPackedCheck::_failDifferent(KQ::NSErrorSlot error) const {
-  return KQZipFail(error, KQZipErrorWriting,
+bool KQZipPackedCheck::_failDifferent() {
+  return KQZipFail(&failure_, KQZipErrorWriting,
                    KQ::stringWithFormat("%@ does not hold what was written to it", {archive_.path()}));
 }

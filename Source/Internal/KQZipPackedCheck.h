@@ -37,9 +37,9 @@ class KQZipPackedCheck final : public KQZipJobs {
   };
 
   void _compareLocalHeaders(Slot* slot, std::size_t* next) const;
-  bool _compareDirectory(KQ::NSErrorSlot error);
-  bool _compare(const std::vector<std::uint8_t>& expected, std::uint64_t offset, KQ::NSErrorSlot error);
-  bool _failDifferent(KQ::NSErrorSlot error) const;
+  bool _compareDirectory();
+  bool _compare(const std::vector<std::uint8_t>& expected, std::uint64_t offset);
+  bool _failDifferent();
 
   const KQZipPackingJob& job_;
   const KQZipNewArchive& archive_;
@@ -48,6 +48,6 @@ class KQZipPackedCheck final : public KQZipJobs {
   KQZipWorkers workers_;
   std::vector<Slot> slots_;
   std::size_t next_ = 0;
-  KQ::NSErrorSlot error_ = nullptr;
+  std::shared_ptr<const KQ::NSError> failure_;  // What ended the work.
   std::vector<std::uint8_t> found_;
 };

@@ -100,14 +100,11 @@ KQZipPacker::KQZipPacker(KQZipPackingJob& job, const KQZipPackingOptions& option
 KQZipPacker::~KQZipPacker() = default;
 
 bool KQZipPacker::pack(KQ::NSErrorSlot error) {
-  // The calls below need a slot to see whether something failed.
-  std::shared_ptr<const KQ::NSError> failure;
-  error_ = &failure;
   position_ = job_.target.start();
   if (knowsLengths_) _setTotal();
   if (_packEntries() && _writeDirectory()) return true;
-  if (!failure) failure = KQZipMakeError(KQZipErrorCancelled, "Cancelled by user.");
-  KQ::NSStoreError(error, std::move(failure));
+  if (!failure_) failure_ = KQZipMakeError(KQZipErrorCancelled, "Cancelled by user.");
+  KQ::NSStoreError(error, failure_);
   return false;
 }
 
@@ -137,12 +134,12 @@ bool KQZipPacker::finish(std::size_t slot) {
 
 bool KQZipPacker::goOn() {
   _showProgress();
-  return !*error_ && !_isCancelled();
+  return !failure_ && !_isCancelled();
 }
 
 bool KQZipPacker::_packEntries() {
   while (workers_.run(*this)) {
-    if (*error_) return false;
+    if (failure_) return false;
     if (failed_ == entries_.size()) return true;
     _startAgain();
   }
@@ -180,7 +177,7 @@ void KQZipPacker::_prepareRun(Slot* slot) {
 
 bool KQZipPacker::_preparePiece(Slot* slot) {
   while (!large_ || large_->given == entries_[large_->index].length) {
-    if (waiting_.empty() || *error_) return false;
+    if (waiting_.empty() || failure_) return false;
     if (!_startLarge()) large_.reset();
   }
   slot->task = Slot::Task::Piece;
@@ -242,7 +239,7 @@ bool KQZipPacker::_notePart(const KQZipPackingBlock& block) {
     job_.list.getPath(*failure.entry, &path_);
     if (failure.why == KQZipLeftOut::Why::Archive) {
       job_.list.leaveOut(path_, failure.why, "the archive");
-    } else if (!job_.list.leaveOutFailed(path_, failure.code, atOnce_, error_)) {
+    } else if (!job_.list.leaveOutFailed(path_, failure.code, atOnce_, &failure_)) {
       return false;
     }
   }
@@ -309,7 +306,7 @@ bool KQZipPacker::_finishPiece(Slot* slot) {
   const std::shared_ptr<Large> large = std::move(slot->large);
   if (large->hasFailed || large->index > failed_) return true;
   if (slot->writeCode != 0) {
-    *error_ = job_.target.errorFor(slot->writeCode);
+    failure_ = job_.target.errorFor(slot->writeCode);
     return false;
   }
   if (slot->readCode != 0 || slot->isShort) return _failLarge(large.get(), slot->readCode);
@@ -345,7 +342,7 @@ bool KQZipPacker::_failLarge(Large* large, int code) {
 bool KQZipPacker::_leaveOut(KQZipPackingEntry& entry, int code) {
   entry.state = Entry::State::LeftOut;
   job_.list.getPath(entry, &path_);
-  return job_.list.leaveOutFailed(path_, code, atOnce_, error_);
+  return job_.list.leaveOutFailed(path_, code, atOnce_, &failure_);
 }
 
 bool KQZipPacker::_writeHeader(KQZipPackingEntry& entry) {
@@ -356,7 +353,7 @@ bool KQZipPacker::_writeHeader(KQZipPackingEntry& entry) {
 
 bool KQZipPacker::_write(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t offset) {
   const int code = job_.target.write(bytes, length, offset);
-  if (code != 0) *error_ = job_.target.errorFor(code);
+  if (code != 0) failure_ = job_.target.errorFor(code);
   return code == 0;
 }
 
@@ -398,7 +395,7 @@ bool KQZipPacker::_packInOrder(KQZipPackingEntry& entry) {
 bool KQZipPacker::_copyInOrder(const KQZipPackingEntry& entry, InOrder& source) {
   const auto changed = [&] {
     job_.list.getPath(entry, &path_);
-    return job_.list.leaveOutFailed(path_, 0, true, error_);
+    return job_.list.leaveOutFailed(path_, 0, true, &failure_);
   };
   if (!source.goBack()) return changed();
   std::uint32_t crc = 0;

@@ -120,7 +120,7 @@ class KQZipPacker final : public KQZipJobs {
   const bool atOnce_;
   const bool knowsLengths_;
   KQ::NSProgress& progress_;
-  KQ::NSErrorSlot error_ = nullptr;
+  std::shared_ptr<const KQ::NSError> failure_;  // What ended the work.
   KQZipWorkers workers_;
   std::vector<std::unique_ptr<Slot>> slots_;
 

@@ -21,11 +21,10 @@ using KQTest::earlierError;
 using KQTest::ErrorPointer;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
+using KQTest::extraFieldBytes;
 using KQTest::hex;
 using KQTest::LogCapture;
 using KQTest::OuterProgress;
-using KQTest::rawExtraField;
-using KQTest::rawZip64Field;
 using KQTest::StreamBehindSignature;
 using KQTest::TemporaryDirectory;
 using KQTest::TestInputStream;
@@ -33,6 +32,7 @@ using KQTest::TestOutputStream;
 using KQTest::TimeZone;
 using KQTest::utcSeconds;
 using KQTest::writeFile;
+using KQTest::zip64FieldBytes;
 
 namespace {
 
@@ -81,7 +81,7 @@ struct WrittenEntry {
     expected.crc32 = crcOf(contents);
     expected.offsetOfLocalHeader = offset;
     expected.name = "5byte";
-    expected.extra = rawZip64Field(contents.size(), contents.size(), zip64Offset);
+    expected.extra = zip64FieldBytes(contents.size(), contents.size(), zip64Offset);
     return expected;
   }
 
@@ -113,7 +113,7 @@ CentralHeaderFields distinctFields() {
   fields.externalFileAttributes = 0x1B1C1D1E;
   fields.offsetOfLocalHeader = 0x1F202122;
   fields.name = "folder/\xC3\xA4.txt";
-  fields.extra = rawExtraField(0x7777, "data");
+  fields.extra = extraFieldBytes(0x7777, "data");
   fields.comment = "comm\xC3\xA9nt";
   return fields;
 }
@@ -442,7 +442,7 @@ TEST(KQZipCentralDirectoryFileHeader, AMissingZip64FieldIsMadeByTheWrite) {
   TestOutputStream stream;
   EXPECT_TRUE(entry.central->writeToStream(stream, nullptr));
   CentralHeaderFields expected = entry.fields(1000, 1000);
-  expected.extra = rawExtraField(0x7777, "data") + expected.extra;
+  expected.extra = extraFieldBytes(0x7777, "data") + expected.extra;
   EXPECT_EQ(hex(expected.bytes()), hex(stream.bytes));
   EXPECT_EQ(36, entry.central->extraFieldLength());
   EXPECT_EQ(stream.bytes.size(), entry.central->outputSize());
@@ -456,8 +456,8 @@ TEST(KQZipCentralDirectoryFileHeader, OfTwoZip64FieldsTheFirstGetsTheSizesAndThe
   stream.startOffset = 5000;
   EXPECT_TRUE(entry.central->writeToStream(stream, nullptr));
   CentralHeaderFields expected = entry.fields(1000, 0);
-  expected.extra = rawZip64Field(10, 10, 5000) + rawExtraField(0x7777, "") + rawZip64Field(4, 5, 6) +
-                   rawZip64Field(7, 8, 1000) + rawExtraField(0x7778, "");
+  expected.extra = zip64FieldBytes(10, 10, 5000) + extraFieldBytes(0x7777, "") + zip64FieldBytes(4, 5, 6) +
+                   zip64FieldBytes(7, 8, 1000) + extraFieldBytes(0x7778, "");
   EXPECT_EQ(hex(expected.bytes()), hex(stream.bytes));
 }
 
@@ -541,7 +541,7 @@ TEST(KQZipCentralDirectoryFileHeader, TheSourcesAttributesAreTakenAgainForTheCen
   CentralHeaderFields expected = entry.fields(1000, 1000);
   expected.modDate = dosDate(1999, 12, 31);
   expected.modTime = dosTime(23, 58, 56);
-  expected.extra = rawZip64Field(25, 25, 1000);
+  expected.extra = zip64FieldBytes(25, 25, 1000);
   EXPECT_EQ(hex(expected.bytes()), hex(stream.bytes)) << "the CRC is the one that was copied";
 }
 
@@ -554,7 +554,7 @@ TEST(KQZipCentralDirectoryFileHeader, AVanishedSourceIsLoggedAndLeavesSizesOfZer
   EXPECT_TRUE(entry.central->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   CentralHeaderFields expected = entry.fields(1000, 1000);
-  expected.extra = rawZip64Field(0, 0, 1000);
+  expected.extra = zip64FieldBytes(0, 0, 1000);
   EXPECT_EQ(hex(expected.bytes()), hex(stream.bytes))
       << "the date came with the copy, the source's size did not";
   EXPECT_EQ(Lines{"failed to get attributes for " + entry.path}, log.lines());
@@ -893,7 +893,7 @@ TEST(KQZipCentralDirectoryFileHeader, NameAndCommentKeepNULBytesAndTheLargestLen
   EXPECT_EQ(fields.comment, header->fileComment());
 
   fields.name = std::string(65535, 'n');
-  fields.extra = rawExtraField(0x7777, std::string(65531, 'x'));
+  fields.extra = extraFieldBytes(0x7777, std::string(65531, 'x'));
   fields.comment = std::string(65535, 'c');
   StreamBehindSignature large(fields.bytes());
   const auto largest = KQZipCentralDirectoryFileHeader::initWithStream(large, nullptr);
@@ -920,7 +920,7 @@ TEST(KQZipCentralDirectoryFileHeader, ExtraFieldsAreReadInOrderUntilTheirAreaIsU
   CentralHeaderFields fields;
   fields.name = "n";
   fields.comment = "c";
-  fields.extra = rawExtraField(0x5455, "") + rawExtraField(0xCAFE, "1234567") + rawZip64Field(2, 3, 4);
+  fields.extra = extraFieldBytes(0x5455, "") + extraFieldBytes(0xCAFE, "1234567") + zip64FieldBytes(2, 3, 4);
   StreamBehindSignature stream(fields.bytes());
   const auto header = KQZipCentralDirectoryFileHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -938,7 +938,7 @@ TEST(KQZipCentralDirectoryFileHeader, AnExtraFieldThatRunsPastItsAreaIsTakenWhol
     SCOPED_TRACE(area);
     CentralHeaderFields fields;
     fields.name = "n";
-    fields.extra = rawExtraField(0x7777, "0123456789");
+    fields.extra = extraFieldBytes(0x7777, "0123456789");
     fields.extraLength = static_cast<std::uint16_t>(area);
     fields.comment = "comment";
     StreamBehindSignature stream(fields.bytes());
@@ -956,7 +956,7 @@ TEST(KQZipCentralDirectoryFileHeader,
   CentralHeaderFields plain;
   plain.name = "name";
   CentralHeaderFields extended = plain;
-  extended.extra = rawZip64Field(0, 0, 0);
+  extended.extra = zip64FieldBytes(0, 0, 0);
   CentralHeaderFields commented = extended;
   commented.comment = "comment";
   const struct {
@@ -990,7 +990,7 @@ TEST(KQZipCentralDirectoryFileHeader,
 TEST(KQZipCentralDirectoryFileHeader, EachFailingReadStopsTheParseThere) {
   CentralHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawZip64Field(3, 3, 0);
+  fields.extra = zip64FieldBytes(3, 3, 0);
   fields.comment = "comment";
   StreamBehindSignature clean(fields.bytes());
   KQZipCentralDirectoryFileHeader parsed;
@@ -1032,7 +1032,7 @@ TEST(KQZipCentralDirectoryFileHeader, AStreamWithoutAnOffsetCountsAsStandingAtZe
 TEST(KQZipCentralDirectoryFileHeader, ExtraFieldsOnAStreamWithoutAnOffsetEndWithTheStream) {
   CentralHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawZip64Field(0, 0, 0);
+  fields.extra = zip64FieldBytes(0, 0, 0);
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes() + std::string(1000, '\0'));
   stream.hasOffset = false;

@@ -24,15 +24,16 @@ using KQTest::contentsOf;
 using KQTest::crcOf;
 using KQTest::dataOf;
 using KQTest::earlierError;
+using KQTest::EndRecords;
 using KQTest::ErrorPointer;
 using KQTest::expectKQZipError;
+using KQTest::extraFieldBytes;
 using KQTest::hex;
 using KQTest::LogCapture;
-using KQTest::rawExtraField;
-using KQTest::rawZip64Field;
 using KQTest::Slot;
 using KQTest::TestInputStream;
 using KQTest::TestOutputStream;
+using KQTest::zip64FieldBytes;
 
 namespace {
 
@@ -75,10 +76,6 @@ class Sources {
   KQTest::TemporaryDirectory folder_;
 };
 
-std::uint32_t saturated(std::uint64_t value) {
-  return value < 0xFFFFFFFF ? static_cast<std::uint32_t>(value) : 0xFFFFFFFF;
-}
-
 // The central header of an entry whose local header stands at `offset`.
 CentralHeaderFields centralFields(const std::string& name, const std::string& contents,
                                   std::uint64_t offset) {
@@ -86,52 +83,15 @@ CentralHeaderFields centralFields(const std::string& name, const std::string& co
   fields.modTime = sourceTimeField;
   fields.modDate = sourceDateField;
   fields.crc32 = crcOf(contents);
-  fields.offsetOfLocalHeader = saturated(offset);
+  fields.offsetOfLocalHeader = KQTest::clampedTo32Bits(offset);
   fields.name = name;
-  fields.extra = rawZip64Field(contents.size(), contents.size(), offset);
+  fields.extra = zip64FieldBytes(contents.size(), contents.size(), offset);
   return fields;
 }
 
 std::string centralHeader(const std::string& name, const std::string& contents, std::uint64_t offset) {
   return centralFields(name, contents, offset).bytes();
 }
-
-// The three records that close a directory.
-struct EndRecords {
-  std::uint64_t count = 0;
-  std::uint64_t size = 98;
-  std::uint64_t start = 0;       // of the directory
-  std::uint64_t zip64Start = 0;  // of the Zip64 end record
-  std::string comment = {};
-
-  std::string zip64Record() const {
-    return Bytes()
-        .u32(0x06064b50)
-        .u64(44)
-        .u16(0x031E)
-        .u16(45)
-        .u32(0)
-        .u32(0)
-        .u64(count)
-        .u64(count)
-        .u64(size)
-        .u64(start);
-  }
-  std::string locator() const { return Bytes().u32(0x07064b50).u32(0).u64(zip64Start).u32(1); }
-  std::string classicRecord() const {
-    return Bytes()
-        .u32(0x06054b50)
-        .u16(0)
-        .u16(0)
-        .u16(count)
-        .u16(count)
-        .u32(saturated(size))
-        .u32(saturated(start))
-        .u16(comment.size())
-        .text(comment);
-  }
-  std::string bytes() const { return zip64Record() + locator() + classicRecord(); }
-};
 
 // The lengths of the writes of a central header with a name of `nameLength` bytes and a Zip64 field.
 Lengths headerWidths(std::uint64_t nameLength) {
@@ -522,7 +482,7 @@ TEST(KQZipCentralDirectory, ADigitalSignatureIsWrittenWithoutASignatureBetweenHe
   KQZipCentralDirectory directory;
   directory.setFileHeaders({std::make_shared<FakeHeader>("header", 6)});
   directory.setDigitalSignature(extraField(0x4142, "signed"));
-  EXPECT_EQ(hex("header" + rawExtraField(0x4142, "signed") + EndRecords{1, 114, 50, 66}.bytes()),
+  EXPECT_EQ(hex("header" + extraFieldBytes(0x4142, "signed") + EndRecords{1, 114, 50, 66}.bytes()),
             hex(written(directory, 50)));
 }
 
@@ -582,7 +542,7 @@ TEST(KQZipCentralDirectory, AHeaderThatFailsStopsTheWriteWithItsError) {
   ASSERT_NE(nullptr, directory.zip64EoCDLocator());
   EXPECT_EQ(0U, directory.zip64EoCDLocator()->offsetOfZip64EoCD());
   second->failure = nullptr;
-  EXPECT_EQ(hex("firstsecondthird" + rawExtraField(1, "signed") + EndRecords{3, 124, 0, 26}.bytes()),
+  EXPECT_EQ(hex("firstsecondthird" + extraFieldBytes(1, "signed") + EndRecords{3, 124, 0, 26}.bytes()),
             hex(written(directory)));
 }
 
@@ -591,7 +551,7 @@ TEST(KQZipCentralDirectory, EachFailingWriteStopsItUnlessItIsTheDataOfAnExtraFie
   TestOutputStream archive;
   const auto entry = sources.writtenEntry("a.txt", "hello", archive);
   const Lengths widths = joined(joined(headerWidths(5), {2, 2, 6}), endRecordWidths);
-  const std::string headers = centralHeader("a.txt", "hello", 0) + rawExtraField(0x4142, "signed");
+  const std::string headers = centralHeader("a.txt", "hello", 0) + extraFieldBytes(0x4142, "signed");
   const std::uint64_t start = 68;
   const std::string whole = headers + EndRecords{1, 187, start, start + 89}.bytes();
   ASSERT_EQ(whole.size(), KQTest::sumOfFirst(widths, widths.size()));
@@ -838,7 +798,7 @@ TEST(KQZipCentralDirectory, ASourceThatChangedAfterItsEntryWasWrittenGivesTheOld
   CentralHeaderFields expected = centralFields("a.txt", "hello", 0);
   expected.modTime = KQTest::dosTime(0, 31, 20);
   expected.modDate = KQTest::dosDate(2009, 2, 15);
-  expected.extra = rawZip64Field(12, 12, 0);
+  expected.extra = zip64FieldBytes(12, 12, 0);
   EXPECT_EQ(hex(expected.bytes() + EndRecords{1, 177, 68, 147}.bytes()), hex(written(*directory, 68)));
 }
 
@@ -853,7 +813,7 @@ TEST(KQZipCentralDirectory, ASourceThatVanishedAfterItsEntryWasWrittenIsFirstMis
   EXPECT_EQ(Lines(), log.lines());
   // The size of the source is not copied from the local header, so none is known.
   CentralHeaderFields expected = centralFields("a.txt", "hello", 0);
-  expected.extra = rawZip64Field(0, 0, 0);
+  expected.extra = zip64FieldBytes(0, 0, 0);
   EXPECT_EQ(hex(expected.bytes() + EndRecords{1, 177, 68, 147}.bytes()), hex(written(*directory, 68)));
   EXPECT_EQ(Lines{"failed to get attributes for " + path}, log.lines());
 }
@@ -930,7 +890,7 @@ TEST(KQZipCentralDirectory, AnErrorOfTheStreamBetweenRecordsIsASuccessThatNobody
 
 TEST(KQZipCentralDirectory, ItFindsEveryKindOfRecord) {
   const std::string headers = centralHeader("a.txt", "hello", 0) + centralHeader("second", "", 68);
-  const std::string signature = Bytes().u32(0x05054b50).text(rawExtraField(0x4142, "signed!"));
+  const std::string signature = Bytes().u32(0x05054b50).text(extraFieldBytes(0x4142, "signed!"));
   EndRecords records{2, 99, 999, 9999, "comment"};
   const LogCapture log;
   TestInputStream stream(headers + signature + records.bytes());
@@ -1049,7 +1009,7 @@ TEST(KQZipCentralDirectory, ALargerZip64RecordLeavesItsExtraBytesToTheGrid) {
 TEST(KQZipCentralDirectory, ALaterRecordOfAKindReplacesTheEarlierOne) {
   const auto all = [](std::uint64_t value) {
     EndRecords records{value, value, value, value};
-    return std::string(Bytes().u32(0x05054b50).text(rawExtraField(9, std::string(value, 's')))) +
+    return std::string(Bytes().u32(0x05054b50).text(extraFieldBytes(9, std::string(value, 's')))) +
            records.bytes();
   };
   TestInputStream stream(all(3) + all(4));
@@ -1100,7 +1060,7 @@ TEST(KQZipCentralDirectory, ADigitalSignatureOfOtherProgramsSwallowsWhatItsFirst
 }
 
 TEST(KQZipCentralDirectory, ADigitalSignatureWithTheId1IsAZip64Field) {
-  TestInputStream stream(Bytes().u32(0x05054b50).text(rawExtraField(1, std::string(8, '\x07'))));
+  TestInputStream stream(Bytes().u32(0x05054b50).text(extraFieldBytes(1, std::string(8, '\x07'))));
   const auto directory = KQZipCentralDirectory::initWithStream(stream);
   ASSERT_NE(nullptr, directory);
   const auto field =
@@ -1108,7 +1068,7 @@ TEST(KQZipCentralDirectory, ADigitalSignatureWithTheId1IsAZip64Field) {
   ASSERT_NE(nullptr, field);
   EXPECT_EQ(0x0707070707070707U, field->uncompressedSize());
   EXPECT_EQ(28U, directory->outputSize());
-  EXPECT_EQ(hex(rawZip64Field(0x0707070707070707, 0, 0) + EndRecords{0, 126, 0, 28}.bytes()),
+  EXPECT_EQ(hex(zip64FieldBytes(0x0707070707070707, 0, 0) + EndRecords{0, 126, 0, 28}.bytes()),
             hex(written(*directory)));
 }
 
@@ -1223,7 +1183,7 @@ TEST(KQZipCentralDirectory, EachFailingReadOfARecordFailsTheParseWithItsError) {
   const EndRecords records{1, 2, 3, 4, "comment"};
   const std::vector<Case> cases{
       {"central header", centralHeader("a.txt", "hello", 0), 22},
-      {"digital signature", Bytes().u32(0x05054b50).text(rawExtraField(9, "signed")), 5},
+      {"digital signature", Bytes().u32(0x05054b50).text(extraFieldBytes(9, "signed")), 5},
       {"classic record", records.classicRecord(), 9},
       {"Zip64 record", records.zip64Record(), 10},
       {"locator", records.locator(), 4},
@@ -1275,7 +1235,7 @@ TEST(KQZipCentralDirectory, AStreamThatEndsBehindASignatureFailsTheParseWithoutA
 TEST(KQZipCentralDirectory, ARecordThatCannotBeParsedEmptiesItsPropertyAndLeavesTheOthers) {
   const EndRecords records{1, 2, 3, 4};
   const std::string all =
-      std::string(Bytes().u32(0x05054b50).text(rawExtraField(9, "signed"))) + records.bytes();
+      std::string(Bytes().u32(0x05054b50).text(extraFieldBytes(9, "signed"))) + records.bytes();
   for (const char* signature : {"PK\x05\x05", "PK\x05\x06", "PK\x06\x06", "PK\x06\x07"}) {
     SCOPED_TRACE(hex(signature));
     KQZipCentralDirectory directory;

@@ -31,7 +31,6 @@ using KQTest::LogCapture;
 using KQTest::mebibyte;
 using KQTest::OuterProgress;
 using KQTest::patternBytes;
-using KQTest::rawZip64Field;
 using KQTest::readFile;
 using KQTest::StreamBehindSignature;
 using KQTest::SystemCalls;
@@ -39,6 +38,7 @@ using KQTest::TemporaryDirectory;
 using KQTest::TestInputStream;
 using KQTest::TimeZone;
 using KQTest::writeFile;
+using KQTest::zip64FieldBytes;
 
 namespace {
 
@@ -57,7 +57,7 @@ struct Archive {
     fields.name = "entry";
     fields.modDate = dosDate(1999, 12, 31);
     fields.modTime = dosTime(23, 58, 56);
-    fields.extra = rawZip64Field(length, length, 7);
+    fields.extra = zip64FieldBytes(length, length, 7);
     const std::string before = "before!" + fields.bytes();
     dataOffset = before.size();
     bytes = before + data;

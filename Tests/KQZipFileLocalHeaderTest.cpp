@@ -25,13 +25,12 @@ using KQTest::earlierError;
 using KQTest::ErrorPointer;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
+using KQTest::extraFieldBytes;
 using KQTest::LocalHeaderFields;
 using KQTest::LogCapture;
 using KQTest::mebibyte;
 using KQTest::OuterProgress;
 using KQTest::patternBytes;
-using KQTest::rawExtraField;
-using KQTest::rawZip64Field;
 using KQTest::StreamBehindSignature;
 using KQTest::SystemCalls;
 using KQTest::TemporaryDirectory;
@@ -40,6 +39,7 @@ using KQTest::TestOutputStream;
 using KQTest::TimeZone;
 using KQTest::utcSeconds;
 using KQTest::writeFile;
+using KQTest::zip64FieldBytes;
 
 namespace {
 
@@ -69,7 +69,7 @@ struct Source {
     expected.modDate = sourceDate;
     expected.crc32 = crcOf(contents);
     expected.name = header->fileName().value_or("");
-    expected.extra = rawZip64Field(contents.size(), contents.size(), offset);
+    expected.extra = zip64FieldBytes(contents.size(), contents.size(), offset);
     return expected;
   }
 
@@ -255,7 +255,7 @@ TEST(KQZipFileLocalHeader, ValuesThatACallerChangedAreWrittenAsTheyStand) {
   expected.crc32 = 0x99AABBCC;
   expected.compressedSize = 0x11223344;
   expected.uncompressedSize = 0x55667788;
-  expected.extra += rawExtraField(0x7777, "12345");
+  expected.extra += extraFieldBytes(0x7777, "12345");
   EXPECT_EQ(37u, expected.extra.size());
   EXPECT_EQ(KQTest::hex(expected.bytes() + "abc"), KQTest::hex(stream.bytes));
 }
@@ -947,7 +947,7 @@ TEST(KQZipFileLocalHeader, AParseReadsEveryFieldAndStandsBehindTheData) {
   fields.compressedSize = 5;
   fields.uncompressedSize = 0x0D0E0F10;
   fields.name = "folder/\xC3\xA4.txt";
-  fields.extra = rawExtraField(0x7777, "data");
+  fields.extra = extraFieldBytes(0x7777, "data");
   const std::string bytes = std::string(96, 'x') + fields.bytes() + "12345" + "next";
   const std::uint64_t dataOffset = 96 + 30 + 13 + 8;
   TestInputStream stream(bytes);
@@ -998,7 +998,7 @@ TEST(KQZipFileLocalHeader, AParseMakesOneReadForEachField) {
 TEST(KQZipFileLocalHeader, TheZip64FieldsCompressedSizeDecidesWhereTheNextRecordIs) {
   LocalHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawZip64Field(0x1111, 0x123456789A, 0x3333);
+  fields.extra = zip64FieldBytes(0x1111, 0x123456789A, 0x3333);
   StreamBehindSignature stream(fields.bytes());
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -1019,7 +1019,7 @@ TEST(KQZipFileLocalHeader, TheZip64FieldsCompressedSizeDecidesWhereTheNextRecord
 TEST(KQZipFileLocalHeader, AZip64FieldWithOneValueAloneMeansNoData) {
   LocalHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawExtraField(1, KQTest::Bytes().u64(1000));
+  fields.extra = extraFieldBytes(1, KQTest::Bytes().u64(1000));
   StreamBehindSignature stream(fields.bytes());
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -1031,7 +1031,7 @@ TEST(KQZipFileLocalHeader, AZip64FieldWithOneValueAloneMeansNoData) {
 TEST(KQZipFileLocalHeader, OfTwoZip64FieldsTheFirstCounts) {
   LocalHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawExtraField(0x7777, "") + rawZip64Field(3, 3, 0) + rawZip64Field(9, 9, 0);
+  fields.extra = extraFieldBytes(0x7777, "") + zip64FieldBytes(3, 3, 0) + zip64FieldBytes(9, 9, 0);
   StreamBehindSignature stream(fields.bytes() + "abc");
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -1135,7 +1135,7 @@ TEST(KQZipFileLocalHeader, ANameThatIsNotUTF8IsAbsentAndNoError) {
     SCOPED_TRACE(KQTest::hex(name));
     LocalHeaderFields fields;
     fields.name = name;
-    fields.extra = rawZip64Field(3, 3, 0);
+    fields.extra = zip64FieldBytes(3, 3, 0);
     StreamBehindSignature stream(fields.bytes() + "abc");
     ErrorPointer error;
     const auto header = KQZipFileLocalHeader::initWithStream(stream, &error);
@@ -1186,8 +1186,8 @@ TEST(KQZipFileLocalHeader, ANameLengthOfZeroParsesEvenAtTheEndOfTheStream) {
 TEST(KQZipFileLocalHeader, ExtraFieldsAreReadInOrderUntilTheirAreaIsUsedUp) {
   LocalHeaderFields fields;
   fields.name = "n";
-  fields.extra = rawExtraField(0x5455, "") + rawExtraField(0xCAFE, "1234567") + rawExtraField(0xCAFE, "8") +
-                 rawZip64Field(2, 2, 0);
+  fields.extra = extraFieldBytes(0x5455, "") + extraFieldBytes(0xCAFE, "1234567") +
+                 extraFieldBytes(0xCAFE, "8") + zip64FieldBytes(2, 2, 0);
   StreamBehindSignature stream(fields.bytes() + "ab");
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -1205,7 +1205,7 @@ TEST(KQZipFileLocalHeader, AnExtraAreaOfTheLargestSizeIsRead) {
   LocalHeaderFields fields;
   fields.name = "n";
   fields.compressedSize = 0;
-  fields.extra = rawExtraField(0x7777, std::string(65531, 'x'));
+  fields.extra = extraFieldBytes(0x7777, std::string(65531, 'x'));
   StreamBehindSignature stream(fields.bytes());
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
   ASSERT_NE(nullptr, header);
@@ -1218,7 +1218,7 @@ TEST(KQZipFileLocalHeader, AnExtraFieldThatRunsPastItsAreaIsTakenWhole) {
   LocalHeaderFields fields;
   fields.name = "n";
   fields.compressedSize = 3;
-  fields.extra = rawExtraField(0x7777, "0123456789");
+  fields.extra = extraFieldBytes(0x7777, "0123456789");
   for (const int area : {1, 3, 4, 6, 13}) {
     SCOPED_TRACE(area);
     fields.extraLength = static_cast<std::uint16_t>(area);
@@ -1237,7 +1237,7 @@ TEST(KQZipFileLocalHeader, AnAreaThatEndsInsideASecondFieldsHeaderTakesThatField
   LocalHeaderFields fields;
   fields.name = "n";
   fields.compressedSize = 0;
-  fields.extra = rawExtraField(0x1111, "") + rawExtraField(0x2222, "xy");
+  fields.extra = extraFieldBytes(0x1111, "") + extraFieldBytes(0x2222, "xy");
   fields.extraLength = 5;
   StreamBehindSignature stream(fields.bytes());
   const auto header = KQZipFileLocalHeader::initWithStream(stream, nullptr);
@@ -1257,7 +1257,7 @@ TEST(KQZipFileLocalHeader, AnAreaThatEndsInsideASecondFieldsHeaderTakesThatField
 TEST(KQZipFileLocalHeader, ASecondParseAppendsToTheExtraFields) {
   LocalHeaderFields fields;
   fields.name = "n";
-  fields.extra = rawZip64Field(0, 0, 0);
+  fields.extra = zip64FieldBytes(0, 0, 0);
   KQZipFileLocalHeader header;
   StreamBehindSignature first(fields.bytes());
   EXPECT_TRUE(header.parseFromStream(first, nullptr));
@@ -1271,7 +1271,7 @@ TEST(KQZipFileLocalHeader, AHeaderCutAtAnyByteFailsWithAnEmptySlotUnlessOnlyTheN
   plain.name = "name";
   plain.compressedSize = 0;
   LocalHeaderFields extended = plain;
-  extended.extra = rawZip64Field(0, 0, 0);
+  extended.extra = zip64FieldBytes(0, 0, 0);
   const TemporaryDirectory folder;
   for (const LocalHeaderFields& fields : {plain, extended}) {
     const std::string whole = fields.bytes();
@@ -1320,7 +1320,7 @@ TEST(KQZipFileLocalHeader, ACutHeaderKeepsTheFieldsThatWereReadWhole) {
 TEST(KQZipFileLocalHeader, EachFailingReadStopsTheParseThere) {
   LocalHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawZip64Field(3, 3, 0);
+  fields.extra = zip64FieldBytes(3, 3, 0);
   StreamBehindSignature clean(fields.bytes() + "abc");
   KQZipFileLocalHeader parsed;
   ASSERT_TRUE(parsed.parseFromStream(clean, nullptr));
@@ -1399,7 +1399,7 @@ TEST(KQZipFileLocalHeader, ALengthThatNoFileOffsetCanReachIsRefusedAndNeverWrapp
     SCOPED_TRACE(length);
     LocalHeaderFields fields;
     fields.name = "name";
-    fields.extra = rawZip64Field(length, length, 0);
+    fields.extra = zip64FieldBytes(length, length, 0);
     writeFile(folder / "archive", std::string(100, 'x') + fields.bytes() + "data");
     const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(folder / "archive");
     ASSERT_NE(nullptr, stream);
@@ -1423,7 +1423,7 @@ TEST(KQZipFileLocalHeader, ALengthThatWrapsNeverSendsAnyStreamBackwards) {
     SCOPED_TRACE(back);
     LocalHeaderFields fields;
     fields.name = "name";
-    fields.extra = rawZip64Field(0, 0 - back, 0);
+    fields.extra = zip64FieldBytes(0, 0 - back, 0);
     StreamBehindSignature stream(fields.bytes());
     const LogCapture log;
     KQZipFileLocalHeader header;
@@ -1441,7 +1441,7 @@ TEST(KQZipFileLocalHeader, AnEndOfDataFarBeyondTheEndOfTheFileIsAccepted) {
     SCOPED_TRACE(length);
     LocalHeaderFields fields;
     fields.name = "name";
-    fields.extra = rawZip64Field(length, length, 0);
+    fields.extra = zip64FieldBytes(length, length, 0);
     writeFile(folder / "archive", fields.bytes() + "data");
     const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(folder / "archive");
     ASSERT_NE(nullptr, stream);
@@ -1480,7 +1480,7 @@ TEST(KQZipFileLocalHeader, AStreamWithoutAnOffsetCountsAsStandingAtZero) {
 TEST(KQZipFileLocalHeader, ExtraFieldsOnAStreamWithoutAnOffsetEndWithTheStream) {
   LocalHeaderFields fields;
   fields.name = "name";
-  fields.extra = rawZip64Field(0, 0, 0);
+  fields.extra = zip64FieldBytes(0, 0, 0);
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes() + std::string(1000, '\0'));
   stream.hasOffset = false;

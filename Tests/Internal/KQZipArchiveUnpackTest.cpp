@@ -19,7 +19,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
-#include "Support/GoldenArchive.h"
+#include "Support/RecordBytes.h"
 #include "Support/ScriptedSystem.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -27,8 +27,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using KQTest::Bytes;
+using KQTest::CentralHeaderFields;
 using KQTest::errorText;
+using KQTest::LocalHeaderFields;
 using KQTest::patternBytes;
 using KQTest::readFile;
 using KQTest::ScriptedSystem;
@@ -78,41 +79,32 @@ std::string archiveOf(const std::vector<Made>& entries) {
   std::string records;
   std::string directory;
   for (const Made& each : entries) {
-    const Bytes common = Bytes()
-                             .u16(10)
-                             .u16(0x0800)
-                             .u16(0)
-                             .u16(0x645C)
-                             .u16(0x50CF)
-                             .u32(KQTest::crcOf(each.data))
-                             .u32(each.data.size())
-                             .u32(each.data.size())
-                             .u16(each.name.size())
-                             .u16(0);
-    directory += Bytes()
-                     .u32(0x02014B50)
-                     .u16(0x031E)
-                     .text(common)
-                     .u16(0)
-                     .u16(0)
-                     .u16(0)
-                     .u32(std::uint64_t{each.mode} << 16)
-                     .u32(records.size())
-                     .text(each.name)
-                     .string();
-    const std::string& data = each.stored.empty() ? each.data : each.stored;
-    records += Bytes().u32(0x04034B50).text(common).text(each.name).text(data).string();
+    const auto size = static_cast<std::uint32_t>(each.data.size());
+    directory += CentralHeaderFields{.versionNeeded = 10,
+                                     .flags = 0x0800,
+                                     .modTime = 0x645C,
+                                     .modDate = 0x50CF,
+                                     .crc32 = KQTest::crcOf(each.data),
+                                     .compressedSize = size,
+                                     .uncompressedSize = size,
+                                     .externalFileAttributes = each.mode << 16,
+                                     .offsetOfLocalHeader = static_cast<std::uint32_t>(records.size()),
+                                     .name = each.name}
+                     .bytes();
+    records += LocalHeaderFields{.versionNeeded = 10,
+                                 .flags = 0x0800,
+                                 .modTime = 0x645C,
+                                 .modDate = 0x50CF,
+                                 .crc32 = KQTest::crcOf(each.data),
+                                 .compressedSize = size,
+                                 .uncompressedSize = size,
+                                 .name = each.name}
+                   .bytes() +
+               (each.stored.empty() ? each.data : each.stored);
   }
   return records + directory +
-         Bytes()
-             .u32(0x06054B50)
-             .u32(0)
-             .u16(entries.size())
-             .u16(entries.size())
-             .u32(directory.size())
-             .u32(records.size())
-             .u16(0)
-             .string();
+         KQTest::EndRecords{.count = entries.size(), .size = directory.size(), .start = records.size()}
+             .classicRecord();
 }
 
 const std::string large = patternBytes(1048576 + 77, 5);

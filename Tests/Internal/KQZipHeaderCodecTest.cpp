@@ -156,7 +156,7 @@ KQZipCentralHeaderFields fieldsOf(const KQZipCentralDirectoryFileHeader& header)
 
 // An area of extra fields of this length, all of it one field; none for what is too short.
 std::string areaOf(std::size_t length) {
-  return length < 4 ? "" : rawExtraField(0x7777, std::string(length - 4, 'x'));
+  return length < 4 ? "" : extraFieldBytes(0x7777, std::string(length - 4, 'x'));
 }
 
 }  // namespace
@@ -345,16 +345,17 @@ TEST(KQZipHeaderCodecTest, AFieldIsFoundAtItsOffset) {
 TEST(KQZipHeaderCodecTest, TheWalkGivesEachFieldAndSaysWhatIsLeft) {
   using Fields = std::vector<std::pair<std::uint16_t, std::string>>;
   using Padding = KQZipExtraFieldWalk::Padding;
-  const std::string fields = rawExtraField(0x5455, "abc") + rawExtraField(1, "") + rawExtraField(0xFFFF, "z");
+  const std::string fields =
+      extraFieldBytes(0x5455, "abc") + extraFieldBytes(1, "") + extraFieldBytes(0xFFFF, "z");
   const Fields all{{0x5455, "abc"}, {1, ""}, {0xFFFF, "z"}};
-  for (const auto& [rest, isWhole, isWholeWithPadding] :
-       std::vector<std::tuple<std::string, bool, bool>>{{"", true, true},
-                                                        {std::string(1, '\0'), false, true},
-                                                        {std::string(2, '\0'), false, true},
-                                                        {std::string(3, '\x7F'), false, true},
-                                                        {std::string("\x01\x00\x01\x00", 4), false, false},
-                                                        {rawExtraField(9, "four").substr(0, 7), false, false},
-                                                        {std::string("\xFF\xFF\xFF\xFF", 4), false, false}}) {
+  for (const auto& [rest, isWhole, isWholeWithPadding] : std::vector<std::tuple<std::string, bool, bool>>{
+           {"", true, true},
+           {std::string(1, '\0'), false, true},
+           {std::string(2, '\0'), false, true},
+           {std::string(3, '\x7F'), false, true},
+           {std::string("\x01\x00\x01\x00", 4), false, false},
+           {extraFieldBytes(9, "four").substr(0, 7), false, false},
+           {std::string("\xFF\xFF\xFF\xFF", 4), false, false}}) {
     SCOPED_TRACE(hex(rest));
     const std::string area = fields + rest;
     Fields found;
@@ -368,13 +369,13 @@ TEST(KQZipHeaderCodecTest, TheWalkGivesEachFieldAndSaysWhatIsLeft) {
 }
 
 TEST(KQZipHeaderCodecTest, TheFirstZip64FieldIsFound) {
-  const std::string first = rawExtraField(1, "first");
+  const std::string first = extraFieldBytes(1, "first");
   for (const auto& [area, found, isWhole] :
        std::vector<std::tuple<std::string, std::optional<std::string>, bool>>{
            {"", std::nullopt, true},
-           {rawExtraField(2, "none"), std::nullopt, true},
-           {rawExtraField(2, "none") + first + rawExtraField(1, "second"), "first", true},
-           {rawExtraField(1, "") + first, "", true},
+           {extraFieldBytes(2, "none"), std::nullopt, true},
+           {extraFieldBytes(2, "none") + first + extraFieldBytes(1, "second"), "first", true},
+           {extraFieldBytes(1, "") + first, "", true},
            {first + "xyz", "first", false},
            {"xyz", std::nullopt, false}}) {
     std::optional<KQZipBytes> data = bytesIn(first);
@@ -429,7 +430,7 @@ TEST(KQZipHeaderCodecTest, ValuesInOrderAreThoseOfTheFieldsClass) {
     field.setUncompressedSize(values.uncompressedSize);
     field.setCompressedSize(values.compressedSize);
     field.setOffsetOfLocalHeaderRecord(values.offsetOfLocalHeader);
-    TestInputStream stream(rawExtraField(1, data));
+    TestInputStream stream(extraFieldBytes(1, data));
     ASSERT_TRUE(field.parseFromStream(stream));
     KQZipDecodeZip64InOrder(bytesIn(data), &values);
     EXPECT_EQ(field.uncompressedSize(), values.uncompressedSize) << length;

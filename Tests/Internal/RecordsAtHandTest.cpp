@@ -13,7 +13,7 @@
 
 #include "RecordsAtHand.h"
 #include "Support/ArchiveRecords.h"
-#include "Support/Bytes.h"
+#include "Support/RecordBytes.h"
 
 using namespace KQTest;
 
@@ -97,25 +97,21 @@ std::vector<std::string> ordinaryExtraFields() {
 // A central header, every fixed field of which has a value of its own.
 std::string centralBytes(const std::string& extra, const std::string& comment = "",
                          bool isSaturated = false) {
-  return Bytes()
-      .u32(0x02014b50)
-      .u16(0x031E)  // version made by
-      .u16(45)
-      .u16(0x0801)
-      .u16(0)
-      .u16(0x645C)
-      .u16(0x50CF)
-      .u32(0x12345678)                             // CRC-32
-      .u32(isSaturated ? 0xFFFFFFFF : 0x23456789)  // compressed size
-      .u32(isSaturated ? 0xFFFFFFFF : 0x3456789A)  // uncompressed size
-      .u16(4)
-      .u16(extra.size())
-      .u16(comment.size())
-      .u16(0x4567)
-      .u16(0x5678)
-      .u32(0x81A40001)                             // external attributes
-      .u32(isSaturated ? 0xFFFFFFFF : 0x6789ABCD)  // offset of the local header
-      .text("name" + extra + comment);
+  return KQTest::CentralHeaderFields{.versionNeeded = 45,
+                                     .flags = 0x0801,
+                                     .modTime = 0x645C,
+                                     .modDate = 0x50CF,
+                                     .crc32 = 0x12345678,
+                                     .compressedSize = isSaturated ? 0xFFFFFFFF : 0x23456789,
+                                     .uncompressedSize = isSaturated ? 0xFFFFFFFF : 0x3456789A,
+                                     .diskNumberStart = 0x4567,
+                                     .internalFileAttributes = 0x5678,
+                                     .externalFileAttributes = 0x81A40001,
+                                     .offsetOfLocalHeader = isSaturated ? 0xFFFFFFFF : 0x6789ABCD,
+                                     .name = "name",
+                                     .extra = extra,
+                                     .comment = comment}
+      .bytes();
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "Support/ArchiveRecords.h"
 
-#include <zlib.h>
-
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -11,41 +9,21 @@
 
 namespace KQTest {
 
-namespace {
-
-std::uint32_t crcOf(const std::string& data) {
-  return static_cast<std::uint32_t>(
-      crc32_z(0, reinterpret_cast<const unsigned char*>(data.data()), data.size()));
-}
-
-}  // namespace
-
-std::string extraFieldBytes(std::uint16_t identifier, const std::string& data,
-                            std::optional<std::uint16_t> declaredSize) {
-  return Bytes().u16(identifier).u16(declaredSize ? *declaredSize : data.size()).text(data);
-}
-
-std::string zip64FieldBytes(std::uint64_t uncompressedSize, std::uint64_t compressedSize,
-                            std::uint64_t offsetOfLocalHeader) {
-  return extraFieldBytes(1, Bytes().u64(uncompressedSize).u64(compressedSize).u64(offsetOfLocalHeader));
-}
-
 std::string LocalRecord::header() const {
-  const std::uint64_t bothSizes = size ? *size : data.size();
-  return Bytes()
-      .u32(0x04034b50)
-      .u16(10)
-      .u16(flags)
-      .u16(compression)
-      .u16(modTime)
-      .u16(modDate)
-      .u32(crcOf(data))
-      .u32(bothSizes)
-      .u32(bothSizes)
-      .u16(nameLength ? *nameLength : name.size())
-      .u16(extraLength ? *extraLength : extra.size())
-      .text(name)
-      .text(extra);
+  const std::uint32_t bothSizes = size ? *size : static_cast<std::uint32_t>(data.size());
+  return LocalHeaderFields{.versionNeeded = 10,
+                           .flags = flags,
+                           .compression = compression,
+                           .modTime = modTime,
+                           .modDate = modDate,
+                           .crc32 = crcOf(data),
+                           .compressedSize = bothSizes,
+                           .uncompressedSize = bothSizes,
+                           .nameLength = nameLength,
+                           .extraLength = extraLength,
+                           .name = name,
+                           .extra = extra}
+      .bytes();
 }
 
 LocalRecord plainRecord(const std::string& name, const std::string& data) {
@@ -63,29 +41,21 @@ LocalRecord zip64Record(const std::string& name, const std::string& data, std::u
 }
 
 std::string centralHeaderBytes(const LocalRecord& record, std::uint32_t offset, std::uint16_t compression) {
-  return Bytes()
-      .u32(0x02014b50)
-      .u16(0x031E)
-      .u16(10)
-      .u16(record.flags)
-      .u16(compression)
-      .u16(record.modTime)
-      .u16(record.modDate)
-      .u32(crcOf(record.data))
-      .u32(record.data.size())
-      .u32(record.data.size())
-      .u16(record.name.size())
-      .u16(0)
-      .u16(0)
-      .u16(0)
-      .u16(0)
-      .u32(0)
-      .u32(offset)
-      .text(record.name);
+  return CentralHeaderFields{.versionNeeded = 10,
+                             .flags = record.flags,
+                             .compression = compression,
+                             .modTime = record.modTime,
+                             .modDate = record.modDate,
+                             .crc32 = crcOf(record.data),
+                             .compressedSize = static_cast<std::uint32_t>(record.data.size()),
+                             .uncompressedSize = static_cast<std::uint32_t>(record.data.size()),
+                             .offsetOfLocalHeader = offset,
+                             .name = record.name}
+      .bytes();
 }
 
 std::string endRecordBytes(std::uint16_t entries, std::uint32_t size, std::uint32_t offset) {
-  return Bytes().u32(0x06054b50).u16(0).u16(0).u16(entries).u16(entries).u32(size).u32(offset).u16(0);
+  return EndRecords{.count = entries, .size = size, .start = offset}.classicRecord();
 }
 
 std::string archiveBytes(const std::vector<LocalRecord>& records) {

@@ -8,15 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "Support/RecordBytes.h"
+
 namespace KQTest {
-
-/// An extra field's bytes: id, size, data. `declaredSize` stands for the size when it is to be wrong.
-std::string extraFieldBytes(std::uint16_t identifier, const std::string& data,
-                            std::optional<std::uint16_t> declaredSize = {});
-
-/// The bytes of a Zip64 field with the two sizes and the local header's offset.
-std::string zip64FieldBytes(std::uint64_t uncompressedSize, std::uint64_t compressedSize,
-                            std::uint64_t offsetOfLocalHeader = 0);
 
 /// A local record laid out by hand, without the library's own code. Every member may be set to what no honest
 /// program would write.

@@ -1,6 +1,13 @@
 #include "Support/Bytes.h"
 
+#include <zlib.h>
+
 namespace KQTest {
+
+std::uint32_t crcOf(const std::string& bytes) {
+  return static_cast<std::uint32_t>(
+      crc32_z(0, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()));
+}
 
 std::string hex(const std::string& bytes) {
   static const char digits[] = "0123456789abcdef";

@@ -27,6 +27,9 @@ class Bytes {
   std::string bytes_;
 };
 
+/// zlib's CRC-32 of the bytes.
+std::uint32_t crcOf(const std::string& bytes);
+
 /// Bytes as hexadecimal text, so that a failed comparison can be read.
 std::string hex(const std::string& bytes);
 

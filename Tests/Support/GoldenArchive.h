@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "Support/Bytes.h"
+
 namespace KQTest {
 
 /// Length of a Zip64 extended information field with its header.
@@ -21,9 +23,6 @@ constexpr std::uint16_t dosTime(unsigned hour, unsigned minute, unsigned second)
 constexpr std::uint16_t dosDate(unsigned year, unsigned month, unsigned day) {
   return static_cast<std::uint16_t>((year - 1980) * 512 + month * 32 + day);
 }
-
-/// zlib's CRC-32 of the bytes.
-std::uint32_t crcOf(const std::string& bytes);
 
 /// What an archive is expected to hold for one entry. Local and central header have values of their own,
 /// because a source file may change between them.

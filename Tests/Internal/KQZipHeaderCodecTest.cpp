@@ -182,7 +182,9 @@ TEST(KQZipHeaderCodecTest, WhatTheLocalHeadersClassWritesIsDecoded) {
     LocalHeader header;
     setCommonFields(header, fields);
     TestOutputStream stream;
-    // There is no file to copy; the header has been written when that is found out.
+    // There is no file to copy; the header has been written when that is found out. The failure leaves a
+    // progress current, which this one takes off.
+    const KQTest::OuterProgress progress;
     EXPECT_FALSE(header.writeToStream(stream));
     const auto found = decoded<KQZipLocalHeaderFields>(stream.bytes);
     EXPECT_EQ(hex(encoded(fieldsOf(header))), hex(encoded(found)));

@@ -203,7 +203,7 @@ class ArchiveWritingFaults : public ::testing::Test {
     LogCapture log;
     TestOutputStream stream;
     applyFault(stream, fault, writes);
-    Error error = untouchedError();
+    Error error = earlierError();
     const Error before = error;
 
     EXPECT_EQ(foretold.result, writer.writeToStream(stream, withSlot ? &error : nullptr));
@@ -322,7 +322,7 @@ TEST_F(ArchiveWritingFaults, AFailedFlushAtTheEndIsReportedAsAFailedWrite) {
     for (const bool withSlot : {true, false}) {
       TestOutputStream stream;
       stream.flushResult = false;
-      Error error = untouchedError();
+      Error error = earlierError();
       EXPECT_FALSE(writer->writeToStream(stream, withSlot ? &error : nullptr));
       if (withSlot) expectError(error, -51, "Error writing file");
       expectSameBytes(writer == &three ? expected : goldenArchive({}), stream.bytes);
@@ -358,7 +358,7 @@ void expectNeverWrittenUnlessWhole(KQZipFileWriter& writer, const std::string& w
     for (const std::uint64_t limit : limits) {
       SCOPED_TRACE("limit " + std::to_string(limit));
       LogCapture log;
-      Error error = untouchedError();
+      Error error = earlierError();
       bool written = false;
       withFileSizeLimit(limit, [&] { written = writer.writeToZipPath(path, &error); });
       const std::string bytes = readFile(path);
@@ -480,7 +480,7 @@ TEST_F(ArchiveWritingFaults, ADiskThatIsFullOnlyForAMomentIsNotForgotten) {
       SCOPED_TRACE("full at write " + std::to_string(position));
       LogCapture log;
       BrieflyFullStream stream(tree_ / "full.zip", position);
-      Error error = untouchedError();
+      Error error = earlierError();
       const bool written = writer.writeToStream(stream, &error);
       stream.close();
       EXPECT_EQ(!stream.failed, written);

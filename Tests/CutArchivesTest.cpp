@@ -10,6 +10,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/TestStreams.h"
@@ -20,6 +21,7 @@ namespace fs = std::filesystem;
 
 using KQTest::archiveBytes;
 using KQTest::bytesOf;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::extraFieldBytes;
 using KQTest::LocalRecord;
@@ -32,7 +34,6 @@ using KQTest::TestInputStream;
 using KQTest::writeFile;
 using KQTest::zip64Record;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Lines = std::vector<std::string>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 using Records = std::vector<LocalRecord>;

@@ -42,7 +42,7 @@ class DirectoryArchiving : public ::testing::Test {
 
   std::string archiveOf(const std::string& directory, bool keepParentDirectory = false) const {
     const std::string zipPath = tree_ / "out.zip";
-    Error error = untouchedError();
+    Error error = earlierError();
     const Error before = error;
     EXPECT_TRUE(KQZipFileWriter::createZipFileAtPath(zipPath, directory, keepParentDirectory, &error));
     EXPECT_EQ(before, error);
@@ -55,7 +55,7 @@ class DirectoryArchiving : public ::testing::Test {
     LogCapture log;
     const bool existed = fs::exists(fs::symlink_status(zipPath));
     for (const bool keepParentDirectory : {false, true}) {
-      Error error = untouchedError();
+      Error error = earlierError();
       EXPECT_FALSE(KQZipFileWriter::createZipFileAtPath(zipPath, directory, keepParentDirectory, &error));
       ASSERT_NE(nullptr, error);
       EXPECT_EQ("NSPOSIXErrorDomain", error->domain());
@@ -228,7 +228,7 @@ TEST_F(DirectoryArchiving, AnExistingZipPathIsRefusedAndLeftUntouched) {
   makeUsualTree();
   const std::string zipPath = tree_.file("taken.zip", "precious");
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   EXPECT_FALSE(KQZipFileWriter::createZipFileAtPath(zipPath, tree_ / "Folder", false, &error));
   expectError(error, -1, "Could not write to zip path " + zipPath);
   EXPECT_EQ(std::vector<std::string>{"failed writing to path: " + zipPath + " " + describe(error)},
@@ -412,7 +412,7 @@ TEST_F(DirectoryArchiving, AWriterTakesTheContentsOfSeveralFoldersAndFilesBeside
   tree_.file("Other/a.txt", "another first");
   tree_.file("Other/c.txt", "third");
   KQZipFileWriter writer;
-  Error error = untouchedError();
+  Error error = earlierError();
   const Error before = error;
   EXPECT_TRUE(writer.addContentsOfDirectory(tree_ / "Folder", false, &error));
   EXPECT_TRUE(writer.addContentsOfDirectory(tree_ / "Folder", true, &error));

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/NamedPipe.h"
 #include "Support/Surroundings.h"
@@ -29,6 +30,7 @@ namespace fs = std::filesystem;
 
 using KQ::NSProgress;
 using KQTest::archiveBytes;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalRecord;
 using KQTest::LogCapture;
@@ -41,7 +43,6 @@ using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 using KQTest::zip64Record;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Lines = std::vector<std::string>;
 using Progress = std::shared_ptr<NSProgress>;
 using Reader = std::shared_ptr<KQZipFileReader>;
@@ -49,8 +50,6 @@ using Reader = std::shared_ptr<KQZipFileReader>;
 constexpr std::size_t mebibyte = 1048576;
 constexpr std::size_t threeBlocksAndAByte = 3 * mebibyte + 1;
 const std::string cancelled = "-90 Cancelled By User.";
-
-Error someError() { return KQ::NSError::errorWithDomain("SomeDomain", 7, "what stood in the slot"); }
 
 Reader readerOn(const std::string& path, const std::vector<LocalRecord>& records) {
   writeFile(path, archiveBytes(records));
@@ -145,7 +144,7 @@ TEST(ExtractionOfOneEntry, AnUnknownPathIsASuccessThatWritesNothing) {
   const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", "data")});
   writeFile(folder / "kept", "kept");
   LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_TRUE(reader->writeDataForRelativePath("unknown", folder / "new/file", &error));
   EXPECT_TRUE(reader->writeDataForRelativePath("A", folder / "kept", &error));
@@ -270,7 +269,7 @@ TEST(ExtractionOfOneEntry, AnArchiveThatEndsEarlyIsASuccessWithAShortFile) {
     writeFile(folder / "a.zip", record.header() + data.substr(0, present));
     const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip");
     ASSERT_TRUE(reader);
-    const Error before = someError();
+    const Error before = KQTest::earlierError();
     Error error = before;
     EXPECT_TRUE(reader->writeDataForRelativePath("a", folder / "out", &error)) << present;
     EXPECT_EQ(before, error);
@@ -287,7 +286,7 @@ TEST(ExtractionOfOneEntry, AParentThatIsAFileFailsWithTheFileManagersErrorAndIsN
   for (const char* parent : {"file", "file/below", "file/deep/below"}) {
     const Error expected = errorOfCreatingFolder(folder / parent);
     LogCapture log;
-    Error error = someError();
+    Error error = KQTest::earlierError();
     EXPECT_FALSE(reader->writeDataForRelativePath("a", (folder / parent) + "/target", &error));
     expectSameError(expected, error);
     EXPECT_FALSE(reader->writeDataForRelativePath("a", (folder / parent) + "/target"));
@@ -321,7 +320,7 @@ TEST(ExtractionOfOneEntry, ATargetThatCannotBeOpenedIsAFailureThatLeavesTheSlotA
     Error error;
     EXPECT_FALSE(reader->writeDataForRelativePath(path, folder / "folder", &error));
     EXPECT_FALSE(error) << errorText(error);
-    const Error before = someError();
+    const Error before = KQTest::earlierError();
     error = before;
     EXPECT_FALSE(reader->writeDataForRelativePath(path, folder / "folder", &error));
     EXPECT_EQ(before, error);
@@ -349,7 +348,7 @@ TEST(ExtractionOfOneEntry, AFullDiskIsAFailureWithoutAnErrorHoweverSmallTheFile)
         Case{"large", large, mebibyte + mebibyte / 2}, Case{"large", large, 3 * mebibyte}}) {
     withFilesUpTo(full.limit, [&] {
       LogCapture log;
-      const Error before = someError();
+      const Error before = KQTest::earlierError();
       Error error = before;
       EXPECT_FALSE(reader->writeDataForRelativePath(full.path, folder / "out", &error)) << full.limit;
       EXPECT_EQ(before, error) << errorText(error);
@@ -378,7 +377,7 @@ TEST(ExtractionOfOneEntry, AReadErrorIsAFailureWithoutAnError) {
   fs::remove(folder / "a.zip");
   fs::create_directory(folder / "a.zip");
   LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_FALSE(reader->writeDataForRelativePath("a", folder / "out", &error));
   EXPECT_EQ(before, error);
@@ -404,7 +403,7 @@ TEST(ExtractionOfOneEntry, EveryReadOrWriteThatFailsIsAFailureWithoutAnErrorThat
     }
     EXPECT_GE(count, 2U);
     for (std::size_t number = 1; number <= count; ++number) {
-      const Error before = someError();
+      const Error before = KQTest::earlierError();
       Error error = before;
       {
         SystemCalls calls;
@@ -459,7 +458,7 @@ TEST(ExtractionOfOneEntry, AnArchiveThatWasRemovedIsAFailureWithoutAnErrorWhereT
   const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", "data")});
   fs::remove(folder / "a.zip");
   const LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_FALSE(reader->writeDataForRelativePath("a", folder / "new/out", &error));
   EXPECT_EQ(before, error);
@@ -473,7 +472,7 @@ TEST(ExtractionOfOneEntry, AnEntryWithoutDataNeedsNoArchive) {
   const TemporaryDirectory folder;
   const Reader reader = readerOn(folder / "a.zip", {plainRecord("empty", "")});
   fs::remove(folder / "a.zip");
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_TRUE(reader->writeDataForRelativePath("empty", folder / "new/out", &error));
   EXPECT_EQ(before, error);
@@ -579,7 +578,7 @@ TEST(ExtractionOfOneEntry, ACancelledProgressStopsTheCopyBehindTheFirstBlock) {
   progress->becomeCurrentWithPendingUnitCount(1);
   progress->cancel();
   LogCapture log;
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(reader->writeDataForRelativePath("a", folder / "out", &error));
   ASSERT_TRUE(error);
   EXPECT_EQ("KQZipErrorDomain", error->domain());
@@ -642,7 +641,7 @@ TEST(ExtractionOfOneEntry, AWriteThatFailsCountsBeforeACancellation) {
   const Reader reader = readerOn(folder / "a.zip", {plainRecord("a", patternBytes(mebibyte + 1))});
   const Caller caller;
   caller.progress->cancel();
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_FALSE(reader->writeDataForRelativePath("a", folder.path().string(), &error));
   EXPECT_EQ(before, error) << errorText(error);
@@ -776,7 +775,7 @@ TEST(ExtractionOfAnArchive, AnArchiveThatDoesNotExistOrIsEmptyExtractsNothingAnd
   const TemporaryDirectory folder;
   writeFile(folder / "empty.zip", "");
   for (const char* archive : {"missing.zip", "empty.zip"}) {
-    const Error before = someError();
+    const Error before = KQTest::earlierError();
     Error error = before;
     EXPECT_TRUE(KQZipFileReader::unzipFileAtPath(folder / archive, folder / "out", &error));
     EXPECT_EQ(before, error);
@@ -798,7 +797,7 @@ TEST(ExtractionOfAnArchive, AnArchiveThatCannotBeScannedFailsWithTheReadersError
   for (const auto& [bytes, text] : cases) {
     writeFile(folder / "a.zip", bytes);
     LogCapture log;
-    Error error = someError();
+    Error error = KQTest::earlierError();
     const Caller caller;
     EXPECT_FALSE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
     EXPECT_EQ(text, errorText(error));
@@ -840,7 +839,7 @@ TEST(ExtractionOfAnArchive, AFileThatCannotBeWrittenFailsItAndLeavesTheSlotAsItW
                                             plainRecord("c", "3"), plainRecord("d", "")}));
   fs::create_directories(folder / "out/b");
   LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   const Caller caller;
   EXPECT_FALSE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
@@ -875,7 +874,7 @@ TEST(ExtractionOfAnArchive, AFolderThatCannotBeCreatedIsLoggedAndPassedOver) {
   writeFile(folder / "out/b", "in the way");
   writeFile(folder / "out/c", "in the way");
   LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_TRUE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
   EXPECT_EQ(before, error) << errorText(error);
@@ -904,7 +903,7 @@ TEST(ExtractionOfAnArchive, AParentThatCannotBeCreatedIsLoggedAndTheCopyThenDeci
   writeFile(folder / "out/f", "in the way");
   const Error expected = errorOfCreatingFolder(folder / "out/f/below");
   LogCapture log;
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
   expectSameError(expected, error);
   EXPECT_EQ(Lines{"failed to create parent directory at " + (folder / "out/f/below") + " for f/below/file"},
@@ -1031,7 +1030,7 @@ TEST(ExtractionOfAnArchive, ACancelledProgressStopsBehindTheFirstFolder) {
   const Progress progress = NSProgress::progressWithTotalUnitCount(1);
   progress->becomeCurrentWithPendingUnitCount(1);
   progress->cancel();
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
   ASSERT_TRUE(error);
   EXPECT_EQ("KQZipErrorDomain", error->domain());
@@ -1112,7 +1111,7 @@ TEST(ExtractionOfAnArchive, AFileThatCannotBeWrittenCountsBeforeACancellation) {
   fs::create_directories(folder / "out/a");
   const Caller caller;
   caller.progress->cancel();
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_FALSE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", folder / "out", &error));
   EXPECT_EQ(before, error) << errorText(error);

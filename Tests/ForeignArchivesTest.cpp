@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/OtherPrograms.h"
 #include "Support/Surroundings.h"
@@ -24,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using KQTest::bytesOf;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::patternBytes;
 using KQTest::readFile;
@@ -31,7 +33,6 @@ using KQTest::readFrom;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 using Arguments = std::vector<std::string>;
 

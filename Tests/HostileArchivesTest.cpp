@@ -15,6 +15,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/Sanitizers.h"
 #include "Support/Surroundings.h"
@@ -28,6 +29,7 @@ namespace fs = std::filesystem;
 using KQTest::archiveBytes;
 using KQTest::Bytes;
 using KQTest::bytesOf;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::extraFieldBytes;
 using KQTest::LocalRecord;
@@ -40,7 +42,6 @@ using KQTest::TestInputStream;
 using KQTest::writeFile;
 using KQTest::zip64FieldBytes;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Lines = std::vector<std::string>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 

@@ -13,7 +13,7 @@
 
 using KQTest::Bytes;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::hex;
 using KQTest::LogCapture;
 using KQTest::TestInputStream;
@@ -77,8 +77,8 @@ TEST(KQZip64EndOfCentralDirectoryLocator, EveryFieldIsWrittenInItsPlaceWithOneWr
   const auto record = sampleRecord();
   const LogCapture log;
   TestOutputStream stream;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(record->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes), hex(stream.bytes));
   EXPECT_EQ(writeWidths, stream.writes);
@@ -90,8 +90,8 @@ TEST(KQZip64EndOfCentralDirectoryLocator, EveryFieldIsWrittenInItsPlaceWithOneWr
 TEST(KQZip64EndOfCentralDirectoryLocator, EveryFieldIsParsedFromItsPlaceWithOneReadEach) {
   const LogCapture log;
   TestInputStream stream(sampleFields + "more");
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto record = usedRecord();
   EXPECT_TRUE(record->parseFromStream(stream, &error));
   expectFirstFieldsParsed(*record, 3);

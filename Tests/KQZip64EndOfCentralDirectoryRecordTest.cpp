@@ -13,7 +13,7 @@
 
 using KQTest::Bytes;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::hex;
 using KQTest::LogCapture;
 using KQTest::TestInputStream;
@@ -119,8 +119,8 @@ TEST(KQZip64EndOfCentralDirectoryRecord, EveryFieldIsWrittenInItsPlaceWithOneWri
   const auto record = sampleRecord();
   const LogCapture log;
   TestOutputStream stream;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(record->writeToStream(stream, &error));
   EXPECT_EQ(hex(writtenBytes), hex(stream.bytes));
   EXPECT_EQ(writeWidths, stream.writes);
@@ -132,8 +132,8 @@ TEST(KQZip64EndOfCentralDirectoryRecord, EveryFieldIsWrittenInItsPlaceWithOneWri
 TEST(KQZip64EndOfCentralDirectoryRecord, EveryFieldIsParsedFromItsPlaceWithOneReadEach) {
   const LogCapture log;
   TestInputStream stream(sampleFields(parsedSize) + "more");
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto record = usedRecord();
   EXPECT_TRUE(record->parseFromStream(stream, &error));
   expectFirstFieldsParsed(*record, 9);
@@ -263,7 +263,7 @@ TEST(KQZip64EndOfCentralDirectoryRecord, AnEndInsideTheLastFieldStillParses) {
 
 TEST(KQZip64EndOfCentralDirectoryRecord, ALargerSizeLeavesTheExtraBytesOnTheStream) {
   TestInputStream stream(sampleFields(60) + "1234" + "behind");
-  ErrorPointer error;
+  Error error;
   const auto record = Record::initWithStream(stream, &error);
   ASSERT_NE(nullptr, record);
   EXPECT_EQ(60U, record->size());

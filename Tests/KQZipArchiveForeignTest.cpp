@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/GoldenArchive.h"
 #include "Support/InteroperableArchive.h"
 #include "Support/OtherPrograms.h"
@@ -26,6 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalRecord;
 using KQTest::patternBytes;
@@ -34,7 +36,6 @@ using KQTest::readFile;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Lines = std::vector<std::string>;
 
 std::string hexadecimal(std::string_view bytes) {

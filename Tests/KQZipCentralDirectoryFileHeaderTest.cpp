@@ -18,7 +18,7 @@ using KQTest::crcOf;
 using KQTest::dosDate;
 using KQTest::dosTime;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
 using KQTest::extraFieldBytes;
@@ -363,7 +363,7 @@ TEST(KQZipCentralDirectoryFileHeader, AWrittenHeaderIsExactToTheByte) {
   const WrittenEntry entry(1000);
   TestOutputStream stream;
   stream.startOffset = 5000;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(entry.central->writeToStream(stream, &error));
   EXPECT_EQ(hex(entry.fields(1000, 1000).bytes()), hex(stream.bytes));
   EXPECT_EQ(79u, stream.bytes.size());
@@ -550,7 +550,7 @@ TEST(KQZipCentralDirectoryFileHeader, AVanishedSourceIsLoggedAndLeavesSizesOfZer
   const WrittenEntry entry(1000);
   std::filesystem::remove(entry.path);
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(entry.central->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   CentralHeaderFields expected = entry.fields(1000, 1000);
@@ -631,7 +631,7 @@ TEST(KQZipCentralDirectoryFileHeader, WithoutASourcePathNothingIsWritten) {
   ASSERT_NE(nullptr, parsed);
   TestOutputStream stream;
   stream.startOffset = 1000;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(parsed->writeToStream(stream, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_TRUE(stream.writes.empty());
@@ -646,7 +646,7 @@ TEST(KQZipCentralDirectoryFileHeader, AMissingSourceWithoutACrcWritesNothing) {
   KQZipCentralDirectoryFileHeader header;
   header.setSourceFilePath(path);
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(header.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + path);
   EXPECT_TRUE(stream.writes.empty());
@@ -669,8 +669,8 @@ TEST(KQZipCentralDirectoryFileHeader, EachFailingWriteStopsTheHeaderThere) {
         TestOutputStream stream;
         stream.failAtWrite = static_cast<std::int64_t>(failing);
         stream.failResult = result;
-        const ErrorPointer earlier = slot == KQTest::Slot::filled ? earlierError() : nullptr;
-        ErrorPointer error = earlier;
+        const Error earlier = slot == KQTest::Slot::filled ? earlierError() : nullptr;
+        Error error = earlier;
         EXPECT_FALSE(entry.central->writeToStream(stream, slot == KQTest::Slot::none ? nullptr : &error));
         EXPECT_EQ(failing, stream.writes.size());
         EXPECT_EQ(hex(expected.bytes().substr(0, KQTest::sumOfFirst(headerWrites, failing - 1))),
@@ -704,7 +704,7 @@ TEST(KQZipCentralDirectoryFileHeader, AFailureToWriteTheExtraFieldsDataShowsAtTh
       TestOutputStream stream;
       stream.failAtWrite = 21;
       stream.failForGood = forGood;
-      ErrorPointer error;
+      Error error;
       EXPECT_EQ(!fails, entry.central->writeToStream(stream, &error));
       EXPECT_EQ(hex(cut.bytes()), hex(stream.bytes));
       expectKQZipError(error, -51, "Error writing file");
@@ -724,7 +724,7 @@ TEST(KQZipCentralDirectoryFileHeader, APartlyTakenWriteIsNotCompletedAndASuccess
     expected.erase(KQTest::sumOfFirst(headerWrites, partial - 1) + 1, headerWrites[partial - 1] - 1);
     TestOutputStream stream;
     stream.shortenAtWrite = static_cast<std::int64_t>(partial);
-    ErrorPointer error;
+    Error error;
     EXPECT_TRUE(entry.central->writeToStream(stream, &error));
     EXPECT_EQ(nullptr, error);
     EXPECT_EQ(headerWrites, stream.writes);
@@ -738,8 +738,8 @@ TEST(KQZipCentralDirectoryFileHeader, AParseReadsEveryFieldAndStandsBehindTheCom
   const CentralHeaderFields fields = distinctFields();
   TestInputStream stream(std::string(96, 'x') + fields.bytes() + "next");
   stream.position = 100;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   KQZipCentralDirectoryFileHeader header;
   EXPECT_TRUE(header.parseFromStream(stream, &error));
 
@@ -819,7 +819,7 @@ TEST(KQZipCentralDirectoryFileHeader, AnotherMethodThanStoredFailsAndReadsNoFurt
     fields.compression = static_cast<std::uint16_t>(method);
     const LogCapture log;
     StreamBehindSignature stream(fields.bytes());
-    ErrorPointer error = earlierError();
+    Error error = earlierError();
     KQZipCentralDirectoryFileHeader header;
     EXPECT_FALSE(header.parseFromStream(stream, &error));
     expectKQZipError(error, -101, compressionMessage);
@@ -839,7 +839,7 @@ TEST(KQZipCentralDirectoryFileHeader, AFailedParseGivesNoHeaderAndIsLoggedWithIt
   fields.compression = 8;
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes());
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipCentralDirectoryFileHeader::initWithStream(stream, &error));
   expectKQZipError(error, -101, compressionMessage);
   EXPECT_EQ(Lines{"Failed to parse KQZipCentralDirectoryFileHeader from stream: " + error->description()},
@@ -849,7 +849,7 @@ TEST(KQZipCentralDirectoryFileHeader, AFailedParseGivesNoHeaderAndIsLoggedWithIt
 TEST(KQZipCentralDirectoryFileHeader, AFailedParseWithAnEmptySlotIsLoggedAsNull) {
   const LogCapture log;
   TestInputStream stream{std::string()};
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipCentralDirectoryFileHeader::initWithStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(Lines{"Failed to parse KQZipCentralDirectoryFileHeader from stream: (null)"}, log.lines());
@@ -862,7 +862,7 @@ TEST(KQZipCentralDirectoryFileHeader, ANameOrACommentThatIsNotUTF8IsAbsentAndNoE
     CentralHeaderFields fields = distinctFields();
     fields.name = bad;
     StreamBehindSignature badName(fields.bytes());
-    ErrorPointer error;
+    Error error;
     const auto nameless = KQZipCentralDirectoryFileHeader::initWithStream(badName, &error);
     ASSERT_NE(nullptr, nameless);
     EXPECT_EQ(std::nullopt, nameless->fileName());
@@ -977,7 +977,7 @@ TEST(KQZipCentralDirectoryFileHeader,
         stream->open();
         ASSERT_TRUE(stream->setNSStreamFileCurrentOffsetKey(4));
         const LogCapture log;
-        ErrorPointer error;
+        Error error;
         KQZipCentralDirectoryFileHeader header;
         EXPECT_EQ(length >= firstSuccess, header.parseFromStream(*stream, &error));
         EXPECT_EQ(nullptr, error);
@@ -1002,7 +1002,7 @@ TEST(KQZipCentralDirectoryFileHeader, EachFailingReadStopsTheParseThere) {
       const LogCapture log;
       StreamBehindSignature stream(fields.bytes());
       stream.failAtRead = static_cast<std::int64_t>(failing);
-      ErrorPointer error = slot == KQTest::Slot::filled ? earlierError() : nullptr;
+      Error error = slot == KQTest::Slot::filled ? earlierError() : nullptr;
       KQZipCentralDirectoryFileHeader header;
       EXPECT_FALSE(header.parseFromStream(stream, slot == KQTest::Slot::none ? nullptr : &error));
       EXPECT_EQ(failing, stream.reads.size());
@@ -1036,7 +1036,7 @@ TEST(KQZipCentralDirectoryFileHeader, ExtraFieldsOnAStreamWithoutAnOffsetEndWith
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes() + std::string(1000, '\0'));
   stream.hasOffset = false;
-  ErrorPointer error;
+  Error error;
   KQZipCentralDirectoryFileHeader header;
   EXPECT_FALSE(header.parseFromStream(stream, &error));
   EXPECT_EQ(nullptr, error);

@@ -25,7 +25,7 @@ using KQTest::crcOf;
 using KQTest::dataOf;
 using KQTest::earlierError;
 using KQTest::EndRecords;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::extraFieldBytes;
 using KQTest::hex;
@@ -121,7 +121,7 @@ class FakeHeader : public KQZipCentralDirectoryFileHeader {
   std::uint64_t outputSize() const override { return size_; }
 
   int writes = 0;
-  ErrorPointer failure;
+  Error failure;
 
  private:
   std::string text_;
@@ -160,7 +160,7 @@ std::shared_ptr<KQZipExtraField> extraField(std::uint16_t id, const std::string&
 std::string written(KQZipCentralDirectory& directory, std::uint64_t startOffset = 0) {
   TestOutputStream stream;
   stream.startOffset = startOffset;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(directory.writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   return stream.bytes;
@@ -272,8 +272,8 @@ TEST(KQZipCentralDirectory, WithoutHeadersItWrites98Bytes) {
     KQZipCentralDirectory directory;
     TestOutputStream stream;
     stream.startOffset = start;
-    const ErrorPointer earlier = earlierError();
-    ErrorPointer error = earlier;
+    const Error earlier = earlierError();
+    Error error = earlier;
     EXPECT_TRUE(directory.writeToStream(stream, &error));
     EXPECT_EQ(98U, stream.bytes.size());
     EXPECT_EQ(hex(EndRecords{0, 98, start, start}.bytes()), hex(stream.bytes));
@@ -525,7 +525,7 @@ TEST(KQZipCentralDirectory, AHeaderThatFailsStopsTheWriteWithItsError) {
   directory.setDigitalSignature(extraField(1, "signed"));
   TestOutputStream stream;
   stream.startOffset = 40;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(directory.writeToStream(stream, &error));
   EXPECT_EQ(second->failure, error);
   EXPECT_EQ("first", stream.bytes);
@@ -566,7 +566,7 @@ TEST(KQZipCentralDirectory, EachFailingWriteStopsItUnlessItIsTheDataOfAnExtraFie
       stream.startOffset = start;
       stream.failAtWrite = static_cast<std::int64_t>(failing);
       stream.failResult = result;
-      ErrorPointer error;
+      Error error;
       const std::size_t before = KQTest::sumOfFirst(widths, failing - 1);
       const bool isDataOfField = failing == 21 || failing == 24;
       EXPECT_EQ(isDataOfField, directory->writeToStream(stream, &error));
@@ -603,7 +603,7 @@ TEST(KQZipCentralDirectory, AStreamThatKeepsFailingIsNoticedBehindTheDataOfAnExt
   stream.failAtWrite = 3;
   stream.failForGood = true;
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(directory.writeToStream(stream, &error));
   EXPECT_EQ((Lengths{2, 2, 6, 4}), stream.writes);
   expectKQZipError(error, -51, "Error writing file");
@@ -625,7 +625,7 @@ TEST(KQZipCentralDirectory, AHeaderWithoutASourceFailsInItsPreparation) {
   directory.setFileHeaders({header});
   const LogCapture log;
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(directory.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_EQ(Lengths(), stream.writes);
@@ -644,7 +644,7 @@ TEST(KQZipCentralDirectory, AParsedDirectoryCannotBeWritten) {
   EXPECT_EQ(177U, directory->outputSize());
   TestOutputStream output;
   output.startOffset = 3;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(directory->writeToStream(output, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_EQ(Lengths(), output.writes);
@@ -851,8 +851,8 @@ TEST(KQZipCentralDirectory, OffsetsAreTakenFromTheEntriesWhenItIsWrittenAndNames
 TEST(KQZipCentralDirectory, TheEndOfTheStreamIsAnEmptyDirectory) {
   const LogCapture log;
   TestInputStream stream{std::string()};
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto directory = KQZipCentralDirectory::initWithStream(stream, &error);
   ASSERT_NE(nullptr, directory);
   expectNoRecords(*directory);
@@ -866,8 +866,8 @@ TEST(KQZipCentralDirectory, AnErrorOfTheStreamBetweenRecordsIsASuccessThatNobody
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     const LogCapture log;
-    const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-    ErrorPointer error = earlier;
+    const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = earlier;
     KQ::NSErrorSlot errorSlot = slot == Slot::none ? nullptr : &error;
     TestInputStream failing(classicRecord());
     failing.failAtRead = 1;
@@ -894,8 +894,8 @@ TEST(KQZipCentralDirectory, ItFindsEveryKindOfRecord) {
   EndRecords records{2, 99, 999, 9999, "comment"};
   const LogCapture log;
   TestInputStream stream(headers + signature + records.bytes());
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto directory = KQZipCentralDirectory::initWithStream(stream, &error);
   ASSERT_NE(nullptr, directory);
   ASSERT_NE(nullptr, directory->digitalSignature());
@@ -959,7 +959,7 @@ TEST(KQZipCentralDirectory, BehindUnknownBytesARecordIsFoundOnlyOnTheGridOfFour)
     SCOPED_TRACE(length);
     const LogCapture log;
     TestInputStream stream(std::string(length, 'x') + classicRecord());
-    ErrorPointer error;
+    Error error;
     const auto directory = KQZipCentralDirectory::initWithStream(stream, &error);
     ASSERT_NE(nullptr, directory);
     EXPECT_EQ(length % 4 == 0, directory->zipEoCDRecord() != nullptr);
@@ -1105,7 +1105,7 @@ TEST(KQZipCentralDirectory, AFewLeftBytesAreASuccessUnlessTheyCompleteASignature
     SCOPED_TRACE(left);
     const LogCapture log;
     TestInputStream stream("junk" + left);
-    ErrorPointer error;
+    Error error;
     EXPECT_NE(nullptr, KQZipCentralDirectory::initWithStream(stream, &error));
     EXPECT_EQ((Lengths{4, 4, 4}), stream.reads);
     EXPECT_EQ(nullptr, error);
@@ -1124,7 +1124,7 @@ TEST(KQZipCentralDirectory, LeftBytesLandInFrontOfTheOldOnesAndMayCompleteASigna
       SCOPED_TRACE(hex(signature) + "with " + std::to_string(left) + " left");
       const LogCapture log;
       TestInputStream stream(std::string(left, 'x') + signature.substr(left) + signature.substr(0, left));
-      ErrorPointer error;
+      Error error;
       // The record that they announce cannot be read at the end of the stream.
       EXPECT_EQ(nullptr, KQZipCentralDirectory::initWithStream(stream, &error));
       EXPECT_EQ((Lengths{4, 4, 2}).size(), stream.reads.size());
@@ -1197,7 +1197,7 @@ TEST(KQZipCentralDirectory, EachFailingReadOfARecordFailsTheParseWithItsError) {
         const LogCapture log;
         TestInputStream stream(each.bytes + records.bytes());
         stream.failAtRead = static_cast<std::int64_t>(failing);
-        ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+        Error error = slot == Slot::filled ? earlierError() : nullptr;
         EXPECT_EQ(nullptr,
                   KQZipCentralDirectory::initWithStream(stream, slot == Slot::none ? nullptr : &error));
         EXPECT_EQ(failing, stream.reads.size());
@@ -1208,7 +1208,7 @@ TEST(KQZipCentralDirectory, EachFailingReadOfARecordFailsTheParseWithItsError) {
         Lines expected = KQTest::readingFailedLine(error);
         if (isHeader)
           expected.push_back("Failed to parse KQZipCentralDirectoryFileHeader from stream: " +
-                             KQTest::inLogLine(error));
+                             KQTest::describe(error));
         EXPECT_EQ(expected, log.lines());
       }
     }
@@ -1223,8 +1223,8 @@ TEST(KQZipCentralDirectory, AStreamThatEndsBehindASignatureFailsTheParseWithoutA
   for (const char* signature : {"PK\x05\x05", "PK\x05\x06", "PK\x06\x06", "PK\x06\x07"}) {
     SCOPED_TRACE(hex(signature));
     const LogCapture log;
-    const ErrorPointer earlier = earlierError();
-    ErrorPointer error = earlier;
+    const Error earlier = earlierError();
+    Error error = earlier;
     TestInputStream stream(signature);
     EXPECT_EQ(nullptr, KQZipCentralDirectory::initWithStream(stream, &error));
     EXPECT_EQ(earlier, error);
@@ -1257,13 +1257,13 @@ TEST(KQZipCentralDirectory, ACompressedEntryFailsTheParseAndKeepsWhatWasFoundBef
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     const LogCapture log;
-    ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = slot == Slot::filled ? earlierError() : nullptr;
     KQZipCentralDirectory directory;
     TestInputStream stream(bytes);
     EXPECT_FALSE(directory.parseFromStream(stream, slot == Slot::none ? nullptr : &error));
     if (slot != Slot::none) expectKQZipError(error, -101, "File uses unsupported compression method.");
     EXPECT_EQ(
-        Lines{"Failed to parse KQZipCentralDirectoryFileHeader from stream: " + KQTest::inLogLine(error)},
+        Lines{"Failed to parse KQZipCentralDirectoryFileHeader from stream: " + KQTest::describe(error)},
         log.lines());
     EXPECT_EQ(79U + 22U + 4U + 8U, stream.position);
     EXPECT_EQ(79U + 22U, directory.outputSize());
@@ -1277,7 +1277,7 @@ TEST(KQZipCentralDirectory, ACompressedEntryGivesNoDirectoryAndItsError) {
   compressed.compression = 8;
   const LogCapture log;
   TestInputStream stream(compressed.bytes() + EndRecords().bytes());
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipCentralDirectory::initWithStream(stream, &error));
   expectKQZipError(error, -101, "File uses unsupported compression method.");
   EXPECT_EQ(1U, log.lines().size());

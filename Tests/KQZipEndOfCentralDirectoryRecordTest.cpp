@@ -16,7 +16,7 @@
 
 using KQTest::Bytes;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::hex;
 using KQTest::LogCapture;
 using KQTest::TestInputStream;
@@ -121,8 +121,8 @@ TEST(KQZipEndOfCentralDirectoryRecord, EveryFieldIsWrittenInItsPlaceWithOneWrite
   EXPECT_EQ(27U, record->outputSize());
   const LogCapture log;
   TestOutputStream stream;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(record->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes), hex(stream.bytes));
   EXPECT_EQ(writeWidths, stream.writes);
@@ -134,8 +134,8 @@ TEST(KQZipEndOfCentralDirectoryRecord, EveryFieldIsWrittenInItsPlaceWithOneWrite
 TEST(KQZipEndOfCentralDirectoryRecord, EveryFieldIsParsedFromItsPlaceWithOneReadEach) {
   const LogCapture log;
   TestInputStream stream(sampleFields + "more");
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto record = usedRecord();
   EXPECT_TRUE(record->parseFromStream(stream, &error));
   expectFirstFieldsParsed(*record, 8);
@@ -246,7 +246,7 @@ TEST(KQZipEndOfCentralDirectoryRecord, APartialReadOfAFieldKeepsItsHighBytes) {
       "x"
       "unread");
   stream.longestRead = 1;
-  ErrorPointer error;
+  Error error;
   const auto record = Record::initWithStream(stream, &error);
   ASSERT_NE(nullptr, record);
   EXPECT_EQ(1, record->diskNumber());
@@ -267,7 +267,7 @@ TEST(KQZipEndOfCentralDirectoryRecord, APartialReadOfAFieldKeepsItsHighBytes) {
 TEST(KQZipEndOfCentralDirectoryRecord, ACommentThatIsCutByTheEndOfTheStreamIsFilledUpWithZeros) {
   const LogCapture log;
   TestInputStream stream(fieldsWithComment(10, "abcd"));
-  ErrorPointer error;
+  Error error;
   const auto record = Record::initWithStream(stream, &error);
   ASSERT_NE(nullptr, record);
   EXPECT_EQ(10, record->zipFileCommentLength());
@@ -279,7 +279,7 @@ TEST(KQZipEndOfCentralDirectoryRecord, ACommentThatIsCutByTheEndOfTheStreamIsFil
 TEST(KQZipEndOfCentralDirectoryRecord, ACommentThatIsMissingAltogetherFailsTheParseSilently) {
   const LogCapture log;
   TestInputStream stream(fieldsWithComment(10, ""));
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, Record::initWithStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(Lines(), log.lines());
@@ -328,7 +328,7 @@ TEST(KQZipEndOfCentralDirectoryRecord, ACommentThatIsNotValidUtf8BecomesAbsentAn
     SCOPED_TRACE(hex(comment));
     const LogCapture log;
     TestInputStream stream(fieldsWithComment(comment.size(), comment) + "unread");
-    ErrorPointer error;
+    Error error;
     const auto record = usedRecord();
     EXPECT_TRUE(record->parseFromStream(stream, &error));
     EXPECT_EQ(std::nullopt, record->zipFileComment());

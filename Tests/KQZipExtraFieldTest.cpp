@@ -18,7 +18,7 @@ using KQTest::Bytes;
 using KQTest::contentsOf;
 using KQTest::dataOf;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::hex;
 using KQTest::LogCapture;
@@ -245,8 +245,8 @@ TEST(KQZipExtraField, TheGenericClassClaimsNoId) {
 TEST(KQZipExtraField, AParseReadsIdSizeAndDataWithOneReadEach) {
   const LogCapture log;
   TestInputStream stream(sampleBytes + "more");
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto field = usedField();
   EXPECT_TRUE(field->parseFromStream(stream, &error));
   expectFirstFieldsParsed(*field, 3);
@@ -332,7 +332,7 @@ TEST(KQZipExtraField, DataThatTheStreamDoesNotHoldIsZerosAndTheParseSucceeds) {
     SCOPED_TRACE(given);
     const LogCapture log;
     TestInputStream stream(Bytes().u16(0x7B00).u16(10).text(given));
-    ErrorPointer error;
+    Error error;
     const auto field = usedField();
     EXPECT_TRUE(field->parseFromStream(stream, &error));
     EXPECT_EQ(10, field->fieldSize());
@@ -358,8 +358,8 @@ TEST(KQZipExtraField, AWriteEmitsIdSizeAndDataWithOneWriteEach) {
   const auto field = fieldOf(0x6543, dataOf("hello"));
   field->setFieldSize(77);
   TestOutputStream stream;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(field->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes), hex(stream.bytes));
   EXPECT_EQ(sampleWidths, stream.writes);
@@ -416,8 +416,8 @@ TEST(KQZipExtraField, AFailureToWriteIdOrSizeStopsTheWriteButKeepsTheNewSize) {
         TestOutputStream stream;
         stream.failAtWrite = static_cast<std::int64_t>(failing);
         stream.failResult = result;
-        const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-        ErrorPointer error = earlier;
+        const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+        Error error = earlier;
         EXPECT_FALSE(field->writeToStream(stream, slot == Slot::none ? nullptr : &error));
         EXPECT_EQ(failing, stream.writes.size());
         EXPECT_EQ(hex(sampleBytes.substr(0, 2 * (failing - 1))), hex(stream.bytes));
@@ -440,7 +440,7 @@ TEST(KQZipExtraField, AFailureToWriteTheDataIsASuccessThoughTheSlotIsFilled) {
     const LogCapture log;
     TestOutputStream stream;
     stream.failAtWrite = 3;
-    ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = slot == Slot::filled ? earlierError() : nullptr;
     EXPECT_TRUE(
         fieldOf(0x6543, dataOf("hello"))->writeToStream(stream, slot == Slot::none ? nullptr : &error));
     EXPECT_EQ(hex(sampleBytes.substr(0, 4)), hex(stream.bytes));
@@ -455,8 +455,8 @@ TEST(KQZipExtraField, DataOfWhichNothingIsTakenIsASuccessWithoutAnError) {
   TestOutputStream stream;
   stream.failAtWrite = 3;
   stream.failResult = 0;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(fieldOf(0x6543, dataOf("hello"))->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes.substr(0, 4)), hex(stream.bytes));
   EXPECT_EQ(sampleWidths, stream.writes);
@@ -537,8 +537,8 @@ TEST(KQZipExtraField, TheFactoryGivesAnUnknownIdAsAGenericFieldThatWritesBackUnc
   const LogCapture log;
   TestInputStream stream("before" + bytes + "behind");
   stream.position = 6;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   const auto field = KQZipExtraField::extraFieldWithStream(stream, &error);
   ASSERT_TRUE(isOfClass<KQZipExtraField>(field));
   EXPECT_EQ(0x5455, field->fieldSignature());
@@ -587,14 +587,14 @@ TEST(KQZipExtraField, TheFactoryReadsOneFieldAfterTheOtherFromAFile) {
   EXPECT_EQ(27U, stream->NSStreamFileCurrentOffsetKey());
   ASSERT_TRUE(isOfClass<KQZipExtraField>(KQZipExtraField::extraFieldWithStream(*stream)));
   EXPECT_EQ(31U, stream->NSStreamFileCurrentOffsetKey());
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipExtraField::extraFieldWithStream(*stream, &error));
   EXPECT_EQ(nullptr, error);
 }
 
 TEST(KQZipExtraField, AnIdThatTheFactoryCannotReadGivesNothingAndDoesNotMoveTheStreamBack) {
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   TestInputStream empty("before");
   empty.position = 6;
   EXPECT_EQ(nullptr, KQZipExtraField::extraFieldWithStream(empty, &error));
@@ -621,7 +621,7 @@ TEST(KQZipExtraField, EachFailingReadOfTheFactoryGivesNothing) {
         const LogCapture log;
         TestInputStream stream(bytes);
         stream.failAtRead = static_cast<std::int64_t>(failing);
-        ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+        Error error = slot == Slot::filled ? earlierError() : nullptr;
         EXPECT_EQ(nullptr,
                   KQZipExtraField::extraFieldWithStream(stream, slot == Slot::none ? nullptr : &error));
         EXPECT_EQ(failing, stream.reads.size());
@@ -640,7 +640,7 @@ TEST(KQZipExtraField, AStreamThatEndsInsideTheFieldsHeaderGivesNothingSilently) 
     SCOPED_TRACE(length);
     const LogCapture log;
     TestInputStream stream(sampleBytes.substr(0, length));
-    ErrorPointer error;
+    Error error;
     EXPECT_EQ(nullptr, KQZipExtraField::extraFieldWithStream(stream, &error));
     EXPECT_EQ(nullptr, error);
     EXPECT_EQ(Lines(), log.lines());
@@ -664,7 +664,7 @@ TEST(KQZipExtraField, AStreamThatRefusesItsOffsetIsReadTwoBytesLate) {
   TestInputStream stream(Bytes().u16(1).u16(0x1234).u16(3).text("abc").text("behind"));
   stream.refuseOffsets = true;
   stream.error = KQ::NSError::errorWithDomain("HostDomain", 1, "Cannot be moved");
-  ErrorPointer error;
+  Error error;
   const auto field = KQZipExtraField::extraFieldWithStream(stream, &error);
   ASSERT_TRUE(isOfClass<KQZipExtraFieldZip64ExtendedInfo>(field));
   EXPECT_EQ(0x1234, field->fieldSignature());
@@ -842,7 +842,7 @@ TEST(KQZipExtraField, AParseThatAClassOfTheHostFailsGivesNothingAndItsError) {
   TestInputStream accepted(Bytes().u16(Refusing::id).u16(6).text("accept"));
   ASSERT_TRUE(isOfClass<Refusing>(KQZipExtraField::extraFieldWithStream(accepted)));
   TestInputStream refused(Bytes().u16(Refusing::id).u16(6).text("refuse"));
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipExtraField::extraFieldWithStream(refused, &error));
   ASSERT_NE(nullptr, error);
   EXPECT_EQ("HostDomain", error->domain());

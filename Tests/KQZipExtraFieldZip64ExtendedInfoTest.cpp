@@ -16,7 +16,7 @@ using KQTest::Bytes;
 using KQTest::contentsOf;
 using KQTest::dataOf;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::hex;
 using KQTest::LogCapture;
@@ -162,8 +162,8 @@ TEST(KQZipExtraFieldZip64ExtendedInfo, DataOfAnyLengthFillsAFreshFieldInTheFixed
     SCOPED_TRACE(length);
     const LogCapture log;
     TestInputStream stream(fieldBytes(length) + "behind");
-    const ErrorPointer earlier = earlierError();
-    ErrorPointer error = earlier;
+    const Error earlier = earlierError();
+    Error error = earlier;
     const auto field = Field::initWithStream(stream, &error);
     ASSERT_NE(nullptr, field);
     expectValues(valueAfter(0, 0, length), valueAfter(0, 8, length), valueAfter(0, 16, length), *field);
@@ -235,8 +235,8 @@ TEST(KQZipExtraFieldZip64ExtendedInfo, ItWrites28BytesAndKeepsTheDataItWrote) {
   const auto field = sampleField();
   EXPECT_EQ(28U, field->outputSize());
   TestOutputStream stream;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(field->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes), hex(stream.bytes));
   EXPECT_EQ(writeWidths, stream.writes);
@@ -306,7 +306,7 @@ TEST(KQZipExtraFieldZip64ExtendedInfo, AFailureToWriteIdOrSizeStopsTheWriteWithT
       TestOutputStream stream;
       stream.failAtWrite = static_cast<std::int64_t>(failing);
       stream.failResult = result;
-      ErrorPointer error;
+      Error error;
       EXPECT_FALSE(field->writeToStream(stream, &error));
       EXPECT_EQ(failing, stream.writes.size());
       EXPECT_EQ(hex(sampleBytes.substr(0, 2 * (failing - 1))), hex(stream.bytes));
@@ -327,7 +327,7 @@ TEST(KQZipExtraFieldZip64ExtendedInfo, AFailureToWriteTheDataIsASuccessThoughThe
   const LogCapture log;
   TestOutputStream stream;
   stream.failAtWrite = 3;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(sampleField()->writeToStream(stream, &error));
   EXPECT_EQ(hex(sampleBytes.substr(0, 4)), hex(stream.bytes));
   expectKQZipError(error, -51, "Error writing file");

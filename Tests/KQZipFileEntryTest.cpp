@@ -24,7 +24,7 @@ using KQTest::dateAt;
 using KQTest::dosDate;
 using KQTest::dosTime;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::LogCapture;
 using KQTest::mebibyte;
@@ -217,8 +217,8 @@ TEST(KQZipFileEntry, ParsingTheBaseReadsNothingAndSucceedsEvenOnAFailingStream) 
   const LogCapture log;
   TestInputStream stream("bytes");
   stream.failAtRead = 1;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   KQZipFileEntry entry;
   EXPECT_TRUE(entry.parseFromStream(stream, &error));
   const auto made = KQZipFileEntry::initWithStream(stream, &error);
@@ -747,7 +747,7 @@ TEST(KQZipFileEntry, SettingTheDateLeavesItsFlagSoTheSourcesDateReplacesItWhenWr
   EXPECT_EQ(dosDate(1999, 1, 2), source.entry.modDate());
   expectFlags(source.entry, true, true, true);
 
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.entry._prepareForWritingError(&error));
   EXPECT_EQ(dosDate(2021, 7, 4), source.entry.modDate());
   EXPECT_EQ(dosTime(12, 34, 56), source.entry.modTime());
@@ -1070,7 +1070,7 @@ TEST(KQZipFileEntry, ASourceThatMayNotBeReadFailsTheCrcAndThePreparation) {
     const Lines line{"failed to calculate crc: failed to open stream at " + source.path};
     EXPECT_FALSE(source.entry.calculateCRCOfSourceFile());
     EXPECT_EQ(line, log.lines());
-    ErrorPointer error;
+    Error error;
     EXPECT_FALSE(source.entry._prepareForWritingError(&error));
     expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
     EXPECT_EQ((Lines{line[0], line[0]}), log.lines());
@@ -1084,7 +1084,7 @@ TEST(KQZipFileEntry, AFolderAsSourceGivesCrcZeroAndSuccess) {
   const LogCapture log;
   OpenEntry entry;
   entry.setSourceFilePath(folder.path().string());
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(entry.calculateCRCOfSourceFile());
   EXPECT_EQ(0u, entry.crc32());
   EXPECT_FALSE(entry.needsToCalculateCRC());
@@ -1104,7 +1104,7 @@ TEST(KQZipFileEntry, PreparingFillsEverythingFromTheSource) {
   source.entry.setOffset(0x1122334455667788);
   source.entry.setExtraFieldLength(999);
   source.entry.setFileNameLength(999);
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.entry._prepareForWritingError(&error));
 
   EXPECT_EQ(crcOf("0123456789"), source.entry.crc32());
@@ -1147,7 +1147,7 @@ TEST(KQZipFileEntry, PreparingLeavesSizesVersionFlagsAndMethodThatACallerSet) {
 TEST(KQZipFileEntry, AnEmptySourceFileGetsCrcZeroAndAZip64FieldOfZerosAndIsADirectory) {
   SourceEntry source("");
   EXPECT_FALSE(source.entry.isDirectory());
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.entry._prepareForWritingError(&error));
   EXPECT_EQ(0u, source.entry.crc32());
   const auto zip64 = source.entry.findZip64InfoField();
@@ -1268,7 +1268,7 @@ TEST(KQZipFileEntry, AnAbsentSourcePathFailsThePreparationWithoutNamingItAndChan
   OpenEntry entry;
   entry.setFileName("named.txt");
   entry.setExtraFieldLength(9);
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   EXPECT_FALSE(entry._prepareForWritingError(&error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_TRUE(entry.extraFields().empty());
@@ -1288,7 +1288,7 @@ TEST(KQZipFileEntry, AMissingSourceFailsThePreparationBeforeAnythingElseIsDone) 
   OpenEntry entry;
   entry.setSourceFilePath(path);
   entry.setFileName("name");
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   EXPECT_FALSE(entry._prepareForWritingError(&error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + path);
   EXPECT_EQ(Lines{"failed to calculate crc: failed to open stream at " + path}, log.lines())
@@ -1304,7 +1304,7 @@ TEST(KQZipFileEntry, CancellingDuringTheCrcFailsThePreparation) {
   const auto progress = KQ::NSProgress::progressWithTotalUnitCount(8);
   progress->cancel();
   source.entry.setProgress(progress);
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(source.entry._prepareForWritingError(&error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
   expectFlags(source.entry, true, true, true);
@@ -1322,8 +1322,8 @@ TEST(KQZipFileEntry, MissingAttributesAreOnlyLoggedByThePreparation) {
   entry.setSourceFileSize(77);
   entry.setModDate(0x1234);
   entry.setModTime(0x5678);
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(entry._prepareForWritingError(&error));
   EXPECT_EQ(earlier, error);
   EXPECT_EQ(Lines{"failed to get attributes for " + path}, log.lines());
@@ -1352,7 +1352,7 @@ TEST(KQZipFileEntry, PreparationCallsTheSubclasssCrc) {
   writeFile(folder / "source", "data");
   Subclass entry;
   entry.setSourceFilePath(folder / "source");
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(entry._prepareForWritingError(&error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + (folder / "source"));
   EXPECT_EQ(1, entry.calls);
@@ -1392,7 +1392,7 @@ TEST(KQZipFileEntry, WritingTheBaseRecordsItsPlacePreparesAndWritesNothing) {
   SourceEntry source("0123456789");
   TestOutputStream stream;
   stream.startOffset = 0x100000001;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.entry.writeToStream(stream, &error));
   EXPECT_EQ(0x100000001u, source.entry.offset());
   ASSERT_NE(nullptr, source.entry.findZip64InfoField());
@@ -1418,7 +1418,7 @@ TEST(KQZipFileEntry, WritingTheBaseRecordsItsPlaceEvenWhenThePreparationFails) {
   KQZipFileEntry entry;
   TestOutputStream stream;
   stream.startOffset = 1000;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(entry.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_EQ(1000u, entry.offset());

@@ -23,7 +23,7 @@ using KQTest::contentsOf;
 using KQTest::dosDate;
 using KQTest::dosTime;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
 using KQTest::LocalHeaderFields;
@@ -369,8 +369,8 @@ TEST(KQZipFileLocalHeaderData, AnExportWritesTheBytesAndSetsTheDate) {
   const OuterProgress outer;
   const Archive archive("0123456789");
   TestInputStream stream(archive.bytes + "behind");
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(archive.header->exportFileToPath(folder / "target", stream, &error));
   EXPECT_EQ("0123456789", readFile(folder / "target"));
   EXPECT_EQ((FileDate{entryDate, 0}), dateOfFile(folder / "target"));
@@ -512,7 +512,7 @@ TEST(KQZipFileLocalHeaderData, AnEntryWithoutDataIsExportedAsAnEmptyFileWithItsD
   const OuterProgress outer;
   const Archive archive("");
   TestInputStream stream(archive.bytes + "behind");
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(archive.header->exportFileToPath(folder / "target", stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_TRUE(std::filesystem::is_regular_file(folder / "target"));
@@ -529,7 +529,7 @@ TEST(KQZipFileLocalHeaderData, TheOutcomeForAnEntryWithoutDataIsThatOfItsAttribu
   const OuterProgress outer;
   const Archive archive("");
   TestInputStream stream(archive.bytes);
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(folder / "missing/target", stream, &error));
   ASSERT_NE(nullptr, error);
   EXPECT_EQ("NSPOSIXErrorDomain", error->domain()) << error->description();
@@ -550,7 +550,7 @@ TEST(KQZipFileLocalHeaderData, AnArchiveThatEndsEarlyYieldsAShortFileAndSuccess)
     TestInputStream stream("0123456789");
     std::int64_t completed = -1;
     stream.beforeRead = [&](std::size_t) { completed = currentProgress()->completedUnitCount(); };
-    ErrorPointer error;
+    Error error;
     EXPECT_TRUE(header->exportFileToPath(folder / "target", stream, &error));
     EXPECT_EQ(nullptr, error);
     EXPECT_EQ("0123456789", readFile(folder / "target"));
@@ -573,7 +573,7 @@ TEST(KQZipFileLocalHeaderData, ARefusedSeekFailsTheExportButTheCopyRunsWithoutAt
   stream.position = 3;
   stream.refuseOffsets = true;
   stream.error = earlierError();
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(folder / "target", stream, &error));
   expectKQZipError(error, -50, "Failed to seek to offset " + std::to_string(archive.dataOffset));
   EXPECT_EQ("altogether", readFile(folder / "target"));
@@ -605,7 +605,7 @@ TEST(KQZipFileLocalHeaderData, AnOffsetBeyond63BitsIsNamedInDecimal) {
   stream->open();
   FarHeader header;
   header.setCompressedSize(4);
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(header.exportFileToPath(folder / "target", *stream, &error));
   expectKQZipError(error, -50, "Failed to seek to offset 18446744073709551615");
   EXPECT_EQ("0123", readFile(folder / "target"));
@@ -617,7 +617,7 @@ TEST(KQZipFileLocalHeaderData, AFailedWriteAfterARefusedSeekReportsTheWrite) {
   TestInputStream stream("an altogether different stream");
   stream.refuseOffsets = true;
   const std::string target = folder / "missing/target";
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(target, stream, &error));
   expectKQZipError(error, -51, "Failed to write to stream at " + target);
 }
@@ -631,7 +631,7 @@ TEST(KQZipFileLocalHeaderData, AMissingFolderFailsAtTheFirstBlock) {
   std::shared_ptr<KQ::NSProgress> progress;
   stream.beforeRead = [&](std::size_t) { progress = currentProgress(); };
   const std::string target = folder / "50%@ missing/target";
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   EXPECT_FALSE(archive.header->exportFileToPath(target, stream, &error));
   expectKQZipError(error, -51, "Failed to write to stream at " + target);
   EXPECT_EQ(Lengths{mebibyte}, stream.reads);
@@ -648,7 +648,7 @@ TEST(KQZipFileLocalHeaderData, ASmallEntryIntoAMissingFolderFailsTheSame) {
   const Archive archive("0123456789");
   TestInputStream stream(archive.bytes);
   const std::string target = folder / "missing/target";
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(target, stream, &error));
   expectKQZipError(error, -51, "Failed to write to stream at " + target);
 }
@@ -659,7 +659,7 @@ TEST(KQZipFileLocalHeaderData, AFolderAsTargetAndAPathWithNULCannotBeWritten) {
   const std::string withNUL = (folder / "target") + std::string("\0.txt", 5);
   for (const std::string& target : {folder.path().string(), withNUL}) {
     TestInputStream stream(archive.bytes);
-    ErrorPointer error;
+    Error error;
     EXPECT_FALSE(archive.header->exportFileToPath(target, stream, &error));
     expectKQZipError(error, -51, "Failed to write to stream at " + target);
   }
@@ -678,7 +678,7 @@ TEST(KQZipFileLocalHeaderData, BytesThatOnlyFailToReachTheFileAtTheEndFailTheExp
       ASSERT_NE(SIG_ERR, std::signal(SIGXFSZ, SIG_IGN));
       const OuterProgress outer;
       TestInputStream stream(archive.bytes);
-      ErrorPointer error;
+      Error error;
       bool exported = true;
       {
         const SoftLimit limit(RLIMIT_FSIZE, size - 6);
@@ -702,7 +702,7 @@ TEST(KQZipFileLocalHeaderData, ABlockThatDoesNotFitOnTheDiskFailsTheExportAndLea
     ASSERT_NE(SIG_ERR, std::signal(SIGXFSZ, SIG_IGN));
     const OuterProgress outer;
     TestInputStream stream(archive.bytes);
-    ErrorPointer error;
+    Error error;
     bool exported = true;
     {
       const SoftLimit limit(RLIMIT_FSIZE, mebibyte + mebibyte / 2);
@@ -725,7 +725,7 @@ TEST(KQZipFileLocalHeaderData, AttributesThatCannotBeSetHandOnTheFileManagersErr
   TestInputStream stream(archive.bytes);
   const std::string target = folder / "target";
   stream.beforeRead = [&](std::size_t) { std::filesystem::rename(target, folder / "moved away"); };
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(target, stream, &error));
   ASSERT_NE(nullptr, error);
   EXPECT_EQ("NSPOSIXErrorDomain", error->domain());
@@ -747,8 +747,8 @@ TEST(KQZipFileLocalHeaderData, AReadThatFailsFailsTheExportWithoutAnError) {
       const Archive archive(patternBytes(3 * mebibyte));
       TestInputStream stream(archive.bytes);
       stream.failAtRead = failing;
-      const ErrorPointer earlier = filled ? earlierError() : nullptr;
-      ErrorPointer error = earlier;
+      const Error earlier = filled ? earlierError() : nullptr;
+      Error error = earlier;
       EXPECT_FALSE(archive.header->exportFileToPath(folder / "target", stream, &error));
       EXPECT_EQ(earlier, error);
       EXPECT_EQ(static_cast<std::size_t>(failing), stream.reads.size());
@@ -788,8 +788,8 @@ TEST(KQZipFileLocalHeaderData, CancellingStopsBeforeTheNextReadAndStaysCurrent) 
         progress = currentProgress();
         if (number == during) progress->cancel();
       };
-      const ErrorPointer earlier = filled ? earlierError() : nullptr;
-      ErrorPointer error = earlier;
+      const Error earlier = filled ? earlierError() : nullptr;
+      Error error = earlier;
       EXPECT_FALSE(archive.header->exportFileToPath(folder / "target", stream, &error));
       EXPECT_EQ(earlier, error) << "the slot is not touched";
       EXPECT_EQ(during, stream.reads.size());
@@ -823,7 +823,7 @@ TEST(KQZipFileLocalHeaderData, AnExportUnderACancelledProgressLeavesAnEmptyFile)
   writeFile(folder / "target", "earlier contents");
   const Archive archive("0123456789");
   TestInputStream stream(archive.bytes);
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(folder / "target", stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_TRUE(stream.reads.empty());
@@ -842,7 +842,7 @@ TEST(KQZipFileLocalHeaderData, AfterARefusedSeekACancellationKeepsTheErrorOfTheS
   const Archive archive("0123456789");
   TestInputStream stream(archive.bytes);
   stream.refuseOffsets = true;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(archive.header->exportFileToPath(folder / "target", stream, &error));
   expectKQZipError(error, -50, "Failed to seek to offset " + std::to_string(archive.dataOffset));
   EXPECT_FALSE(outer.isCurrent());
@@ -888,7 +888,7 @@ TEST(KQZipFileLocalHeaderData, CancellingFromAnotherThreadLeavesABeginningOfTheF
     });
     const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(folder / "archive");
     stream->open();
-    ErrorPointer error;
+    Error error;
     const bool exported = archive.header->exportFileToPath(folder / "target", *stream, &error);
     done = true;
     canceller.join();

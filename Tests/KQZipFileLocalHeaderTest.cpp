@@ -22,7 +22,7 @@ using KQTest::crcOf;
 using KQTest::dosDate;
 using KQTest::dosTime;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
 using KQTest::extraFieldBytes;
@@ -129,7 +129,7 @@ TEST(KQZipFileLocalHeader, AWriteEmitsHeaderNameZip64FieldAndData) {
   const LogCapture log;
   Source source("0123456789");
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(KQTest::hex(source.fields().bytes() + "0123456789"), KQTest::hex(stream.bytes));
   EXPECT_EQ(30u + 8u + 28u + 10u, stream.bytes.size());
@@ -374,7 +374,7 @@ TEST(KQZipFileLocalHeader, AWriteUnderACancelledProgressFailsInItsCrc) {
   Source source("0123456789");
   source.outer->cancel();
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(source.header->writeToStream(stream, &error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
   EXPECT_TRUE(stream.writes.empty());
@@ -388,7 +388,7 @@ TEST(KQZipFileLocalHeader, CancelledBeforeTheCopyTheHeaderStandsAndNoData) {
   source.header->setCrc32(crcOf(source.contents));
   source.outer->cancel();
   TestOutputStream stream;
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   EXPECT_FALSE(source.header->writeToStream(stream, &error));
   expectKQZipError(error, -90, "Operation was cancelled.");
   EXPECT_EQ(KQTest::hex(source.fields().bytes()), KQTest::hex(stream.bytes));
@@ -407,7 +407,7 @@ TEST(KQZipFileLocalHeader, CancellingDuringTheCopyStopsItBeforeTheNextBlock) {
     stream.beforeWrite = [&](std::size_t number) {
       if (number == headerWrites.size() + block) source.header->progress()->cancel();
     };
-    ErrorPointer error;
+    Error error;
     EXPECT_FALSE(source.header->writeToStream(stream, &error));
     expectKQZipError(error, -90, "Operation was cancelled.");
     expectSameBytes(source.fields().bytes() + source.contents.substr(0, block * mebibyte), stream.bytes);
@@ -435,7 +435,7 @@ TEST(KQZipFileLocalHeader, ASourceThatIsSetDuringAWriteWithoutOneIsForTheNextWri
   KQZipFileLocalHeader header;
   header.setFileName("name.txt");
   AskedStream stream([&] { header.setSourceFilePath(source.path); });
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(header.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_EQ("", stream.bytes);
@@ -479,7 +479,7 @@ TEST(KQZipFileLocalHeader, CancellingDuringTheLastBlockIsASuccessThatStaysCurren
   stream.beforeWrite = [&](std::size_t number) {
     if (number == headerWrites.size() + 1) source.header->progress()->cancel();
   };
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(KQTest::hex(source.fields().bytes() + "0123456789"), KQTest::hex(stream.bytes));
@@ -490,7 +490,7 @@ TEST(KQZipFileLocalHeader, AnEmptySourceIsWrittenUnderACancelledProgressWhichSta
   Source source("");
   source.outer->cancel();
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(KQTest::hex(source.fields().bytes()), KQTest::hex(stream.bytes));
@@ -521,7 +521,7 @@ TEST(KQZipFileLocalHeader, CancellingFromAnotherThreadEndsTheWriteWithOneOfTheTw
       parent->cancel();
     });
     TestOutputStream stream;
-    ErrorPointer error;
+    Error error;
     const bool succeeded = header->writeToStream(stream, &error);
     done = true;
     canceller.join();
@@ -547,7 +547,7 @@ TEST(KQZipFileLocalHeader, AnAbsentSourcePathFailsBeforeAnythingIsWritten) {
   header.setFileName("name");
   TestOutputStream stream;
   stream.startOffset = 1000;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(header.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Source file doesn't exist: (null)");
   EXPECT_TRUE(stream.writes.empty());
@@ -563,7 +563,7 @@ TEST(KQZipFileLocalHeader, AMissingSourceFailsBeforeAnythingIsWritten) {
   Source source("data");
   std::filesystem::remove(source.path);
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(source.header->writeToStream(stream, &error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
   EXPECT_TRUE(stream.writes.empty());
@@ -579,13 +579,13 @@ TEST(KQZipFileLocalHeader, ASourceThatMayNotBeReadFailsBeforeAnythingIsWritten) 
   KQTest::inUnprivilegedChildProcess([&] {
     const LogCapture log;
     TestOutputStream stream;
-    ErrorPointer error;
+    Error error;
     EXPECT_FALSE(source.header->writeToStream(stream, &error));
     expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
     EXPECT_TRUE(stream.writes.empty());
 
     source.header->setCrc32(1);
-    const ErrorPointer earlier = earlierError();
+    const Error earlier = earlierError();
     error = earlier;
     EXPECT_FALSE(source.header->writeToStream(stream, &error));
     EXPECT_EQ(earlier, error);
@@ -605,8 +605,8 @@ TEST(KQZipFileLocalHeader, EachFailingHeaderWriteStopsTheWriteThere) {
       TestOutputStream stream;
       stream.failAtWrite = static_cast<std::int64_t>(failing);
       stream.failResult = result;
-      const ErrorPointer earlier = earlierError();
-      ErrorPointer error = earlier;
+      const Error earlier = earlierError();
+      Error error = earlier;
       EXPECT_FALSE(source.header->writeToStream(stream, &error));
       EXPECT_EQ(Lengths(headerWrites.begin(), headerWrites.begin() + static_cast<std::ptrdiff_t>(failing)),
                 stream.writes);
@@ -641,7 +641,7 @@ TEST(KQZipFileLocalHeader, AFailureToWriteTheExtraFieldsDataGoesUnreported) {
     TestOutputStream stream;
     stream.failAtWrite = static_cast<std::int64_t>(headerWrites.size());
     stream.failResult = result;
-    ErrorPointer error;
+    Error error;
     EXPECT_TRUE(source.header->writeToStream(stream, &error));
     LocalHeaderFields cut = source.fields();
     cut.extra.resize(4);
@@ -664,7 +664,7 @@ TEST(KQZipFileLocalHeader, APartlyTakenHeaderWriteIsNotCompletedAndASuccess) {
     Source source("0123456789");
     TestOutputStream stream;
     stream.shortenAtWrite = static_cast<std::int64_t>(partial);
-    ErrorPointer error;
+    Error error;
     EXPECT_TRUE(source.header->writeToStream(stream, &error));
     std::string expected = source.fields().bytes() + "0123456789";
     expected.erase(KQTest::sumOfFirst(headerWrites, partial - 1) + 1, headerWrites[partial - 1] - 1);
@@ -682,7 +682,7 @@ TEST(KQZipFileLocalHeader, ADataWriteThatFailsOrTakesNothingEndsTheCopyAsASucces
       TestOutputStream stream;
       stream.failAtWrite = static_cast<std::int64_t>(headerWrites.size() + block);
       stream.failResult = result;
-      ErrorPointer error;
+      Error error;
       EXPECT_TRUE(source.header->writeToStream(stream, &error));
       EXPECT_EQ(headerWrites.size() + block, stream.writes.size()) << "nothing is tried after it";
       expectSameBytes(source.fields().bytes() + source.contents.substr(0, (block - 1) * mebibyte),
@@ -703,7 +703,7 @@ TEST(KQZipFileLocalHeader, ADataWriteThatTakesAPartLosesTheRestOfItsBlockAndGoes
   TestOutputStream stream;
   stream.shortenAtWrite = static_cast<std::int64_t>(headerWrites.size() + 1);
   stream.shortenTo = 5;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   expectSameBytes(
@@ -720,8 +720,8 @@ TEST(KQZipFileLocalHeader, ASourceThatVanishesBeforeTheCopyIsLoggedAndFailsWitho
   stream.beforeWrite = [&](std::size_t number) {
     if (number == 12) std::filesystem::remove(source.path);
   };
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_FALSE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(earlier, error) << "the slot is not touched";
   EXPECT_EQ(Lines{source.header->description() + " failed to open file at " + source.path}, log.lines());
@@ -738,7 +738,7 @@ TEST(KQZipFileLocalHeader, AMissingSourceWithAKnownCrcFailsOnlyAfterTheHeader) {
   source.header->setModDate(0x1234);
   source.header->setModTime(0x5678);
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   LocalHeaderFields expected = source.fields();
@@ -759,7 +759,7 @@ TEST(KQZipFileLocalHeader, ASourceThatShrinksBeforeTheCopyIsWrittenAsItIsThen) {
   stream.beforeWrite = [&](std::size_t number) {
     if (number == 1) std::filesystem::resize_file(source.path, 5);
   };
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   expectSameBytes(source.fields().bytes() + source.contents.substr(0, 5), stream.bytes);
@@ -774,7 +774,7 @@ TEST(KQZipFileLocalHeader, ASourceThatGrowsBeforeTheCopyIsWrittenAsItIsThen) {
     std::ofstream file(source.path, std::ios::binary | std::ios::app);
     file.write(appended.data(), static_cast<std::streamsize>(appended.size()));
   };
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(source.header->writeToStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   expectSameBytes(source.fields().bytes() + "0123456789" + appended, stream.bytes);
@@ -789,7 +789,7 @@ TEST(KQZipFileLocalHeader, AReadErrorDuringTheCopyEndsItAsASuccess) {
     Source source(patternBytes(2 * mebibyte));
     source.header->setCrc32(crcOf(source.contents));
     TestOutputStream stream;
-    ErrorPointer error;
+    Error error;
     SystemCalls calls;
     calls.failAt = failing;
     calls.failForGood = true;
@@ -832,7 +832,7 @@ TEST(KQZipFileLocalHeader, PreparationCallsTheSubclasssCrc) {
   header.setSourceFilePath(source.path);
   header.setFileName("name.txt");
   TestOutputStream stream;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(header.writeToStream(stream, &error));
   expectKQZipError(error, -50, "Can't calculate CRC of " + source.path);
   EXPECT_TRUE(stream.writes.empty());
@@ -952,8 +952,8 @@ TEST(KQZipFileLocalHeader, AParseReadsEveryFieldAndStandsBehindTheData) {
   const std::uint64_t dataOffset = 96 + 30 + 13 + 8;
   TestInputStream stream(bytes);
   stream.position = 100;
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   KQZipFileLocalHeader header;
   EXPECT_TRUE(header.parseFromStream(stream, &error));
 
@@ -1069,7 +1069,7 @@ TEST(KQZipFileLocalHeader, AnotherMethodThanStoredFailsAndReadsNoFurther) {
     fields.name = "name";
     const LogCapture log;
     StreamBehindSignature stream(fields.bytes());
-    ErrorPointer error = earlierError();
+    Error error = earlierError();
     KQZipFileLocalHeader header;
     EXPECT_FALSE(header.parseFromStream(stream, &error));
     expectKQZipError(error, -101, compressionMessage);
@@ -1091,7 +1091,7 @@ TEST(KQZipFileLocalHeader, AFailedParseGivesNoHeaderAndIsLoggedWithItsError) {
   fields.name = "name";
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes());
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipFileLocalHeader::initWithStream(stream, &error));
   expectKQZipError(error, -101, compressionMessage);
   EXPECT_EQ(Lines{"Failed to parse KQZipFileLocalHeader from stream: " + error->description()}, log.lines());
@@ -1100,7 +1100,7 @@ TEST(KQZipFileLocalHeader, AFailedParseGivesNoHeaderAndIsLoggedWithItsError) {
 TEST(KQZipFileLocalHeader, AFailedParseWithAnEmptySlotIsLoggedAsNull) {
   const LogCapture log;
   TestInputStream stream{std::string()};
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipFileLocalHeader::initWithStream(stream, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(Lines{"Failed to parse KQZipFileLocalHeader from stream: (null)"}, log.lines());
@@ -1109,8 +1109,8 @@ TEST(KQZipFileLocalHeader, AFailedParseWithAnEmptySlotIsLoggedAsNull) {
 TEST(KQZipFileLocalHeader, AFailedParseAtTheEndOfTheStreamLogsAndKeepsAnEarlierError) {
   const LogCapture log;
   TestInputStream stream{std::string()};
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_EQ(nullptr, KQZipFileLocalHeader::initWithStream(stream, &error));
   EXPECT_EQ(earlier, error);
   EXPECT_EQ(Lines{"Failed to parse KQZipFileLocalHeader from stream: " + earlier->description()},
@@ -1137,7 +1137,7 @@ TEST(KQZipFileLocalHeader, ANameThatIsNotUTF8IsAbsentAndNoError) {
     fields.name = name;
     fields.extra = zip64FieldBytes(3, 3, 0);
     StreamBehindSignature stream(fields.bytes() + "abc");
-    ErrorPointer error;
+    Error error;
     const auto header = KQZipFileLocalHeader::initWithStream(stream, &error);
     ASSERT_NE(nullptr, header);
     EXPECT_EQ(nullptr, error);
@@ -1289,7 +1289,7 @@ TEST(KQZipFileLocalHeader, AHeaderCutAtAnyByteFailsWithAnEmptySlotUnlessOnlyTheN
         stream->open();
         ASSERT_TRUE(stream->setNSStreamFileCurrentOffsetKey(4));
         const LogCapture log;
-        ErrorPointer error;
+        Error error;
         KQZipFileLocalHeader header;
         EXPECT_EQ(length >= firstSuccess, header.parseFromStream(*stream, &error));
         EXPECT_EQ(nullptr, error);
@@ -1332,7 +1332,7 @@ TEST(KQZipFileLocalHeader, EachFailingReadStopsTheParseThere) {
       const LogCapture log;
       StreamBehindSignature stream(fields.bytes() + "abc");
       stream.failAtRead = static_cast<std::int64_t>(failing);
-      ErrorPointer error = slot == KQTest::Slot::filled ? earlierError() : nullptr;
+      Error error = slot == KQTest::Slot::filled ? earlierError() : nullptr;
       KQZipFileLocalHeader header;
       EXPECT_FALSE(header.parseFromStream(stream, slot == KQTest::Slot::none ? nullptr : &error));
       EXPECT_EQ(failing, stream.reads.size());
@@ -1350,7 +1350,7 @@ TEST(KQZipFileLocalHeader, AFailingReadIsLoggedByThePrimitiveAndByTheConstructio
   const LogCapture log;
   TestInputStream stream("xx");
   stream.failAtRead = 1;
-  ErrorPointer error;
+  Error error;
   EXPECT_EQ(nullptr, KQZipFileLocalHeader::initWithStream(stream, &error));
   EXPECT_EQ(
       (Lines{"stream reading failed: (null)", "Failed to parse KQZipFileLocalHeader from stream: (null)"}),
@@ -1367,7 +1367,7 @@ TEST(KQZipFileLocalHeader, ARefusedSeekHandsOnTheStreamsOwnErrorAndIsLogged) {
   StreamBehindSignature stream(fields.bytes() + "12345");
   stream.refuseOffsets = true;
   stream.error = KQ::NSError::errorWithPOSIXCode(ESPIPE, "/a/pipe");
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   KQZipFileLocalHeader header;
   EXPECT_FALSE(header.parseFromStream(stream, &error));
   EXPECT_EQ(stream.error, error) << "the very object, unchanged";
@@ -1406,7 +1406,7 @@ TEST(KQZipFileLocalHeader, ALengthThatNoFileOffsetCanReachIsRefusedAndNeverWrapp
     stream->open();
     ASSERT_TRUE(stream->setNSStreamFileCurrentOffsetKey(104));
     const LogCapture log;
-    ErrorPointer error;
+    Error error;
     KQZipFileLocalHeader header;
     EXPECT_FALSE(header.parseFromStream(*stream, &error));
     ASSERT_NE(nullptr, error);
@@ -1447,7 +1447,7 @@ TEST(KQZipFileLocalHeader, AnEndOfDataFarBeyondTheEndOfTheFileIsAccepted) {
     ASSERT_NE(nullptr, stream);
     stream->open();
     ASSERT_TRUE(stream->setNSStreamFileCurrentOffsetKey(4));
-    ErrorPointer error;
+    Error error;
     EXPECT_NE(nullptr, KQZipFileLocalHeader::initWithStream(*stream, &error));
     EXPECT_EQ(nullptr, error);
     EXPECT_EQ(dataOffset + length, stream->NSStreamFileCurrentOffsetKey());
@@ -1465,7 +1465,7 @@ TEST(KQZipFileLocalHeader, AStreamWithoutAnOffsetCountsAsStandingAtZero) {
   StreamBehindSignature stream(fields.bytes() + "12345");
   stream.hasOffset = false;
   stream.error = earlierError();
-  ErrorPointer error;
+  Error error;
   KQZipFileLocalHeader header;
   header.setOffset(77);
   EXPECT_FALSE(header.parseFromStream(stream, &error)) << "it cannot be moved behind the data";
@@ -1484,7 +1484,7 @@ TEST(KQZipFileLocalHeader, ExtraFieldsOnAStreamWithoutAnOffsetEndWithTheStream) 
   const LogCapture log;
   StreamBehindSignature stream(fields.bytes() + std::string(1000, '\0'));
   stream.hasOffset = false;
-  ErrorPointer error;
+  Error error;
   KQZipFileLocalHeader header;
   EXPECT_FALSE(header.parseFromStream(stream, &error));
   EXPECT_EQ(nullptr, error);

@@ -16,6 +16,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -30,6 +31,7 @@ using KQTest::Bytes;
 using KQTest::bytesOf;
 using KQTest::centralHeaderBytes;
 using KQTest::endRecordBytes;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalRecord;
 using KQTest::LogCapture;
@@ -40,7 +42,6 @@ using KQTest::TestInputStream;
 using KQTest::writeFile;
 using KQTest::zip64Record;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 using Paths = std::vector<std::string>;
 
@@ -67,8 +68,6 @@ class WatchedInputStream : public TestInputStream {
   int closed = 0;
   std::set<std::uint64_t> pauses;  ///< Positions at which one read delivers nothing.
 };
-
-Error someError() { return KQ::NSError::errorWithDomain("SomeDomain", 7, "what stood in the slot"); }
 
 /// A reader on an archive file with these bytes, which must open.
 Reader readerOn(const std::string& path, const std::string& bytes) {
@@ -183,7 +182,7 @@ TEST(KQZipFileReader, LocalRecordsWithoutACentralDirectoryAreAnArchive) {
 TEST(KQZipFileReader, ASuccessLeavesTheSlotAsItWas) {
   const TemporaryDirectory folder;
   writeFile(folder / "a.zip", archiveBytes({plainRecord("a", "1")}));
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   EXPECT_TRUE(KQZipFileReader::initWithZipPath(folder / "a.zip", &error));
   EXPECT_EQ(before, error);
@@ -292,11 +291,11 @@ TEST(KQZipFileReader, AFailureWithoutAnErrorEmptiesTheCallersSlot) {
   const TemporaryDirectory folder;
   const std::string cut = plainRecord("a", "1").header().substr(0, 12);
   writeFile(folder / "a.zip", cut);
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::initWithZipPath(folder / "a.zip", &error));
   EXPECT_FALSE(error) << errorText(error);
 
-  error = someError();
+  error = KQTest::earlierError();
   TestInputStream stream(cut);
   EXPECT_FALSE(KQZipFileReader::initWithStream(stream, &error));
   EXPECT_FALSE(error) << errorText(error);
@@ -305,7 +304,7 @@ TEST(KQZipFileReader, AFailureWithoutAnErrorEmptiesTheCallersSlot) {
 TEST(KQZipFileReader, AFailureReplacesWhatStoodInTheSlot) {
   const TemporaryDirectory folder;
   writeFile(folder / "a.zip", "%PDF");
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::initWithZipPath(folder / "a.zip", &error));
   EXPECT_EQ("-100 got unexpected bytes looking for known signatures: 46445025", errorText(error));
 }
@@ -330,7 +329,7 @@ TEST(KQZipFileReader, AReadErrorInsideALocalHeaderFailsWithAnEmptySlotWhateverSt
     TestInputStream stream(plainRecord("name", "data").bytes());
     stream.failAtRead = static_cast<std::int64_t>(read);
     LogCapture log;
-    Error error = someError();
+    Error error = KQTest::earlierError();
     EXPECT_FALSE(KQZipFileReader::initWithStream(stream, &error)) << read;
     EXPECT_FALSE(error) << errorText(error);
     EXPECT_EQ(
@@ -374,7 +373,7 @@ TEST(KQZipFileReader, AShortReadOfASignatureEndsTheScanAsASuccess) {
 TEST(KQZipFileReader, AStreamThatCannotBeMovedPastTheDataFailsWithItsOwnError) {
   TestInputStream stream(plainRecord("a", "data").bytes());
   stream.refuseOffsets = true;
-  stream.error = someError();
+  stream.error = KQTest::earlierError();
   LogCapture log;
   Error error;
   EXPECT_FALSE(KQZipFileReader::initWithStream(stream, &error));
@@ -851,7 +850,7 @@ TEST(KQZipFileReader, ACentralDirectoryThatCannotBeParsedIsIgnoredAndTheScanGoes
       plainRecord("a", "1").bytes() + unreadableDirectory() + plainRecord("b", "2").bytes();
   writeFile(folder / "a.zip", bytes);
   LogCapture log;
-  const Error before = someError();
+  const Error before = KQTest::earlierError();
   Error error = before;
   const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip", &error);
   ASSERT_TRUE(reader) << errorText(error);
@@ -880,13 +879,13 @@ TEST(KQZipFileReader, AnErrorOfACentralDirectoryIsNeverThatOfALaterRecord) {
   EXPECT_EQ("no error", failureOn(folder / "a.zip", bytes));
 
   TestInputStream cut(bytes);
-  Error error = someError();
+  Error error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::initWithStream(cut, &error));
   EXPECT_FALSE(error) << errorText(error);
 
   TestInputStream failing(bytes);
   failing.failAtRead = static_cast<std::int64_t>(cut.reads.size());
-  error = someError();
+  error = KQTest::earlierError();
   EXPECT_FALSE(KQZipFileReader::initWithStream(failing, &error));
   EXPECT_FALSE(error) << errorText(error);
 

@@ -116,7 +116,7 @@ class KQZipFileWriterTest : public ::testing::Test {
 TEST_F(KQZipFileWriterTest, WithoutEntriesItWritesTheThreeEndRecordsAndNothingElse) {
   KQZipFileWriter writer;
   TestOutputStream stream;
-  Error error = untouchedError();
+  Error error = earlierError();
   const Error before = error;
   EXPECT_TRUE(writer.writeToStream(stream, &error));
   EXPECT_EQ(98U, stream.bytes.size());
@@ -302,7 +302,7 @@ TEST_F(KQZipFileWriterTest, AVanishedSourceFailsWithItsErrorAndEndsTheRun) {
   const std::string logged = "failed to calculate crc: failed to open stream at " + source(2);
 
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   TestOutputStream stream;
   EXPECT_FALSE(writer.writeToStream(stream, &error));
   expectError(error, -50, "Can't calculate CRC of " + source(2));
@@ -350,7 +350,7 @@ TEST_F(KQZipFileWriterTest, ASourceThatVanishesBehindItsHeaderFailsWithoutAnErro
     tree_.file("source2", three_[1].data);
     TestOutputStream stream;
     whenAt(stream, offsets_[1], [&] { fs::remove(source(2)); });
-    Error error = untouchedError();
+    Error error = earlierError();
     const Error before = error;
     EXPECT_FALSE(writer.writeToStream(stream, withSlot ? &error : nullptr));
     EXPECT_EQ(before, error);
@@ -378,7 +378,7 @@ TEST_F(KQZipFileWriterTest, ASourceThatVanishesBehindItsEntryLeavesTheDirectoryW
   LogCapture log;
   TestOutputStream stream;
   whenAt(stream, offsets_[2], [&] { fs::remove(source(1)); });
-  Error error = untouchedError();
+  Error error = earlierError();
   const Error before = error;
   EXPECT_TRUE(writer.writeToStream(stream, &error));
   EXPECT_EQ(before, error);
@@ -495,7 +495,7 @@ TEST_F(KQZipFileWriterTest, APathGetsTheSameBytesAsAStream) {
   KQZipFileWriter writer;
   addThree(writer);
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   const Error before = error;
   ASSERT_TRUE(writer.writeToZipPath(tree_ / "out.zip", &error));
   EXPECT_EQ(before, error);
@@ -507,7 +507,7 @@ TEST_F(KQZipFileWriterTest, AnAbsentPathIsRefused) {
   KQZipFileWriter writer;
   addThree(writer);
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   EXPECT_FALSE(writer.writeToZipPath(std::nullopt, &error));
   expectError(error, -1, "Could not write to zip path (null)");
   EXPECT_FALSE(writer.writeToZipPath(std::nullopt));
@@ -542,7 +542,7 @@ TEST_F(KQZipFileWriterTest, AnythingThatExistsAtThePathIsRefusedAndLeftUntouched
 
   for (const std::string& path : {file, emptyFile, folder, link, pipe}) {
     LogCapture log;
-    Error error = untouchedError();
+    Error error = earlierError();
     EXPECT_FALSE(writer.writeToZipPath(path, &error));
     expectError(error, -1, "Could not write to zip path " + path);
     EXPECT_FALSE(writer.writeToZipPath(path));
@@ -571,7 +571,7 @@ TEST_F(KQZipFileWriterTest, ALinkThatLeadsNowhereIsRefusedAndNotWrittenThrough) 
   const std::string path = tree_ / "out.zip";
   fs::create_symlink("elsewhere.zip", path);
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   EXPECT_FALSE(writer.writeToZipPath(path, &error));
   expectError(error, -1, "Could not write to zip path " + path);
   EXPECT_FALSE(writer.writeToZipPath(path));
@@ -596,7 +596,7 @@ TEST_F(KQZipFileWriterTest, WhatComesIntoBeingBeforeTheFileIsCreatedIsRefusedAnd
     const auto all = KQ::NSProgress::progressWithTotalUnitCount(5);
     all->becomeCurrentWithPendingUnitCount(5);
     LogCapture log;
-    Error error = untouchedError();
+    Error error = earlierError();
     {
       const AtFileMoment moment(path, {0, FileMoment::Call::Open}, arrive);
       EXPECT_FALSE(writer.writeToZipPath(path, &error));
@@ -622,7 +622,7 @@ TEST_F(KQZipFileWriterTest, AParentThatIsNoExistingFolderIsRefused) {
   for (const std::string& path : {tree_ / "missing/out.zip", tree_ / "missing/deeper/out.zip",
                                   file + "/out.zip", tree_ / "dangling/out.zip"}) {
     LogCapture log;
-    Error error = untouchedError();
+    Error error = earlierError();
     EXPECT_FALSE(writer.writeToZipPath(path, &error));
     expectError(error, -1, "Could not write to zip path " + path + " because parent directory doesn't exist");
     EXPECT_FALSE(writer.writeToZipPath(path));
@@ -734,7 +734,7 @@ TEST_F(KQZipFileWriterTest, AFailedWriteIsLoggedAndLeavesThePartlyWrittenFile) {
                               goldenLocalHeader(three_[1], offsets_[1]) + three_[1].data;
 
   LogCapture log;
-  Error error = untouchedError();
+  Error error = earlierError();
   EXPECT_FALSE(writer.writeToZipPath(path, &error));
   expectError(error, -50, "Can't calculate CRC of " + source(3));
   EXPECT_EQ((Lines{"failed to calculate crc: failed to open stream at " + source(3),
@@ -786,7 +786,7 @@ TEST_F(KQZipFileWriterTest, AFileThatCannotBeCreatedFailsAtItsFirstWrite) {
   inUnprivilegedChildProcess([&] {
     for (KQZipFileWriter* writer : {&three, &empty}) {
       LogCapture log;
-      Error error = untouchedError();
+      Error error = earlierError();
       EXPECT_FALSE(writer->writeToZipPath(tree_ / "locked/out.zip", &error));
       expectError(error, -51, "Error writing file");
       EXPECT_FALSE(writer->writeToZipPath(tree_ / "locked/out.zip"));
@@ -979,7 +979,7 @@ TEST_F(KQZipFileWriterTest, CancellingDuringTheSecondOfThreeEntriesEndsTheRunBeh
   all->becomeCurrentWithPendingUnitCount(1);
   TestOutputStream stream;
   whenAt(stream, offsets_[1] + localHeaderLength("b"), [&] { all->cancel(); });
-  Error error = untouchedError();
+  Error error = earlierError();
   EXPECT_FALSE(writer.writeToStream(stream, &error));
   expectError(error, -90, "Cancelled by user.");
   // The block on its way when it was cancelled is the entry's last, so the entry is whole.
@@ -1044,7 +1044,7 @@ TEST_F(KQZipFileWriterTest, CancellingDuringTheDirectoryIsTooLate) {
   all->becomeCurrentWithPendingUnitCount(1);
   TestOutputStream stream;
   whenAt(stream, offsets_[3], [&] { all->cancel(); });
-  Error error = untouchedError();
+  Error error = earlierError();
   const Error before = error;
   EXPECT_TRUE(writer.writeToStream(stream, &error));
   EXPECT_EQ(before, error);

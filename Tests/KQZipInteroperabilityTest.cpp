@@ -72,9 +72,9 @@ class ArchiveFile {
   }
 
   void expectMade(const std::string& expected, const KQZipPermissions& permissions = {}) const {
-    Error error = untouchedError();
+    Error error = earlierError();
     EXPECT_TRUE(KQZipMakeArchiveInteroperable(path(), permissions, &error)) << describe(error);
-    EXPECT_EQ(describe(untouchedError()), describe(error));
+    EXPECT_EQ(describe(earlierError()), describe(error));
     expectSameBytes(expected, bytes());
   }
 
@@ -582,7 +582,7 @@ bool expectResumableAfterStopping(ArchiveFile& archive, const std::string& befor
     calls.longestTransfer = longest;
     calls.failAt = number;
     calls.failForGood = true;
-    Error error = untouchedError();
+    Error error = earlierError();
     if (KQZipMakeArchiveInteroperable(archive.path(), permissions, &error)) {
       EXPECT_LT(calls.transfers.size(), number);
       return false;

@@ -16,7 +16,7 @@
 
 using KQTest::Bytes;
 using KQTest::earlierError;
-using KQTest::ErrorPointer;
+using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::hex;
 using KQTest::LogCapture;
@@ -153,8 +153,8 @@ TEST_P(KQZipReadBlock, MovesTheFullCountWithOneReadLeastSignificantByteFirst) {
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     TestInputStream stream(sample + "more");
-    const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-    ErrorPointer error = earlier;
+    const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = earlier;
     std::string bytes = destination();
     EXPECT_TRUE(GetParam().read(stream, bytes, slot == Slot::none ? nullptr : &error));
     EXPECT_EQ(hex(sample.substr(0, static_cast<std::size_t>(GetParam().count))), hex(bytes));
@@ -171,7 +171,7 @@ TEST_P(KQZipReadBlock, AShortReadSucceedsAndKeepsTheUnfilledBytesOfTheDestinatio
     SCOPED_TRACE(count);
     TestInputStream stream(sample);
     stream.longestRead = count;
-    ErrorPointer error;
+    Error error;
     std::string bytes = destination();
     EXPECT_TRUE(GetParam().read(stream, bytes, &error));
     const auto filled = static_cast<std::size_t>(count);
@@ -187,8 +187,8 @@ TEST_P(KQZipReadBlock, AtTheEndOfTheStreamItFailsWithoutAnErrorOrALogLine) {
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     TestInputStream stream{std::string()};
-    const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-    ErrorPointer error = earlier;
+    const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = earlier;
     std::string bytes = destination();
     EXPECT_FALSE(GetParam().read(stream, bytes, slot == Slot::none ? nullptr : &error));
     EXPECT_EQ(hex(destination()), hex(bytes));
@@ -203,7 +203,7 @@ TEST_P(KQZipReadBlock, AStreamErrorWithAnEmptySlotLeavesItEmptyAndIsLogged) {
     SCOPED_TRACE(count);
     const LogCapture log;
     FixedInputStream stream(count);
-    ErrorPointer error;
+    Error error;
     std::string bytes = destination();
     EXPECT_FALSE(GetParam().read(stream, bytes, &error));
     EXPECT_EQ(nullptr, error);
@@ -229,7 +229,7 @@ TEST_P(KQZipReadBlock, AStreamErrorReplacesAnErrorInTheSlotAndIsLoggedWithTheNew
     SCOPED_TRACE(count);
     const LogCapture log;
     FixedInputStream stream(count);
-    ErrorPointer error = earlierError();
+    Error error = earlierError();
     std::string bytes = destination();
     EXPECT_FALSE(GetParam().read(stream, bytes, &error));
     expectKQZipError(error, -50, "Error reading file");
@@ -247,7 +247,7 @@ TEST_P(KQZipReadBlock, AFileThatEndsInsideTheValueFillsItAsFarAsItGoes) {
     const auto stream = KQ::NSInputStream::inputStreamWithFileAtPath(folder / "file");
     ASSERT_NE(nullptr, stream);
     stream->open();
-    ErrorPointer error;
+    Error error;
     std::string bytes = destination();
     EXPECT_TRUE(GetParam().read(*stream, bytes, &error));
     EXPECT_EQ(hex(sample.substr(0, filled) + destination().substr(filled)), hex(bytes));
@@ -266,7 +266,7 @@ TEST_P(KQZipReadBlock, AnItemThatCannotBeReadIsAStreamError) {
   ASSERT_NE(nullptr, stream);
   stream->open();
   const LogCapture log;
-  ErrorPointer error = earlierError();
+  Error error = earlierError();
   std::string bytes = destination();
   EXPECT_FALSE(GetParam().read(*stream, bytes, &error));
   expectKQZipError(error, -50, "Error reading file");
@@ -277,7 +277,7 @@ TEST(KQZipReadBlock32, ThreeLeftBytesFillTheLowOnesAndKeepTheHighOne) {
   const auto stream = KQ::NSInputStream::inputStreamWithData(KQTest::dataOf("\x01\x02\x03"));
   stream->open();
   std::uint32_t value = 0xAABBCCDD;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(KQZipReadBlock32(*stream, &value, &error));
   EXPECT_EQ(0xAA030201U, value);
   EXPECT_EQ(nullptr, error);
@@ -303,8 +303,8 @@ TEST(KQZipReadBlock, IntegersOfEveryWidthAreLittleEndian) {
 TEST(KQZipReadBlockBytes, ALengthOfZeroSucceedsWithoutTouchingTheStream) {
   const LogCapture log;
   TestInputStream exhausted{std::string()};
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   char byte = 'x';
   EXPECT_TRUE(KQZipReadBlockBytes(exhausted, &byte, 0, &error));
   EXPECT_TRUE(KQZipReadBlockBytes(exhausted, nullptr, 0, nullptr));
@@ -325,7 +325,7 @@ TEST(KQZipReadBlockBytes, ALengthOfZeroSucceedsOnAClosedFile) {
   stream->open();
   stream->close();
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(KQZipReadBlockBytes(*stream, nullptr, 0, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(Lines(), log.lines());
@@ -343,8 +343,8 @@ TEST_P(KQZipWriteBlock, MovesTheFullCountWithOneWriteLeastSignificantByteFirst) 
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     TestOutputStream stream;
-    const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-    ErrorPointer error = earlier;
+    const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = earlier;
     EXPECT_TRUE(GetParam().write(stream, source(), slot == Slot::none ? nullptr : &error));
     EXPECT_EQ(hex(source()), hex(stream.bytes));
     EXPECT_EQ(Lengths{GetParam().count}, stream.writes);
@@ -360,7 +360,7 @@ TEST_P(KQZipWriteBlock, APartialWriteIsASuccessAndIsNotCompleted) {
     TestOutputStream stream;
     stream.shortenAtWrite = 1;
     stream.shortenTo = count;
-    ErrorPointer error;
+    Error error;
     EXPECT_TRUE(GetParam().write(stream, source(), &error));
     EXPECT_EQ(hex(source().substr(0, static_cast<std::size_t>(count))), hex(stream.bytes));
     EXPECT_EQ(Lengths{GetParam().count}, stream.writes);
@@ -374,8 +374,8 @@ TEST_P(KQZipWriteBlock, AWriteThatTakesNothingFailsWithoutAnErrorOrALogLine) {
   for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
     SCOPED_TRACE(KQTest::nameOf(slot));
     FixedOutputStream stream(0);
-    const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-    ErrorPointer error = earlier;
+    const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+    Error error = earlier;
     EXPECT_FALSE(GetParam().write(stream, source(), slot == Slot::none ? nullptr : &error));
     EXPECT_EQ(Lengths{GetParam().count}, stream.lengths);
     EXPECT_EQ(earlier, error);
@@ -389,7 +389,7 @@ TEST_P(KQZipWriteBlock, AStreamErrorGoesIntoTheSlotWhateverItHeldAndIsLogged) {
       SCOPED_TRACE(KQTest::nameOf(slot) + ", " + std::to_string(count));
       const LogCapture log;
       FixedOutputStream stream(count);
-      ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+      Error error = slot == Slot::filled ? earlierError() : nullptr;
       EXPECT_FALSE(GetParam().write(stream, source(), &error));
       expectKQZipError(error, -51, "Error writing file");
       EXPECT_EQ(writingFailedLine(error), log.lines());
@@ -415,7 +415,7 @@ TEST_P(KQZipWriteBlock, AFileThatCannotBeOpenedIsAStreamError) {
   ASSERT_NE(nullptr, stream);
   stream->open();
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   EXPECT_FALSE(GetParam().write(*stream, source(), &error));
   expectKQZipError(error, -51, "Error writing file");
   EXPECT_EQ(writingFailedLine(error), log.lines());
@@ -451,8 +451,8 @@ TEST(KQZipWriteBlock32, TheLocalHeadersSignatureComesOutAsItsFourBytes) {
 TEST(KQZipWriteBlockBytes, ALengthOfZeroSucceedsWithoutTouchingTheStream) {
   const LogCapture log;
   FixedOutputStream stream(-1);
-  const ErrorPointer earlier = earlierError();
-  ErrorPointer error = earlier;
+  const Error earlier = earlierError();
+  Error error = earlier;
   EXPECT_TRUE(KQZipWriteBlockBytes(stream, "x", 0, &error));
   EXPECT_TRUE(KQZipWriteBlockBytes(stream, nullptr, 0, nullptr));
   EXPECT_EQ(Lengths(), stream.lengths);
@@ -466,7 +466,7 @@ TEST(KQZipWriteBlockBytes, ALengthOfZeroSucceedsOnAClosedFile) {
   stream->open();
   stream->close();
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   EXPECT_TRUE(KQZipWriteBlockBytes(*stream, nullptr, 0, &error));
   EXPECT_EQ(nullptr, error);
   EXPECT_EQ(Lines(), log.lines());

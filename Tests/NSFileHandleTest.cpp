@@ -21,8 +21,6 @@ namespace fs = std::filesystem;
 using namespace KQTest;
 using KQ::NSFileHandle;
 
-using Error = std::shared_ptr<const KQ::NSError>;
-
 namespace {
 
 const std::uint8_t* bytesOf(const std::string& text) {

@@ -30,6 +30,7 @@ namespace fs = std::filesystem;
 using KQ::NSDate;
 using KQ::NSFileAttributes;
 using KQ::NSFileManager;
+using KQTest::Error;
 using KQTest::expectPOSIXCode;
 using KQTest::expectPOSIXError;
 using KQTest::readFile;
@@ -41,7 +42,6 @@ using namespace std::string_literals;
 
 namespace {
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Paths = std::vector<std::string>;
 
 NSDate date(std::int64_t seconds, std::int64_t nanoseconds = 0) {
@@ -299,7 +299,7 @@ TEST(NSFileManager, AnItemInAFolderThatMayNotBeSearchedHasNoAttributes) {
 TEST(NSFileManager, ASlotIsNotTouchedBySuccess) {
   const TemporaryDirectory folder;
   writeFile(folder / "file", "x");
-  const Error before = KQ::NSError::errorWithDomain("D", 1, "before");
+  const Error before = KQTest::earlierError();
   Error slot = before;
   EXPECT_TRUE(NSFileManager::attributesOfItemAtPath(folder / "file", &slot).has_value());
   EXPECT_TRUE(NSFileManager::setAttributes(withDate(date(1)), folder / "file", &slot));

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -23,6 +24,7 @@ namespace fs = std::filesystem;
 using KQ::NSProgress;
 using KQTest::archiveBytes;
 using KQTest::bytesOf;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalRecord;
 using KQTest::LogCapture;
@@ -33,7 +35,6 @@ using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 using KQTest::zip64Record;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 using Records = std::vector<LocalRecord>;
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -21,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using KQTest::bytesOf;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::patternBytes;
 using KQTest::readFile;
@@ -28,7 +30,6 @@ using KQTest::readFrom;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
 
-using Error = std::shared_ptr<const KQ::NSError>;
 using Reader = std::shared_ptr<KQZipFileReader>;
 
 constexpr std::size_t mebibyte = 1048576;

@@ -15,6 +15,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/TestStreams.h"
@@ -121,7 +122,8 @@ std::vector<std::string> archives() {
   all.push_back(archiveBytes({records[0], compressed}));
   // More than the streams read ahead at once, so that headers cross the ends of what is at hand.
   std::vector<LocalRecord> many;
-  for (std::size_t i = 0; i < 3000; ++i) many.push_back(zip64Record(std::to_string(i), std::string(i % 70, 'd')));
+  for (std::size_t i = 0; i < 3000; ++i)
+    many.push_back(zip64Record(std::to_string(i), std::string(i % 70, 'd')));
   all.push_back(archiveBytes(many));
 
   std::mt19937 random(20261121);

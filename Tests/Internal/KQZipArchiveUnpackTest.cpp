@@ -19,6 +19,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/RecordBytes.h"
 #include "Support/ScriptedSystem.h"
 #include "Support/TemporaryDirectory.h"
@@ -28,6 +29,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using KQTest::CentralHeaderFields;
+using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalHeaderFields;
 using KQTest::patternBytes;
@@ -35,7 +37,6 @@ using KQTest::readFile;
 using KQTest::ScriptedSystem;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
-using Error = std::shared_ptr<const KQ::NSError>;
 using Lines = std::vector<std::string>;
 
 constexpr unsigned regularFile = 0100000;

@@ -146,9 +146,4 @@ std::string localTime(KQ::NSDate date) {
   return text;
 }
 
-std::string errorText(const std::shared_ptr<const KQ::NSError>& error) {
-  if (!error) return "no error";
-  return std::to_string(error->code()) + " " + error->localizedDescription();
-}
-
 }  // namespace KQTest

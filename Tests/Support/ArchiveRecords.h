@@ -62,7 +62,4 @@ std::string readFrom(KQ::NSInputStream& stream, std::uint64_t length);
 /// A date's fields in local time, as "2020-06-15 12:34:56".
 std::string localTime(KQ::NSDate date);
 
-/// Code and message of the error in a slot, "-100 got unexpected bytes...", or "no error".
-std::string errorText(const std::shared_ptr<const KQ::NSError>& error);
-
 }  // namespace KQTest

@@ -4,45 +4,25 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Support/Bytes.h"
+#include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/TestStreams.h"
 
 namespace KQTest {
 
-using ErrorPointer = std::shared_ptr<const KQ::NSError>;
-
-/// An error that stands in a slot before a call.
-inline ErrorPointer earlierError() {
-  return KQ::NSError::errorWithDomain("EarlierDomain", -7, "Something earlier");
-}
-
-/// Expects an error of the library with this code and message, and nothing else in its user information.
-inline void expectKQZipError(const ErrorPointer& error, std::int64_t code, const std::string& message) {
-  ASSERT_NE(nullptr, error);
-  EXPECT_EQ("KQZipErrorDomain", error->domain());
-  EXPECT_EQ(code, error->code());
-  EXPECT_EQ(message, error->localizedDescription());
-  const std::map<std::string, std::string> expected{{KQ::NSLocalizedDescriptionKey, message}};
-  EXPECT_EQ(expected, error->userInfo());
-}
-
-/// An error as a log line shows it.
-inline std::string inLogLine(const ErrorPointer& error) { return error ? error->description() : "(null)"; }
-
 /// The line that a read primitive logs with `error` in the slot.
-inline std::vector<std::string> readingFailedLine(const ErrorPointer& error) {
-  return {"stream reading failed: " + inLogLine(error)};
+inline std::vector<std::string> readingFailedLine(const Error& error) {
+  return {"stream reading failed: " + describe(error)};
 }
 
 /// The line that a write primitive logs with `error` in the slot.
-inline std::vector<std::string> writingFailedLine(const ErrorPointer& error) {
-  return {"stream writing failed: " + inLogLine(error)};
+inline std::vector<std::string> writingFailedLine(const Error& error) {
+  return {"stream writing failed: " + describe(error)};
 }
 
 /// A buffer with these bytes.
@@ -83,8 +63,8 @@ void expectEachFailingWriteStops(const Make& make, const std::string& bytes,
         SCOPED_TRACE("write " + std::to_string(failing) + " returns " + std::to_string(result) + ", " +
                      nameOf(slot));
         const LogCapture log;
-        const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-        ErrorPointer error = earlier;
+        const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+        Error error = earlier;
         TestOutputStream stream;
         stream.failAtWrite = static_cast<std::int64_t>(failing);
         stream.failResult = result;
@@ -114,7 +94,7 @@ void expectEachPartialWriteIsASuccess(const Make& make, const std::string& bytes
   for (std::size_t partial = 1; partial <= widths.size(); ++partial) {
     SCOPED_TRACE("write " + std::to_string(partial) + " takes one byte");
     const LogCapture log;
-    ErrorPointer error;
+    Error error;
     TestOutputStream stream;
     stream.shortenAtWrite = static_cast<std::int64_t>(partial);
 
@@ -140,7 +120,7 @@ void expectEachFailingReadStops(const Make& make, const std::string& bytes,
     for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
       SCOPED_TRACE("read " + std::to_string(failing) + " fails, " + nameOf(slot));
       const LogCapture log;
-      ErrorPointer error = slot == Slot::filled ? earlierError() : nullptr;
+      Error error = slot == Slot::filled ? earlierError() : nullptr;
       TestInputStream stream(bytes);
       stream.failAtRead = static_cast<std::int64_t>(failing);
       const auto record = make();
@@ -171,8 +151,8 @@ void expectEachEndOfStreamStops(const Make& make, const std::string& bytes,
     for (const Slot slot : {Slot::none, Slot::empty, Slot::filled}) {
       SCOPED_TRACE("the stream ends before read " + std::to_string(missing) + ", " + nameOf(slot));
       const LogCapture log;
-      const ErrorPointer earlier = slot == Slot::filled ? earlierError() : nullptr;
-      ErrorPointer error = earlier;
+      const Error earlier = slot == Slot::filled ? earlierError() : nullptr;
+      Error error = earlier;
       TestInputStream stream(bytes.substr(0, sumOfFirst(widths, missing - 1)));
       const auto record = make();
 
@@ -193,11 +173,11 @@ void expectEachEndOfStreamStops(const Make& make, const std::string& bytes,
 template <class Record>
 void expectFailedParseGivesNoRecord(const std::string& bytes, std::size_t reads) {
   const LogCapture log;
-  ErrorPointer error;
+  Error error;
   TestInputStream empty{std::string()};
   EXPECT_EQ(nullptr, Record::initWithStream(empty, &error));
   EXPECT_EQ(nullptr, error);
-  const ErrorPointer earlier = earlierError();
+  const Error earlier = earlierError();
   error = earlier;
   TestInputStream emptyAgain{std::string()};
   EXPECT_EQ(nullptr, Record::initWithStream(emptyAgain, &error));

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <KQZip/KQZip.h>
-
 #include <cstdint>
-#include <memory>
+#include <filesystem>
 #include <string>
 
+#include "Support/ErrorExpectations.h"
 #include "Support/GoldenArchive.h"
 #include "Support/Surroundings.h"
 #include "Support/TemporaryDirectory.h"
@@ -38,20 +37,5 @@ class SourceTree {
   TemporaryDirectory folder_;
   TimeZone zone_;
 };
-
-using Error = std::shared_ptr<const KQ::NSError>;
-
-/// An error that no operation makes, to see whether a slot is written.
-Error untouchedError();
-
-/// What a log line shows for an error: its description, or "(null)" when there is none.
-std::string describe(const Error& error);
-
-/// Fails the test unless the error is exactly this one.
-void expectError(const Error& error, const std::string& domain, std::int64_t code,
-                 const std::string& description);
-
-/// expectError() for an error of the library's own domain.
-void expectError(const Error& error, std::int64_t code, const std::string& description);
 
 }  // namespace KQTest

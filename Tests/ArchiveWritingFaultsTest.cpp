@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/Bytes.h"
+#include "Support/FileSizeLimit.h"
 #include "Support/GoldenArchive.h"
 #include "Support/LogCapture.h"
 #include "Support/SourceTree.h"
@@ -336,17 +337,6 @@ TEST_F(ArchiveWritingFaults, AFailedFlushAtTheEndIsReportedAsAFailedWrite) {
 // Real failures of the system.
 
 namespace {
-
-// Runs `body` with files limited to `limit` bytes. A write beyond that fails like one on a full disk.
-void withFileSizeLimit(std::uint64_t limit, const std::function<void()>& body) {
-  rlimit before{};
-  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
-  rlimit limited = before;
-  limited.rlim_cur = static_cast<rlim_t>(limit);
-  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limited));
-  body();
-  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
-}
 
 // Writes an archive at each limit in turn, in a child process. It may only be called written when all of it
 // is there.

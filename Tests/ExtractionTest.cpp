@@ -17,6 +17,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/FileSizeLimit.h"
 #include "Support/LogCapture.h"
 #include "Support/NamedPipe.h"
 #include "Support/Surroundings.h"
@@ -126,14 +127,7 @@ LocalRecord withStep(LocalRecord record) {
 void withFilesUpTo(rlim_t limit, const std::function<void()>& body) {
   KQTest::inChildProcess([limit, &body] {
     std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limits{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &limits));
-    const rlim_t before = limits.rlim_cur;
-    limits.rlim_cur = limit;
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limits));
-    body();
-    limits.rlim_cur = before;
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limits));
+    KQTest::withFileSizeLimit(limit, body);
   });
 }
 

@@ -15,6 +15,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/ErrorExpectations.h"
+#include "Support/InteroperableArchive.h"
 #include "Support/LogCapture.h"
 #include "Support/OtherPrograms.h"
 #include "Support/Surroundings.h"
@@ -27,6 +28,7 @@ namespace fs = std::filesystem;
 using KQTest::bytesOf;
 using KQTest::Error;
 using KQTest::errorText;
+using KQTest::numberAt;
 using KQTest::patternBytes;
 using KQTest::readFile;
 using KQTest::readFrom;
@@ -59,13 +61,6 @@ void run(const Arguments& arguments, const std::string& folder) {
   ASSERT_EQ(0, result.exitStatus) << arguments.front() << ": " << result.errors << result.output;
 }
 
-std::uint64_t number(const std::string& bytes, std::size_t position, std::size_t width) {
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < width; ++i)
-    value |= static_cast<std::uint64_t>(static_cast<unsigned char>(bytes.at(position + i))) << (8 * i);
-  return value;
-}
-
 /// What a walk over an archive's local records meets, found without the library. Programs differ, and change,
 /// in whether they put an entry's sizes in front of its data or behind it, so each archive says itself what
 /// is to be expected of it.
@@ -78,7 +73,7 @@ struct Walk {
 Walk walk(const std::string& bytes) {
   Walk result;
   for (std::size_t at = 0; at + 4 <= bytes.size();) {
-    const std::uint64_t signature = number(bytes, at, 4);
+    const std::uint64_t signature = numberAt(bytes, at, 4);
     if (signature == 0x02014b50) return result;
     if (signature != 0x04034b50) {
       char text[16];
@@ -86,18 +81,18 @@ Walk walk(const std::string& bytes) {
       result.unsupported = std::string("-100 got unexpected bytes looking for known signatures: ") + text;
       return result;
     }
-    if (number(bytes, at + 8, 2) != 0) {
+    if (numberAt(bytes, at + 8, 2) != 0) {
       result.unsupported = compressionMessage;
       return result;
     }
-    if ((number(bytes, at + 6, 2) & 8) != 0) result.hasDescriptor = true;
-    const std::uint64_t nameLength = number(bytes, at + 26, 2);
-    const std::uint64_t extraLength = number(bytes, at + 28, 2);
+    if ((numberAt(bytes, at + 6, 2) & 8) != 0) result.hasDescriptor = true;
+    const std::uint64_t nameLength = numberAt(bytes, at + 26, 2);
+    const std::uint64_t extraLength = numberAt(bytes, at + 28, 2);
     result.names.push_back(bytes.substr(at + 30, nameLength));
-    std::uint64_t length = number(bytes, at + 18, 4);
+    std::uint64_t length = numberAt(bytes, at + 18, 4);
     const std::size_t extra = at + 30 + nameLength;
-    for (std::size_t field = extra; field < extra + extraLength; field += 4 + number(bytes, field + 2, 2)) {
-      if (number(bytes, field, 2) == 1) length = number(bytes, field + 12, 8);
+    for (std::size_t field = extra; field < extra + extraLength; field += 4 + numberAt(bytes, field + 2, 2)) {
+      if (numberAt(bytes, field, 2) == 1) length = numberAt(bytes, field + 12, 8);
     }
     at = extra + extraLength + length;
   }

@@ -22,6 +22,7 @@ using KQTest::Error;
 using KQTest::expectKQZipError;
 using KQTest::expectSameBytes;
 using KQTest::extraFieldBytes;
+using KQTest::fieldWith;
 using KQTest::hex;
 using KQTest::LogCapture;
 using KQTest::OuterProgress;
@@ -33,6 +34,7 @@ using KQTest::TimeZone;
 using KQTest::utcSeconds;
 using KQTest::writeFile;
 using KQTest::zip64FieldBytes;
+using KQTest::zip64With;
 
 namespace {
 
@@ -41,22 +43,6 @@ using Lengths = std::vector<std::uint64_t>;
 
 const std::uint16_t sourceTime = dosTime(12, 34, 56);
 const std::uint16_t sourceDate = dosDate(2021, 7, 4);
-
-std::shared_ptr<KQZipExtraField> fieldWith(std::uint16_t signature, const std::string& data) {
-  auto field = std::make_shared<KQZipExtraField>();
-  field->setFieldSignature(signature);
-  field->setFieldData(KQTest::dataOf(data));
-  return field;
-}
-
-std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> zip64With(std::uint64_t uncompressed,
-                                                            std::uint64_t compressed, std::uint64_t offset) {
-  auto field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
-  field->setUncompressedSize(uncompressed);
-  field->setCompressedSize(compressed);
-  field->setOffsetOfLocalHeaderRecord(offset);
-  return field;
-}
 
 // An entry whose local header was written at `offset`, and its central header, linked and copied.
 struct WrittenEntry {

@@ -26,6 +26,7 @@ using KQTest::dosTime;
 using KQTest::earlierError;
 using KQTest::Error;
 using KQTest::expectKQZipError;
+using KQTest::fieldWith;
 using KQTest::LogCapture;
 using KQTest::mebibyte;
 using KQTest::patternBytes;
@@ -36,6 +37,7 @@ using KQTest::TestOutputStream;
 using KQTest::TimeZone;
 using KQTest::utcSeconds;
 using KQTest::writeFile;
+using KQTest::zip64With;
 
 namespace {
 
@@ -69,22 +71,6 @@ class WatchingField : public KQZipExtraField {
  protected:
   std::shared_ptr<KQZipExtraField> _newInstance() const override { return std::make_shared<WatchingField>(); }
 };
-
-std::shared_ptr<KQZipExtraField> fieldWith(std::uint16_t signature, const std::string& data) {
-  auto field = std::make_shared<KQZipExtraField>();
-  field->setFieldSignature(signature);
-  field->setFieldData(KQTest::dataOf(data));
-  return field;
-}
-
-std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> zip64With(std::uint64_t uncompressed,
-                                                            std::uint64_t compressed, std::uint64_t offset) {
-  auto field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
-  field->setUncompressedSize(uncompressed);
-  field->setCompressedSize(compressed);
-  field->setOffsetOfLocalHeaderRecord(offset);
-  return field;
-}
 
 // An entry whose data comes from a file with these contents.
 struct SourceEntry {

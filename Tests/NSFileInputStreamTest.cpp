@@ -18,13 +18,18 @@
 #include <vector>
 
 #include "Support/ErrorExpectations.h"
+#include "Support/SparseFile.h"
+#include "Support/StreamCalls.h"
 #include "Support/Surroundings.h"
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryDirectory.h"
 
 using KQ::NSInputStream;
 using KQTest::expectPOSIXCode;
+using KQTest::nextFileNumber;
 using KQTest::patternBytes;
+using KQTest::readOnce;
+using KQTest::sparseFile;
 using KQTest::SystemCalls;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
@@ -40,16 +45,6 @@ std::shared_ptr<NSInputStream> openStream(const std::string& path) {
   if (!stream) throw std::runtime_error("no stream for " + path);
   stream->open();
   return stream;
-}
-
-// Asks for `length` bytes once; nothing after an error.
-std::optional<std::string> readOnce(NSInputStream& stream, std::uint64_t length) {
-  std::string bytes(length, '?');
-  const std::int64_t count = stream.read(reinterpret_cast<std::uint8_t*>(bytes.data()), length);
-  if (count < 0) return std::nullopt;
-  EXPECT_LE(static_cast<std::uint64_t>(count), length);
-  bytes.resize(static_cast<std::size_t>(count));
-  return bytes;
 }
 
 std::int64_t countOfRead(NSInputStream& stream) {
@@ -84,25 +79,12 @@ void compareRandomAccess(NSInputStream& stream, const std::string& contents, int
   }
 }
 
-// A file of `length` zero bytes that takes no room on the disk.
-void makeSparseFile(const std::string& path, std::uint64_t length) {
-  writeFile(path, "");
-  std::filesystem::resize_file(path, length);
-}
-
 void writeAt(const std::string& path, std::uint64_t offset, const std::string& bytes) {
   const int file = open(path.c_str(), O_WRONLY);
   ASSERT_GE(file, 0);
   EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
             pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)));
   close(file);
-}
-
-// The number that the next opened file gets; it grows when a file is left open.
-int nextFileNumber() {
-  const int file = open("/dev/null", O_RDONLY);
-  close(file);
-  return file;
 }
 
 bool isInside(const SystemCalls::Transfer& transfer, const std::string& memory) {
@@ -425,7 +407,7 @@ TEST(NSFileInputStream, SettingTheOffsetAfterTheEndWasMetReachesWhatWasAppendedS
 TEST(NSFileInputStream, OffsetsBeyondFourGiBReachTheirBytes) {
   const TemporaryDirectory folder;
   const std::uint64_t size = (std::uint64_t{5} << 30) + 100;
-  makeSparseFile(folder / "file", size);
+  sparseFile(folder / "file", size);
   writeAt(folder / "file", size - 6, "behind");
   writeAt(folder / "file", (std::uint64_t{1} << 32) - 3, "across");
   const auto stream = openStream(folder / "file");
@@ -578,7 +560,7 @@ TEST(NSFileInputStream, AScanThatJumpsOverLargeDataReadsOnlyALittleOfIt) {
   const TemporaryDirectory folder;
   constexpr std::uint64_t records = 100;
   constexpr std::uint64_t stride = 60 + oneMiB;
-  makeSparseFile(folder / "file", records * stride);
+  sparseFile(folder / "file", records * stride);
   for (std::uint64_t i = 0; i < records; ++i)
     writeAt(folder / "file", i * stride, "PK\3\4" + std::to_string(i));
   const auto stream = openStream(folder / "file");

@@ -16,17 +16,20 @@
 #include <vector>
 
 #include "Support/ErrorExpectations.h"
+#include "Support/StreamCalls.h"
 #include "Support/Surroundings.h"
 #include "Support/SystemCalls.h"
 #include "Support/TemporaryDirectory.h"
 
 using KQ::NSOutputStream;
 using KQTest::expectPOSIXCode;
+using KQTest::nextFileNumber;
 using KQTest::patternBytes;
 using KQTest::readFile;
 using KQTest::SystemCalls;
 using KQTest::TemporaryDirectory;
 using KQTest::writeFile;
+using KQTest::writeOnce;
 
 using namespace std::string_literals;
 
@@ -38,10 +41,6 @@ std::shared_ptr<NSOutputStream> openStream(const std::string& path) {
   std::shared_ptr<NSOutputStream> stream = NSOutputStream::outputStreamToFileAtPath(path);
   stream->open();
   return stream;
-}
-
-std::int64_t writeOnce(NSOutputStream& stream, const std::string& bytes) {
-  return stream.write(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 bool takesAll(NSOutputStream& stream, const std::string& bytes) {
@@ -76,12 +75,6 @@ std::string writeMixture(NSOutputStream& stream, unsigned seed, int count) {
     }
   }
   return expected;
-}
-
-int nextFileNumber() {
-  const int file = open("/dev/null", O_RDONLY);
-  close(file);
-  return file;
 }
 
 // No file of this process gets longer than this while the process lives.

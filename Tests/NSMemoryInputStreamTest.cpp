@@ -7,10 +7,12 @@
 #include <random>
 #include <string>
 
+#include "Support/StreamCalls.h"
 #include "Support/TemporaryDirectory.h"
 
 using KQ::NSData;
 using KQ::NSInputStream;
+using KQTest::readOnce;
 
 namespace {
 
@@ -22,16 +24,6 @@ std::shared_ptr<NSInputStream> openStreamOn(const std::string& bytes) {
   std::shared_ptr<NSInputStream> stream = streamOn(bytes);
   stream->open();
   return stream;
-}
-
-// Asks for `length` bytes once; nothing after an error.
-std::optional<std::string> readOnce(NSInputStream& stream, std::uint64_t length) {
-  std::string bytes(length, '?');
-  const std::int64_t count = stream.read(reinterpret_cast<std::uint8_t*>(bytes.data()), length);
-  if (count < 0) return std::nullopt;
-  EXPECT_LE(static_cast<std::uint64_t>(count), length);
-  bytes.resize(static_cast<std::size_t>(count));
-  return bytes;
 }
 
 }  // namespace

@@ -6,9 +6,11 @@
 #include <random>
 #include <string>
 
+#include "Support/StreamCalls.h"
 #include "Support/TemporaryDirectory.h"
 
 using KQ::NSOutputStream;
+using KQTest::writeOnce;
 
 namespace {
 
@@ -16,10 +18,6 @@ std::shared_ptr<NSOutputStream> openStream() {
   std::shared_ptr<NSOutputStream> stream = NSOutputStream::outputStreamToMemory();
   stream->open();
   return stream;
-}
-
-std::int64_t writeOnce(NSOutputStream& stream, const std::string& bytes) {
-  return stream.write(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 std::string written(const NSOutputStream& stream) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/EightThreads.h"
 #include "Support/ErrorExpectations.h"
 #include "Support/LogCapture.h"
 #include "Support/TemporaryDirectory.h"
@@ -28,32 +29,19 @@ using KQTest::Error;
 using KQTest::errorText;
 using KQTest::LocalRecord;
 using KQTest::LogCapture;
+using KQTest::onEightThreads;
 using KQTest::patternBytes;
 using KQTest::plainRecord;
 using KQTest::readFile;
 using KQTest::TemporaryDirectory;
+using KQTest::threadCount;
 using KQTest::writeFile;
 using KQTest::zip64Record;
 
 using Reader = std::shared_ptr<KQZipFileReader>;
 using Records = std::vector<LocalRecord>;
 
-constexpr int threadCount = 8;
 constexpr std::size_t mebibyte = 1048576;
-
-/// Runs `body` on eight threads that begin together, each with its number.
-void onEightThreads(const std::function<void(int)>& body) {
-  std::atomic<int> waiting{threadCount};
-  std::vector<std::thread> threads;
-  for (int number = 0; number < threadCount; ++number) {
-    threads.emplace_back([&waiting, &body, number] {
-      --waiting;
-      while (waiting > 0) std::this_thread::yield();
-      body(number);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
 
 /// Records whose paths are in sorted order, of sizes on both sides of a block.
 Records someRecords() {
@@ -79,13 +67,13 @@ TEST(ReaderThreads, EightThreadsUseOneReaderAtOnce) {
   writeFile(folder / "a.zip", archiveBytes(records));
   const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip");
   ASSERT_TRUE(reader);
-  onEightThreads([&](int number) {
+  onEightThreads([&](std::size_t number) {
     const std::string out = folder / ("out " + std::to_string(number));
     for (std::size_t round = 0; round < 2; ++round) {
       EXPECT_EQ(pathsOf(records), reader->relativePaths());
       for (std::size_t i = 0; i < records.size(); ++i) {
         // Each thread begins with another entry.
-        const LocalRecord& record = records[(i + static_cast<std::size_t>(number)) % records.size()];
+        const LocalRecord& record = records[(i + number) % records.size()];
         const auto attributes = reader->attributesForRelativePath(record.name);
         EXPECT_EQ(record.data.size(), attributes->NSFileSize);
         EXPECT_EQ("2020-06-15 12:34:56", KQTest::localTime(*attributes->NSFileModificationDate));
@@ -108,8 +96,8 @@ TEST(ReaderThreads, EightThreadsWriteBelowOneFolderThatNoneOfThemFinds) {
   writeFile(folder / "a.zip", archiveBytes(records));
   const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip");
   ASSERT_TRUE(reader);
-  onEightThreads([&](int number) {
-    const LocalRecord& record = records[static_cast<std::size_t>(number)];
+  onEightThreads([&](std::size_t number) {
+    const LocalRecord& record = records[number];
     Error error;
     EXPECT_TRUE(reader->writeDataForRelativePath(record.name,
                                                  folder / ("new/deep/er/" + std::to_string(number)), &error))
@@ -123,7 +111,7 @@ TEST(ReaderThreads, EightThreadsOpenAndExtractOneArchiveAtOnce) {
   const Records records = someRecords();
   writeFile(folder / "a.zip", archiveBytes(records));
   LogCapture log;
-  onEightThreads([&](int number) {
+  onEightThreads([&](std::size_t number) {
     const std::string out = folder / ("out " + std::to_string(number));
     Error error;
     EXPECT_TRUE(KQZipFileReader::unzipFileAtPath(folder / "a.zip", out, &error)) << errorText(error);
@@ -142,7 +130,7 @@ TEST(ReaderThreads, EightThreadsFailOnDamagedArchivesAtOnce) {
   writeFile(folder / "unknown.zip", plainRecord("a", "1").bytes() + "%PDF");
   writeFile(folder / "cut.zip", plainRecord("a", "1").bytes().substr(0, 20));
   LogCapture log;
-  onEightThreads([&](int number) {
+  onEightThreads([&](std::size_t number) {
     const bool cut = number % 2 == 0;
     for (int round = 0; round < 20; ++round) {
       Error error;
@@ -161,7 +149,7 @@ TEST(ReaderThreads, EachThreadHasProgressOfItsOwn) {
   writeFile(folder / "a.zip", archiveBytes(someRecords()));
   const Reader reader = KQZipFileReader::initWithZipPath(folder / "a.zip");
   ASSERT_TRUE(reader);
-  onEightThreads([&](int number) {
+  onEightThreads([&](std::size_t number) {
     const bool cancels = number % 2 == 0;
     const auto progress = NSProgress::progressWithTotalUnitCount(1);
     progress->becomeCurrentWithPendingUnitCount(1);

@@ -13,6 +13,7 @@
 #include "Support/InteroperableArchive.h"
 #include "Support/RunningProgram.h"
 #include "Support/SourceTree.h"
+#include "Support/SparseFile.h"
 #include "Support/StoppedProgram.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
@@ -24,13 +25,6 @@ using namespace KQTest;
 namespace {
 
 constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
-
-/// A file that takes long to read and no room on the disk.
-std::string sparseFile(const std::string& path, std::uint64_t length) {
-  writeFile(path, "");
-  fs::resize_file(path, length);
-  return path;
-}
 
 /// An archive whose only entry takes long to read and no room on the disk.
 std::string archiveOfSparseEntry(const std::string& path, const std::string& name, std::uint64_t length) {

@@ -13,6 +13,7 @@
 
 #include "Support/ArchiveRecords.h"
 #include "Support/RunningProgram.h"
+#include "Support/SparseFile.h"
 #include "Support/StoppedProgram.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/Tool.h"
@@ -65,12 +66,6 @@ class Screen {
 };
 
 using Lines = std::vector<std::string>;
-
-std::string sparseFile(const std::string& path, std::uint64_t length) {
-  writeFile(path, "");
-  fs::resize_file(path, length);
-  return path;
-}
 
 std::string headerOfLength(const std::string& name, std::uint64_t length) {
   LocalRecord record = plainRecord(name, "");

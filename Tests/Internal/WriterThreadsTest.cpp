@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Support/ArchiveRecords.h"
+#include "Support/EightThreads.h"
 #include "Support/GoldenArchive.h"
 #include "Support/LogCapture.h"
 #include "Support/ScriptedSystem.h"
@@ -29,22 +30,7 @@ namespace {
 using KQ::NSProgress;
 using Lines = std::vector<std::string>;
 
-constexpr std::size_t threadCount = 8;
 constexpr std::size_t mebibyte = 1048576;
-
-/// Runs `body` on eight threads that begin together, each with its number.
-void onEightThreads(const std::function<void(std::size_t)>& body) {
-  std::atomic<std::size_t> waiting{threadCount};
-  std::vector<std::thread> threads;
-  for (std::size_t number = 0; number < threadCount; ++number) {
-    threads.emplace_back([&waiting, &body, number] {
-      --waiting;
-      while (waiting > 0) std::this_thread::yield();
-      body(number);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
 
 /// Runs the test that is running once more, in a process where nothing was done before.
 void expectPassesInAProcessOfItsOwn() {

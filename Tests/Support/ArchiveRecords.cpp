@@ -82,41 +82,24 @@ void writeSparseArchive(const std::string& path, const std::vector<LocalRecord>&
   LocalRecord large = plainRecord(name, "");
   large.size = 0xFFFFFFFF;
   large.extra = zip64FieldBytes(length, length);
-  std::string central = centralHeaderBytes(large, static_cast<std::uint32_t>(locals.size()));
-  const std::string extra = extraFieldBytes(1, Bytes().u64(length).u64(length));
-  central.replace(20, 8, std::string(8, '\xFF'));
-  central[30] = static_cast<char>(extra.size());
-  centrals += central + extra;
+  centrals += CentralHeaderFields{.versionNeeded = 10,
+                                  .modTime = large.modTime,
+                                  .modDate = large.modDate,
+                                  .offsetOfLocalHeader = static_cast<std::uint32_t>(locals.size()),
+                                  .name = name,
+                                  .extra = extraFieldBytes(1, Bytes().u64(length).u64(length))}
+                  .bytes();
   locals += large.header();
-  const std::uint64_t end = locals.size() + length;
+  const std::uint64_t start = locals.size() + length;
+  EndRecords end{.count = before.size() + 1,
+                 .size = centrals.size(),
+                 .start = start,
+                 .zip64Start = start + centrals.size()};
+  const std::string zip64End = end.zip64Record() + end.locator();
+  end.start = 0xFFFFFFFF;
   std::ofstream(path, std::ios::binary) << locals;
-  std::filesystem::resize_file(path, end);
-  std::ofstream(path, std::ios::binary | std::ios::app) << centrals
-                                                        << Bytes()
-                                                               .u32(0x06064B50)
-                                                               .u64(44)
-                                                               .u16(0x031E)
-                                                               .u16(45)
-                                                               .u32(0)
-                                                               .u32(0)
-                                                               .u64(before.size() + 1)
-                                                               .u64(before.size() + 1)
-                                                               .u64(centrals.size())
-                                                               .u64(end)
-                                                               .u32(0x07064B50)
-                                                               .u32(0)
-                                                               .u64(end + centrals.size())
-                                                               .u32(1)
-                                                               .string()
-                                                        << Bytes()
-                                                               .u32(0x06054B50)
-                                                               .u32(0)
-                                                               .u16(before.size() + 1)
-                                                               .u16(before.size() + 1)
-                                                               .u32(centrals.size())
-                                                               .u32(0xFFFFFFFF)
-                                                               .u16(0)
-                                                               .string();
+  std::filesystem::resize_file(path, start);
+  std::ofstream(path, std::ios::binary | std::ios::app) << centrals << zip64End << end.classicRecord();
 }
 
 std::optional<std::string> bytesOf(const std::shared_ptr<const KQ::NSData>& data) {

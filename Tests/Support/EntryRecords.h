@@ -33,6 +33,25 @@ inline long long utcSeconds(int year, unsigned month, unsigned day, int hour = 0
 /// The date at a number of seconds since 1970.
 inline KQ::NSDate dateAt(long long seconds) { return KQ::NSDate(std::chrono::seconds(seconds)); }
 
+/// A field with these contents.
+inline std::shared_ptr<KQZipExtraField> fieldWith(std::uint16_t signature, const std::string& data) {
+  auto field = std::make_shared<KQZipExtraField>();
+  field->setFieldSignature(signature);
+  field->setFieldData(dataOf(data));
+  return field;
+}
+
+/// A Zip64 field with these values.
+inline std::shared_ptr<KQZipExtraFieldZip64ExtendedInfo> zip64With(std::uint64_t uncompressed,
+                                                                   std::uint64_t compressed,
+                                                                   std::uint64_t offset) {
+  auto field = std::make_shared<KQZipExtraFieldZip64ExtendedInfo>();
+  field->setUncompressedSize(uncompressed);
+  field->setCompressedSize(compressed);
+  field->setOffsetOfLocalHeaderRecord(offset);
+  return field;
+}
+
 /// A stream on a record's bytes that stands behind its signature, where a parse begins.
 class StreamBehindSignature : public TestInputStream {
  public:

@@ -1,11 +1,10 @@
 // Opens the input as an archive and uses everything that a reader offers, scans it as the tool does and
-// prints what the tool would, then makes it interoperable.
+// prints what the tool would, verifies and unpacks it as a whole, then makes it interoperable.
 
 #include <algorithm>
 
 #include "ArchiveScan.h"
 #include "DirectoryComparison.h"
-#include "ExtractionPlan.h"
 #include "FuzzSupport.h"
 #include "Json.h"
 #include "List.h"
@@ -115,13 +114,27 @@ void scanAsTheTool(const std::string& archive) {
   }
   require(end <= std::filesystem::file_size(archive), "every entry is whole");
   printAsTheTool(scan);
-  try {
-    Tool::refuseUnsafeNames(scan, false);
-    for (const Tool::ExtractionItem& item : Tool::planExtraction(scan, {}).items)
-      require(item.target.size() <= item.entry->name.size(), "a target is a name or less");
-  } catch (const Tool::Failure&) {
-    // Refused before anything is written.
+}
+
+// Opens, verifies and unpacks the whole archive, whatever is wrong with it.
+void useAsAWhole(const std::string& archive) {
+  std::shared_ptr<const KQ::NSError> error;
+  const auto whole = KQZipArchive::open(archive, &error);
+  if (!whole) {
+    require(error != nullptr, "what is no archive has a reason");
+    return;
   }
+  for (const KQZipArchiveEntry& entry : whole->entries())
+    require(whole->find(entry.name()).has_value(), "an entry is found by its name");
+  KQZipReport report;
+  const bool isRight = whole->verify({.threads = 1}, report, &error);
+  require(isRight == report.problems().empty(), "what is not right has a problem");
+  const std::filesystem::path destination = KQFuzz::scratch() / "unpacked";
+  KQFuzz::empty(destination);
+  KQZipUnpackOptions options;
+  options.threads = 1;
+  if (whole->unpack(destination, options, report, &error))
+    require(report.problems().empty(), "what is unpacked whole has no problem");
 }
 
 void makeInteroperable(const std::string& archive, const std::vector<std::string>& paths) {
@@ -146,6 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
   const std::string archive = KQFuzz::scratch() / "archive.zip";
   KQFuzz::writeFile(archive, bytes, length);
   scanAsTheTool(archive);
+  useAsAWhole(archive);
   std::shared_ptr<const KQ::NSError> error;
   const auto reader = KQZipFileReader::initWithZipPath(archive, &error);
   if (!reader) {

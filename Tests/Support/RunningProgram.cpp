@@ -135,6 +135,10 @@ void RunningProgram::sendUntilItEnds(int signal) {
   });
 }
 
+void RunningProgram::waitUntilItEnds() {
+  waitUntil([this] { return hasEnded(); });
+}
+
 bool RunningProgram::hasEnded() {
   siginfo_t information{};
   return waitid(P_PID, static_cast<id_t>(process_), &information, WEXITED | WNOHANG | WNOWAIT) == 0 &&

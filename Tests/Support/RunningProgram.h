@@ -45,6 +45,9 @@ class RunningProgram {
   /// Sends the signal until the program ends, reading nothing.
   void sendUntilItEnds(int signal);
 
+  /// Waits until the program ends, reading nothing.
+  void waitUntilItEnds();
+
   /// Reads both streams to their ends and waits for the program's. With one terminal for both, everything is
   /// in `errors`.
   ProcessResult finish();

@@ -527,8 +527,10 @@ TEST_F(KQZipPackingFaultsTest, ASmallFileCostsFourCallsAndAProgressOneMore) {
   };
   const std::size_t base = callsFor("few", 300, false);
   const std::size_t more = callsFor("many", 900, false);
-  EXPECT_LE(more - base, 4 * 600 + 40U);
-  EXPECT_LE(callsFor("watched", 900, true) - callsFor("less watched", 300, true), 5 * 600 + 40U);
+  // Where a folder's list does not tell what its items are, each is asked for once more.
+  const std::size_t calls = KQZIP_FOLDERS_TELL_TYPES ? 4 : 5;
+  EXPECT_LE(more - base, calls * 600 + 40U);
+  EXPECT_LE(callsFor("watched", 900, true) - callsFor("less watched", 300, true), (calls + 1) * 600 + 40U);
 }
 
 }  // namespace
